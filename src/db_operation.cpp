@@ -1,0 +1,256 @@
+/*
+ * db_operation.cpp - the database access core.
+ *
+ * Owns the one SQLite connection of the process, opened lazily on first use and kept until the
+ * host closes it; runs write statements and table reads on it; turns every SQLite outcome into
+ * the library's status codes; and profiles statements while the marker file exists. Every other
+ * module reaches SQLite only through the functions of this file.
+ */
+#include <sqlite3.h>
+#include <sys/types.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "analyticsdb.h"
+#include "internal/guards.h"
+#include "internal/log.h"
+#include "internal/numbers.h"
+#include "internal/text_builder.h"
+
+ADB_LOG_MODULE("db_operation")
+
+extern "C" {
+ADB_API sqlite3 *database_connection = nullptr;
+ADB_API uint8_t foreignKeyEanbled = 0;
+}
+
+namespace {
+
+// A path is handed to SQLite from a zeroed buffer of this size (255 characters at most).
+constexpr size_t kPathCapacity = 256;
+constexpr size_t kMaxPathLength = kPathCapacity - 1;
+
+char gDatabasePath[kPathCapacity] = ANALYTICSDB_DEFAULT_DB_PATH;
+char gProfileMarkerPath[kPathCapacity] = ANALYTICSDB_DEFAULT_PROFILE_MARKER;
+
+int32_t storePath(char (&target)[kPathCapacity], const char *path) {
+  if (path == nullptr || path[0] == '\0' || std::strlen(path) > kMaxPathLength) {
+    return DB_STATUS_FAILURE;
+  }
+  adb::TextBuilder(target, sizeof target).append(path);
+  return DB_STATUS_SUCCESS;
+}
+
+const char *orNull(const char *text) { return text != nullptr ? text : "NULL"; }
+
+// The status of a failed statement, by SQLite's result code. "no such table" in the message is
+// tested by the callers first, since it wins over every code.
+int32_t statusOf(int result) {
+  switch (result & 0xff) {
+    case SQLITE_CONSTRAINT:
+      return DB_STATUS_CONSTRAINT;
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+      return DB_STATUS_BUSY;
+    default:
+      return DB_STATUS_FAILURE;
+  }
+}
+
+bool mentionsMissingTable(const char *message) {
+  return message != nullptr && std::strstr(message, "no such table") != nullptr;
+}
+
+sqlite3 *connectionOf(sqlite3 **handle) { return handle != nullptr ? *handle : nullptr; }
+
+// One profiling sample: wall-clock milliseconds and the process's CPU ticks.
+struct ProfileSample {
+  uint64_t millis = 0;
+  uint32_t ticks = 0;
+
+  static ProfileSample take() {
+    ProfileSample sample;
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    sample.millis = static_cast<uint64_t>(now.tv_sec) * 1000u +
+                    static_cast<uint64_t>(now.tv_nsec / 1000000);
+    db_getCpuTime(&sample.ticks);
+    return sample;
+  }
+};
+
+// Profiling costs two child processes per statement, so it only runs while the marker file
+// exists (tested on every call, so creating or removing it takes effect at once) and while its
+// info-level line would be logged at all.
+bool profilingOn() {
+  return adb::log::enabled(RYX_LOG_INFO) && access(gProfileMarkerPath, F_OK) == 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+ADB_API int32_t db_setDatabasePath(const char *path) {
+  if (database_connection != nullptr) return DB_STATUS_FAILURE;
+  return storePath(gDatabasePath, path);
+}
+
+ADB_API int32_t db_setProfileMarkerPath(const char *path) {
+  return storePath(gProfileMarkerPath, path);
+}
+
+ADB_API int32_t db_open_connection(sqlite3 **handle) {
+  foreignKeyEanbled = 0;
+  if (handle == nullptr) return DB_STATUS_OPEN_FAILED;
+  char path[kPathCapacity] = {};
+  adb::TextBuilder(path, sizeof path).append(gDatabasePath);
+  int result = sqlite3_open_v2(path, handle,
+                               SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
+                               nullptr);
+  if (result != SQLITE_OK) {
+    ADB_LOG_ERROR("[analyticsDB] Opening connection failed ret %d message: %s\n", result,
+                  sqlite3_errmsg(*handle));
+    // SQLite hands out a handle even when the open fails; it must be released.
+    db_close_connection(handle);
+    return DB_STATUS_OPEN_FAILED;
+  }
+  return DB_STATUS_SUCCESS;
+}
+
+ADB_API int32_t db_open(void) {
+  if (database_connection == nullptr) {
+    int32_t status = db_open_connection(&database_connection);
+    if (status != DB_STATUS_SUCCESS) return status;
+    // SQLite accepts only powers of two as page size, so this statement has no effect; it is
+    // kept as the file format's history has it.
+    db_execStatement("PRAGMA page_size = 10240", &database_connection);
+  } else {
+    ADB_LOG_DEBUG("[analyticsDB] Already connected to DB\n");
+  }
+  if (foreignKeyEanbled == 0 &&
+      db_execStatement("PRAGMA foreign_keys = ON", &database_connection) == DB_STATUS_SUCCESS) {
+    foreignKeyEanbled = 1;
+  }
+  return DB_STATUS_SUCCESS;
+}
+
+ADB_API int32_t db_close_connection(sqlite3 **handle) {
+  if (handle == nullptr) return DB_STATUS_SUCCESS;
+  int result = sqlite3_close_v2(*handle);
+  if (result != SQLITE_OK) {
+    ADB_LOG_ERROR("[analyticsDB] Closing connection failed %d\n", result);
+    return DB_STATUS_FAILURE;
+  }
+  *handle = nullptr;
+  return DB_STATUS_SUCCESS;
+}
+
+ADB_API int32_t db_close(void) {
+  if (database_connection == nullptr) return DB_STATUS_SUCCESS;
+  return db_close_connection(&database_connection);
+}
+
+ADB_API int32_t db_closeConnection(void) { return db_close(); }
+
+ADB_API int32_t db_closeDbConnection(void) { return db_closeConnection(); }
+
+ADB_API int32_t db_execStatement(const char *sql, sqlite3 **handle) {
+  ADB_LOG_DEBUG("[analyticsDB] WRITE QUERY: %s", orNull(sql));
+  adb::SqliteMessage message;
+  int result = sqlite3_exec(connectionOf(handle), sql, nullptr, nullptr, message.out());
+  if (result == SQLITE_OK) return DB_STATUS_SUCCESS;
+  if (message.get() != nullptr) {
+    // A duplicate key is the expected first step of insert-or-update: not worth an error line.
+    if ((result & 0xff) == SQLITE_CONSTRAINT && std::strstr(message.get(), "UNIQUE constraint")) {
+      ADB_LOG_DEBUG("[analyticsDB] WRITE Error: %s ret : %d \n Query : %s \n", message.get(),
+                    result, orNull(sql));
+    } else {
+      ADB_LOG_ERROR("[analyticsDB] WRITE Error: %s ret : %d \n Query : %s \n", message.get(),
+                    result, orNull(sql));
+    }
+    if (mentionsMissingTable(message.get())) {
+      ADB_LOG_ERROR("[analyticsDB] WRITE Table doesnt exist\n");
+      return DB_STATUS_NO_TABLE;
+    }
+  } else {
+    ADB_LOG_ERROR("[analyticsDB] WRITE Error: ret : %d \n Query : %s \n", result, orNull(sql));
+  }
+  return statusOf(result);
+}
+
+ADB_API int32_t db_retrieveTableData(const char *sql, char ***cells, int32_t *rowCount,
+                                     int32_t *columnCount, sqlite3 **handle) {
+  ADB_LOG_DEBUG("[analyticsDB] READ QUERY : %s\n", orNull(sql));
+  adb::SqliteMessage message;
+  int result = sqlite3_get_table(connectionOf(handle), sql, cells, rowCount, columnCount,
+                                 message.out());
+  if (result == SQLITE_OK) return DB_STATUS_SUCCESS;
+  if (message.get() != nullptr) {
+    ADB_LOG_ERROR("[analyticsDB] READ ERROR : %s ret : %d\n", message.get(), result);
+    if (mentionsMissingTable(message.get())) {
+      ADB_LOG_ERROR("[analyticsDB] READ Table doesnt exist\n");
+      return DB_STATUS_NO_TABLE;
+    }
+  } else {
+    ADB_LOG_ERROR("[analyticsDB] READ Error: ret : %d \n", result);
+  }
+  return statusOf(result);
+}
+
+ADB_API int32_t db_write(const char *sql) {
+  if (!profilingOn()) return db_execStatement(sql, &database_connection);
+  ProfileSample start = ProfileSample::take();
+  int32_t status = db_execStatement(sql, &database_connection);
+  ProfileSample end = ProfileSample::take();
+  ADB_LOG_INFO("[analyticsDB] Profile : Time [%llu] millisecs  Clock ticks [%lu] API [%s]",
+               static_cast<unsigned long long>(end.millis - start.millis),
+               static_cast<unsigned long>(end.ticks - start.ticks), orNull(sql));
+  return status;
+}
+
+ADB_API int32_t db_read(const char *sql, char ***cells, int32_t *rowCount, int32_t *columnCount) {
+  if (!profilingOn()) {
+    return db_retrieveTableData(sql, cells, rowCount, columnCount, &database_connection);
+  }
+  ProfileSample start = ProfileSample::take();
+  int32_t status = db_retrieveTableData(sql, cells, rowCount, columnCount, &database_connection);
+  ProfileSample end = ProfileSample::take();
+  ADB_LOG_INFO("[analyticsDB] Profile : Time [%llu] millisecs Clock ticks [%lu] API [%s]",
+               static_cast<unsigned long long>(end.millis - start.millis),
+               static_cast<unsigned long>(end.ticks - start.ticks), orNull(sql));
+  return status;
+}
+
+ADB_API void db_freeTableResult(char ***cells) {
+  ADB_LOG_DEBUG("[analyticsDB] Freeing memory allocated for Table output\n");
+  if (cells != nullptr) sqlite3_free_table(*cells);
+}
+
+ADB_API void db_freeResult(char ***cells) { db_freeTableResult(cells); }
+
+ADB_API int32_t db_getCpuTime(uint32_t *ticks) {
+  // awk prints the user and system time of this process (fields 14 and 15), one blank apart.
+  adb::FixedText<256> command;
+  command.appendf("awk '{print $%d\" \"$%d}' /proc/%d/stat", 14, 15, static_cast<int>(getpid()));
+  FILE *pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) {
+    ADB_LOG_ERROR("[analyticsDB] cant execute command [%s]\n", command.c_str());
+    return DB_STATUS_FAILURE;
+  }
+  char line[256] = {};
+  uint32_t sum = 0;
+  if (std::fgets(line, sizeof line, pipe) != nullptr) {
+    char *save = nullptr;
+    const char *user = strtok_r(line, " \n", &save);
+    const char *system = user != nullptr ? strtok_r(nullptr, " \n", &save) : nullptr;
+    sum = adb::strtoul32(user) + adb::strtoul32(system);
+  }
+  int32_t status = pclose(pipe);
+  if (ticks != nullptr) *ticks = sum;
+  return status;
+}
+
+}  // extern "C"

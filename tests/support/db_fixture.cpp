@@ -1,0 +1,182 @@
+/*
+ * db_fixture.cpp - shared test fixtures (see db_fixture.h).
+ */
+#include "support/db_fixture.h"
+
+#include <sqlite3.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <sstream>
+
+namespace adbtest {
+
+namespace {
+constexpr std::string_view kPrefix = "analyticsDB: [";
+}
+
+std::string_view LogLine::message() const {
+  std::string_view view(text);
+  if (view.substr(0, kPrefix.size()) != kPrefix) return view;
+  size_t end = view.find("] ");
+  return end == std::string_view::npos ? view : view.substr(end + 2);
+}
+
+std::string LogLine::where() const {
+  std::string_view view(text);
+  if (view.substr(0, kPrefix.size()) != kPrefix) return {};
+  size_t colon = view.find(':', kPrefix.size());
+  if (colon == std::string_view::npos) return {};
+  return std::string(view.substr(kPrefix.size(), colon - kPrefix.size()));
+}
+
+LogCapture::LogCapture(int level) {
+  ryxLogSetHandler(&LogCapture::handle, this);
+  ryxLogSetLevel(level);
+}
+
+LogCapture::~LogCapture() {
+  ryxLogSetHandler(nullptr, nullptr);
+  ryxLogSetLevel(RYX_LOG_NOTICE);
+}
+
+void LogCapture::handle(int level, const char *line, void *user) {
+  static_cast<LogCapture *>(user)->lines_.push_back(LogLine{level, line});
+}
+
+size_t LogCapture::count(int level, std::string_view message) const {
+  size_t n = 0;
+  for (const LogLine &line : lines_) n += (line.level == level && line.message() == message);
+  return n;
+}
+
+size_t LogCapture::countContaining(std::string_view part) const {
+  size_t n = 0;
+  for (const LogLine &line : lines_) n += (line.text.find(part) != std::string::npos);
+  return n;
+}
+
+std::string LogCapture::dump() const {
+  std::ostringstream out;
+  for (const LogLine &line : lines_) out << line.level << ' ' << line.text << '\n';
+  return out.str();
+}
+
+RawDb::RawDb(const std::string &path) {
+  if (sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
+      SQLITE_OK) {
+    ADD_FAILURE() << "cannot open " << path << ": " << sqlite3_errmsg(db_);
+  }
+  // A test's own reads must not fail because the library is between statements.
+  sqlite3_busy_timeout(db_, 2000);
+}
+
+RawDb::~RawDb() { sqlite3_close_v2(db_); }
+
+int RawDb::tryExec(const std::string &sql) {
+  return sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, nullptr);
+}
+
+void RawDb::exec(const std::string &sql) {
+  char *message = nullptr;
+  int result = sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &message);
+  EXPECT_EQ(result, SQLITE_OK) << sql << ": " << (message != nullptr ? message : "");
+  sqlite3_free(message);
+}
+
+Rows RawDb::query(const std::string &sql) {
+  Rows rows;
+  sqlite3_stmt *statement = nullptr;
+  if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
+    ADD_FAILURE() << sql << ": " << sqlite3_errmsg(db_);
+    return rows;
+  }
+  while (sqlite3_step(statement) == SQLITE_ROW) {
+    Row row;
+    for (int c = 0; c < sqlite3_column_count(statement); ++c) {
+      const unsigned char *text = sqlite3_column_text(statement, c);
+      row.push_back(text != nullptr ? Cell(reinterpret_cast<const char *>(text)) : std::nullopt);
+    }
+    rows.push_back(std::move(row));
+  }
+  sqlite3_finalize(statement);
+  return rows;
+}
+
+Cell RawDb::scalar(const std::string &sql) {
+  Rows rows = query(sql);
+  if (rows.empty() || rows[0].empty()) return std::nullopt;
+  return rows[0][0];
+}
+
+std::vector<std::string> RawDb::columns(const std::string &table) {
+  std::vector<std::string> names;
+  for (const Row &row : query("SELECT name FROM pragma_table_info('" + table + "')")) {
+    names.push_back(row[0].value_or(""));
+  }
+  return names;
+}
+
+bool RawDb::tableExists(const std::string &table) {
+  return scalar("SELECT count(*) FROM sqlite_master WHERE type='table' AND name='" + table +
+                "'") == Cell("1");
+}
+
+BusyHolder::BusyHolder(const std::string &path) {
+  sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+  char *message = nullptr;
+  int result = sqlite3_exec(db_, "BEGIN EXCLUSIVE", nullptr, nullptr, &message);
+  EXPECT_EQ(result, SQLITE_OK) << (message != nullptr ? message : "");
+  sqlite3_free(message);
+}
+
+BusyHolder::~BusyHolder() { release(); }
+
+void BusyHolder::release() {
+  if (db_ == nullptr) return;
+  sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr);
+  sqlite3_close_v2(db_);
+  db_ = nullptr;
+}
+
+void DbTest::SetUp() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "adbtest.XXXXXX").string();
+  ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+  tempDir_ = pattern;
+  dbPath_ = tempDir_ + "/analytics.db";
+  ASSERT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
+  ASSERT_EQ(db_setDatabasePath(dbPath_.c_str()), DB_STATUS_SUCCESS);
+  ASSERT_EQ(db_setProfileMarkerPath((tempDir_ + "/db_profile").c_str()), DB_STATUS_SUCCESS);
+  alterSchema = 0;
+  log_.emplace(RYX_LOG_DEBUG);
+}
+
+void DbTest::TearDown() {
+  raw_.reset();
+  EXPECT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
+  log_.reset();
+  std::error_code ignored;
+  std::filesystem::remove_all(tempDir_, ignored);
+}
+
+RawDb &DbTest::raw() {
+  if (!raw_) raw_.emplace(dbPath_);
+  return *raw_;
+}
+
+Values::Values(std::initializer_list<const char *> values) {
+  storage_.reserve(values.size());
+  for (const char *value : values) storage_.push_back(value != nullptr ? value : "");
+  size_t i = 0;
+  for (const char *value : values) {
+    pointers_.push_back(value != nullptr ? storage_[i].data() : nullptr);
+    ++i;
+  }
+}
+
+Values::Values(const std::vector<std::string> &values) : storage_(values) {
+  for (std::string &value : storage_) pointers_.push_back(value.data());
+}
+
+}  // namespace adbtest
