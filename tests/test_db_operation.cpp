@@ -1,3 +1,162 @@
+// The access core: lazy connection, status mapping of every SQLite outcome, profiling.
+#include <sqlite3.h>
+
+#include <fstream>
+#include <string>
+
 #include "support/db_fixture.h"
+
 extern "C" int adbtest_header_from_c(void);
+
+namespace {
+
+using adbtest::DbTest;
+
+class Operation : public DbTest {
+ protected:
+  int32_t openAndWrite(const char *sql) {
+    EXPECT_EQ(db_open(), DB_STATUS_SUCCESS);
+    return db_write(sql);
+  }
+  void createDevices() {
+    ASSERT_EQ(openAndWrite("CREATE TABLE T (MAC_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE, V INTEGER)"),
+              DB_STATUS_SUCCESS);
+  }
+  size_t errorLines() {
+    size_t n = 0;
+    for (const auto &line : log().lines()) n += line.level == RYX_LOG_ERROR;
+    return n;
+  }
+};
+
+}  // namespace
+
 TEST(Header, UsableFromC) { EXPECT_EQ(adbtest_header_from_c(), 0); }
+
+TEST_F(Operation, OpensLazilyOnceAndAgainAfterClose) {
+  EXPECT_EQ(db_close(), DB_STATUS_SUCCESS);  // nothing open
+  EXPECT_EQ(database_connection, nullptr);
+  EXPECT_EQ(db_open(), DB_STATUS_SUCCESS);
+  EXPECT_NE(database_connection, nullptr);
+  EXPECT_EQ(foreignKeyEanbled, 1);
+  EXPECT_FALSE(log().has(RYX_LOG_DEBUG, "[analyticsDB] Already connected to DB\n"));
+  EXPECT_EQ(db_open(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(log().count(RYX_LOG_DEBUG, "[analyticsDB] Already connected to DB\n"), 1u);
+
+  // The path cannot change under an open connection.
+  EXPECT_EQ(db_setDatabasePath((tempDir_ + "/other.db").c_str()), DB_STATUS_FAILURE);
+
+  EXPECT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(database_connection, nullptr);
+  log().clear();
+  EXPECT_EQ(db_open(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(log().count(RYX_LOG_DEBUG, "[analyticsDB] WRITE QUERY: PRAGMA page_size = 10240"), 1u);
+  EXPECT_EQ(log().count(RYX_LOG_DEBUG, "[analyticsDB] WRITE QUERY: PRAGMA foreign_keys = ON"), 1u);
+  char **cells = nullptr;
+  int32_t rows = 0, columns = 0;
+  ASSERT_EQ(db_read("PRAGMA foreign_keys", &cells, &rows, &columns), DB_STATUS_SUCCESS);
+  ASSERT_EQ(rows, 1);
+  EXPECT_STREQ(cells[1], "1");
+  db_freeResult(&cells);
+}
+
+TEST_F(Operation, OpenFailureReturns6AndStaysClosed) {
+  ASSERT_EQ(db_setDatabasePath((tempDir_ + "/missing/dir/analytics.db").c_str()), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_open(), DB_STATUS_OPEN_FAILED);
+  EXPECT_EQ(database_connection, nullptr);
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR,
+                        "[analyticsDB] Opening connection failed ret 14 message: unable to open database file\n"))
+      << log().dump();
+  EXPECT_EQ(db_writeQuery("CREATE TABLE X (A)"), DB_STATUS_OPEN_FAILED);
+}
+
+TEST_F(Operation, PathSettersRefuseBadPaths) {
+  EXPECT_EQ(db_setDatabasePath(nullptr), DB_STATUS_FAILURE);
+  EXPECT_EQ(db_setDatabasePath(""), DB_STATUS_FAILURE);
+  EXPECT_EQ(db_setDatabasePath(std::string(256, 'a').c_str()), DB_STATUS_FAILURE);
+  EXPECT_EQ(db_setDatabasePath(("/" + std::string(254, 'a')).c_str()), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_setProfileMarkerPath(nullptr), DB_STATUS_FAILURE);
+  EXPECT_EQ(db_setProfileMarkerPath(std::string(300, 'b').c_str()), DB_STATUS_FAILURE);
+}
+
+TEST_F(Operation, StatusOfEveryOutcome) {
+  createDevices();
+  EXPECT_EQ(db_write("INSERT INTO T VALUES('aa', 1)"), DB_STATUS_SUCCESS);
+
+  // Duplicate key: 4, and only a debug line, since insert-or-update expects it.
+  log().clear();
+  EXPECT_EQ(db_write("INSERT INTO T VALUES('AA', 2)"), DB_STATUS_CONSTRAINT);
+  EXPECT_EQ(errorLines(), 0u) << log().dump();
+  EXPECT_EQ(log().countContaining("WRITE Error: UNIQUE constraint failed: T.MAC_S ret : 19"), 1u);
+
+  // Another constraint (NOT NULL) is an error line and still 4.
+  log().clear();
+  EXPECT_EQ(db_write("INSERT INTO T VALUES(NULL, 2)"), DB_STATUS_CONSTRAINT);
+  EXPECT_EQ(errorLines(), 1u);
+
+  // A missing table is 5 for writes and reads, with its own line.
+  log().clear();
+  EXPECT_EQ(db_write("INSERT INTO NOPE VALUES(1)"), DB_STATUS_NO_TABLE);
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] WRITE Table doesnt exist\n"));
+  char **cells = nullptr;
+  int32_t rows = -1, columns = -1;
+  EXPECT_EQ(db_read("SELECT * FROM NOPE", &cells, &rows, &columns), DB_STATUS_NO_TABLE);
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] READ ERROR : no such table: NOPE ret : 1\n"));
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] READ Table doesnt exist\n"));
+  EXPECT_EQ(cells, nullptr);
+
+  // Any other error is 1.
+  EXPECT_EQ(db_write("THIS IS NOT SQL"), DB_STATUS_FAILURE);
+
+  // A read that matches nothing is a success with no rows, header included.
+  ASSERT_EQ(db_read("SELECT * FROM T WHERE V > 100", &cells, &rows, &columns), DB_STATUS_SUCCESS);
+  EXPECT_EQ(rows, 0);
+  db_freeResult(&cells);
+}
+
+TEST_F(Operation, BusyDatabaseReturns3AtOnce) {
+  createDevices();
+  adbtest::BusyHolder holder(dbPath());
+  EXPECT_EQ(db_write("INSERT INTO T VALUES('bb', 1)"), DB_STATUS_BUSY);
+  char **cells = nullptr;
+  int32_t rows = 0, columns = 0;
+  EXPECT_EQ(db_read("SELECT * FROM T", &cells, &rows, &columns), DB_STATUS_BUSY);
+  EXPECT_EQ(cells, nullptr);
+  holder.release();
+  EXPECT_EQ(db_write("INSERT INTO T VALUES('bb', 1)"), DB_STATUS_SUCCESS);
+}
+
+TEST_F(Operation, ProfilesStatementsOnlyWhileTheMarkerExists) {
+  createDevices();
+  log().clear();
+  EXPECT_EQ(db_write("INSERT INTO T VALUES('cc', 1)"), DB_STATUS_SUCCESS);
+  EXPECT_EQ(log().countContaining("Profile"), 0u);
+
+  std::ofstream(tempDir_ + "/db_profile") << "on";
+  log().clear();
+  EXPECT_EQ(db_write("INSERT INTO T VALUES('cc', 1)"), DB_STATUS_CONSTRAINT);  // measured too
+  ASSERT_EQ(log().countContaining("Profile"), 1u) << log().dump();
+  const adbtest::LogLine *line = nullptr;
+  for (const auto &l : log().lines()) {
+    if (l.text.find("Profile") != std::string::npos) line = &l;
+  }
+  ASSERT_NE(line, nullptr);
+  EXPECT_EQ(line->level, RYX_LOG_INFO);
+  EXPECT_EQ(line->where(), "db_operation db_write");
+  std::string message(line->message());
+  EXPECT_EQ(message.rfind("[analyticsDB] Profile : Time [", 0), 0u) << message;
+  EXPECT_NE(message.find("] millisecs  Clock ticks ["), std::string::npos) << message;
+  EXPECT_NE(message.find("] API [INSERT INTO T VALUES('cc', 1)]"), std::string::npos) << message;
+
+  log().clear();
+  char **cells = nullptr;
+  int32_t rows = 0, columns = 0;
+  ASSERT_EQ(db_read("SELECT * FROM T", &cells, &rows, &columns), DB_STATUS_SUCCESS);
+  db_freeResult(&cells);
+  ASSERT_EQ(log().countContaining("Profile"), 1u);
+  EXPECT_EQ(log().countContaining("] millisecs Clock ticks ["), 1u);
+
+  uint32_t ticks = 0xFFFFFFFFu;
+  EXPECT_EQ(db_getCpuTime(&ticks), 0);
+  EXPECT_NE(ticks, 0xFFFFFFFFu);
+}
