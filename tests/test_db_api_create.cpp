@@ -1,0 +1,455 @@
+/*
+ * test_db_api_create.cpp - the analytics schema as the database file holds it: the catalogue
+ * tables, the day tables with their slot columns and foreign keys, the upgrade of older tables,
+ * the refusals, and the slot arithmetic.
+ */
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "support/db_fixture.h"
+
+namespace {
+
+using adbtest::Row;
+
+// The catalogue as the file must declare it: "NAME TYPE", " key" for the NOT NULL primary key,
+// " =value" for a default.
+struct ExpectedTable {
+  const char *name;
+  size_t columns;
+  const char *declared;
+};
+
+const ExpectedTable kCatalogue[] = {
+    {"DEVICEINFO", 38,
+     "MAC_S TEXT key,APID_S TEXT,IPADDR_S TEXT,CATEGORY_S TEXT,HOST_S TEXT,MODEL_S TEXT,"
+     "MANUFACTURER_S TEXT,SERIALNUMBER_S TEXT,INTERFACE_S TEXT,ACTIVE INTEGER,BAND_S TEXT,"
+     "INTF_NAME_S TEXT,INTF_INDEX INTEGER,RSSI INTEGER,TXRATE REAL,RXRATE REAL,TXCNT INTEGER,"
+     "RXCNT INTEGER,CAPACITY INTEGER,DEVBWREQD REAL,DEVSTREAMCAPABILITY_S TEXT,NAME_S TEXT,"
+     "FRIENDLYNAME_S TEXT,PORTABLE INTEGER =1,DEVCRITICAL INTEGER,DEVTIMESTAMP REAL,ADDED_TS REAL,"
+     "LASTONLINE_TS REAL,LASTOFFLINE_TS REAL,BEACONSTATE INTEGER =0,PREFERRED_BAND_S TEXT ='NA',"
+     "DEV_FP_DONE INTEGER,OUI_S TEXT,PRODUCTCLASS_S TEXT,LASTREBOOTTXCNT INTEGER,"
+     "LASTREBOOTRXCNT INTEGER,BANDSTEERING_STATE INTEGER =0,IS_BRIDGED INTEGER =0"},
+    {"MESHTOPO", 9,
+     "MAC_S TEXT key,ID_S TEXT,PARENTID_S TEXT,IPADDR_S TEXT,ROLE_S TEXT,OPERMODE_S TEXT,"
+     "BACKHAULINTFTYPE_S TEXT,STATUS_S TEXT,HEALTHSTATUS_S TEXT"},
+    {"CLIENTS", 24,
+     "MAC_S TEXT key,ASSOC_BSSID_S TEXT,ASSOC_MEDIUM_S TEXT,CAP_BSS_TRANS INTEGER,"
+     "CAP_FAST_BSS_TRANS INTEGER,CAP_RADIO_MEASURE INTEGER,CAP_24GHZ INTEGER,CAP_5GHZ INTEGER,"
+     "CATEGORY_S TEXT,TYPE_S TEXT,MIMO_S TEXT,VENDOR_MFG_S TEXT,VENDOR_MNAME_S TEXT,"
+     "VENDOR_MNUMBER_S TEXT,VENDOR_DNAME_S TEXT,CAP_MODE_S TEXT,CAP_24CSA INTEGER,"
+     "CAP_24ECSA INTEGER,CAP_5CSA INTEGER,CAP_5ECSA INTEGER,CAP_DFS INTEGER,ISTAVEXFPDONE INTEGER,"
+     "CAP_24GHZN INTEGER,CAP_5GHZAC INTEGER"},
+    {"SUBSCRIBERINFO", 2, "SERIALNUMBER_S TEXT key,DOWNSTREAMBANDWIDTH INTEGER"},
+    {"DEVICETHRESHOLD", 15,
+     "DEVICECLASS_S TEXT key,DEVFILTERLEVEL INTEGER,STREAMINGTHRESHOLD INTEGER,"
+     "INACTIVITYFILTER INTEGER,RSSIGOODSTART INTEGER,RSSIGOODEND INTEGER,RSSIAVGSTART INTEGER,"
+     "RSSIAVGEND INTEGER,RSSIBADSTART INTEGER,RSSIBADEND INTEGER,LONGPOLLTHRESHOLD INTEGER,"
+     "SHORTPOLLTHRESHOLD INTEGER,VERSION REAL,WAN_FILTER_LEVEL INTEGER,"
+     "INACTIVITY_FILTER_LEVEL INTEGER"},
+    {"CMAINFO", 2, "TABLENAME_S TEXT key,TIMESTAMP REAL"},
+    {"PRIMITIVE_RSSI", 3, "MAC_S TEXT key,SLT_IND INTEGER =0,TIMESTAMP INTEGER =0"},
+    {"PRIMITIVE_BANDWIDTHRX", 4,
+     "MAC_S TEXT key,SOURCE_S TEXT,SLT_IND INTEGER =0,TIMESTAMP INTEGER =0"},
+    {"PRIMITIVE_BANDWIDTHTX", 4,
+     "MAC_S TEXT key,SOURCE_S TEXT,SLT_IND INTEGER =0,TIMESTAMP INTEGER =0"},
+};
+
+struct DaySeries {
+  const char *word;
+  const char *indexTable;
+  int32_t (*create)(uint32_t, int32_t);
+};
+
+const DaySeries kSeries[] = {
+    {"RSSI", "PRIMITIVE_RSSI", db_createRssiTab},
+    {"BANDWIDTHRX", "PRIMITIVE_BANDWIDTHRX", db_createRxBandWidth},
+    {"BANDWIDTHTX", "PRIMITIVE_BANDWIDTHTX", db_createTxBandWidth},
+};
+
+// What a day table must declare: the key, then SLOTfirst..SLOTlast, each INTEGER DEFAULT 0.
+std::string dayTableDeclaration(int first, int last) {
+  std::string text = "MAC_S TEXT key";
+  for (int k = first; k <= last; ++k) text += ",SLOT" + std::to_string(k) + " INTEGER =0";
+  return text;
+}
+
+std::string joined(char **names, size_t count) {
+  std::string text;
+  for (size_t i = 0; i < count; ++i) text += (i > 0 ? "," : "") + std::string(names[i]);
+  return text;
+}
+
+class SchemaTest : public adbtest::DbTest {
+ protected:
+  std::string declared(const std::string &table) {
+    std::string text;
+    for (const Row &row : raw().query("SELECT name, type, pk, \"notnull\", dflt_value "
+                                      "FROM pragma_table_info('" + table + "')")) {
+      text += (text.empty() ? "" : ",") + row[0].value_or("?") + " " + row[1].value_or("?");
+      if (row[2] != "0") text += row[3] == "1" ? " key" : " pk";
+      if (row[4]) text += " =" + *row[4];
+    }
+    return text;
+  }
+
+  // "from->table(to) on_delete" per foreign key.
+  std::vector<std::string> foreignKeys(const std::string &table) {
+    std::vector<std::string> keys;
+    for (const Row &row : raw().query("SELECT \"from\", \"table\", \"to\", on_delete "
+                                      "FROM pragma_foreign_key_list('" + table + "')")) {
+      keys.push_back(*row[0] + "->" + *row[1] + "(" + *row[2] + ") " + *row[3]);
+    }
+    return keys;
+  }
+
+  std::vector<std::string> tables() {
+    std::vector<std::string> names;
+    for (const Row &row : raw().query("SELECT name FROM sqlite_master WHERE type='table'")) {
+      names.push_back(*row[0]);
+    }
+    return names;
+  }
+};
+
+TEST_F(SchemaTest, FullWeekCreatesEveryTableWithItsColumnsAndOnlyDayTablesHaveForeignKeys) {
+  EXPECT_EQ(db_createDeviceInfoTable(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_createMeshTopoTable(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_createClientsTable(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_createSubscriberInfoTable(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_createDeviceThresholdTable(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_createCmaInfoTable(), DB_STATUS_SUCCESS);
+  const int32_t perDay = static_cast<int32_t>(db_calcPerDaySlotCount());
+  EXPECT_EQ(db_createPrimitiveRssiTable(perDay), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_createPrimitiveBandWidthRxTable(perDay), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_createPrimitiveBandWidthTxTable(perDay), DB_STATUS_SUCCESS);
+  for (const DaySeries &series : kSeries) {
+    for (uint32_t day = 1; day <= 7; ++day) {
+      EXPECT_EQ(series.create(day, perDay), DB_STATUS_SUCCESS) << series.word << day;
+    }
+  }
+
+  for (const ExpectedTable &table : kCatalogue) {
+    EXPECT_EQ(declared(table.name), table.declared) << table.name;
+    EXPECT_EQ(raw().columns(table.name).size(), table.columns) << table.name;
+  }
+  for (const DaySeries &series : kSeries) {
+    for (int day = 1; day <= 7; ++day) {
+      const std::string table = series.word + std::to_string(day);
+      EXPECT_EQ(raw().columns(table).size(), 289u) << table;
+      EXPECT_EQ(declared(table), dayTableDeclaration((day - 1) * 288 + 1, day * 288)) << table;
+      EXPECT_EQ(foreignKeys(table), std::vector<std::string>{"MAC_S->" +
+                                                             std::string(series.indexTable) +
+                                                             "(MAC_S) CASCADE"})
+          << table;
+    }
+  }
+
+  const std::vector<std::string> all = tables();
+  EXPECT_EQ(all.size(), 9u + 21u);
+  size_t withForeignKeys = 0;
+  for (const std::string &table : all) {
+    withForeignKeys += !foreignKeys(table).empty();
+    // Every key compares without regard to letter case.
+    const std::string key = raw().columns(table).at(0);
+    EXPECT_EQ(raw().tryExec("INSERT INTO " + table + "(" + key + ") VALUES('aa:bb')"), SQLITE_OK);
+    EXPECT_EQ(raw().tryExec("INSERT INTO " + table + "(" + key + ") VALUES('AA:BB')"),
+              SQLITE_CONSTRAINT)
+        << table;
+  }
+  EXPECT_EQ(withForeignKeys, 21u);
+
+  // Field-subset arrays name columns of their tables; whole-row writers name all, in order.
+  struct Subset {
+    const char *name;
+    char **fields;
+    size_t count;
+    const char *table;
+    bool wholeRow;
+  };
+#define SUBSET(array, table, wholeRow) {#array, array, std::size(array), table, wholeRow}
+  const Subset subsets[] = {
+      SUBSET(deviceInfoFields, "DEVICEINFO", true), SUBSET(meshTopoFields, "MESHTOPO", true),
+      SUBSET(clientsFields, "CLIENTS", true),
+      SUBSET(deviceThresholdFields, "DEVICETHRESHOLD", true),
+      SUBSET(subscriberInfoFields, "SUBSCRIBERINFO", true), SUBSET(cmaInfoFields, "CMAINFO", true),
+      SUBSET(devInfoAddedStatusUpdate, "DEVICEINFO", false),
+      SUBSET(devInfoLanUpdate, "DEVICEINFO", false), SUBSET(devInfoRssiFields, "DEVICEINFO", false),
+      SUBSET(devInfoBeaconFields, "DEVICEINFO", false),
+      SUBSET(devInfoBeaconFnameFields, "DEVICEINFO", false),
+      SUBSET(devInfoOpsFields, "DEVICEINFO", false),
+      SUBSET(devInfoCapacityUpdate, "DEVICEINFO", false),
+      SUBSET(devInfoPreferredBandFields, "DEVICEINFO", false),
+      SUBSET(devInfoBandSteeringFields, "DEVICEINFO", false),
+      SUBSET(devInfoIsBridgedFields, "DEVICEINFO", false),
+      SUBSET(devInfoCriticalRead, "DEVICEINFO", false),
+      SUBSET(devInfoCategoryRead, "DEVICEINFO", false),
+      SUBSET(devInfoTimestampRead, "DEVICEINFO", false),
+      SUBSET(devInfoCapacityRead, "DEVICEINFO", false), SUBSET(txRxCount, "DEVICEINFO", false),
+      SUBSET(timeStampFields, "CMAINFO", false), SUBSET(rssiFieldNames, "PRIMITIVE_RSSI", false),
+      SUBSET(bandWidthFieldNames, "PRIMITIVE_BANDWIDTHRX", false),
+      SUBSET(bandWidthTimeStampSlot, "PRIMITIVE_BANDWIDTHTX", false),
+      SUBSET(MAC_FIELD, "PRIMITIVE_RSSI", false),
+  };
+#undef SUBSET
+  for (const Subset &subset : subsets) {
+    const std::vector<std::string> columns = raw().columns(subset.table);
+    if (subset.wholeRow) {
+      EXPECT_EQ(joined(subset.fields, subset.count), joined(adbtest::Values(columns).data(),
+                                                            columns.size()))
+          << subset.name;
+    }
+    for (size_t i = 0; i < subset.count; ++i) {
+      EXPECT_NE(std::find(columns.begin(), columns.end(), subset.fields[i]), columns.end())
+          << subset.name << "[" << i << "] = " << subset.fields[i];
+    }
+  }
+  // These fix the order of their API's values, which is not the table's.
+  EXPECT_EQ(joined(rssiFieldNames, 3), "MAC_S,TIMESTAMP,SLT_IND");
+  EXPECT_EQ(joined(bandWidthFieldNames, 4), "MAC_S,SOURCE_S,TIMESTAMP,SLT_IND");
+  EXPECT_EQ(joined(bandWidthTimeStampSlot, 4), "MAC_S,TIMESTAMP,SLT_IND,SOURCE_S");
+  EXPECT_EQ(joined(bandWidthSlotUpdate, 3), "MAC_S,SLT_IND,SLOT");
+}
+
+TEST_F(SchemaTest, CreateStatementTextAndRepeatedCreation) {
+  ASSERT_EQ(db_createSubscriberInfoTable(), DB_STATUS_SUCCESS);
+  EXPECT_TRUE(log().has(RYX_LOG_DEBUG,
+                        "[analyticsDB] Query framed for Table creation CREATE TABLE IF NOT EXISTS  "
+                        "SUBSCRIBERINFO(SERIALNUMBER_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE,"
+                        "DOWNSTREAMBANDWIDTH INTEGER )\n"))
+      << log().dump();
+  raw().exec("INSERT INTO SUBSCRIBERINFO VALUES('SN1', 100)");
+  EXPECT_EQ(db_createSubscriberInfoTable(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(raw().scalar("SELECT DOWNSTREAMBANDWIDTH FROM SUBSCRIBERINFO"), "100");
+  EXPECT_EQ(declared("SUBSCRIBERINFO"), "SERIALNUMBER_S TEXT key,DOWNSTREAMBANDWIDTH INTEGER");
+
+  // Slot numbers follow the day and the slot count given; the foreign key closes the list.
+  log().clear();
+  ASSERT_EQ(db_createRssiTab(2, 2), DB_STATUS_SUCCESS);
+  EXPECT_TRUE(log().has(RYX_LOG_DEBUG,
+                        "[analyticsDB] Query framed for Table creation CREATE TABLE IF NOT EXISTS  "
+                        "RSSI2(MAC_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE,"
+                        "SLOT3 INTEGER DEFAULT 0,SLOT4 INTEGER DEFAULT 0,"
+                        "FOREIGN KEY (MAC_S) REFERENCES PRIMITIVE_RSSI(MAC_S) "
+                        "ON DELETE CASCADE)\n"))
+      << log().dump();
+}
+
+TEST_F(SchemaTest, CreateTableRefusesBadArgumentsAndReportsFailures) {
+  adbtest::Values names{"KEY_S", "VALUE"};
+  adbtest::Values types{"TEXT", "INTEGER"};
+  adbtest::Values constraints{"NOT NULL PRIMARY KEY COLLATE NOCASE", nullptr};
+  adbtest::Values clauses{"", "FOREIGN KEY (KEY_S) REFERENCES OTHER(KEY_S)"};
+  const char *invalid = "[analyticsDB] Input parameters are invalid\n";
+
+  EXPECT_EQ(db_createTable(nullptr, names.data(), types.data(), constraints.data(), 2, nullptr, 0),
+            DB_STATUS_FAILURE);
+  EXPECT_EQ(db_createTable("T", names.data(), nullptr, constraints.data(), 2, nullptr, 0),
+            DB_STATUS_FAILURE);
+  EXPECT_EQ(db_createTable("T", names.data(), types.data(), constraints.data(), -1, nullptr, 0),
+            DB_STATUS_FAILURE);
+  EXPECT_EQ(log().count(RYX_LOG_ERROR, invalid), 3u);
+
+  adbtest::Values blankType{"TEXT", ""};
+  adbtest::Values missingName{"KEY_S", nullptr};
+  EXPECT_EQ(db_createTable("T", names.data(), blankType.data(), constraints.data(), 2, nullptr, 0),
+            DB_STATUS_FAILURE);
+  EXPECT_EQ(db_createTable("T", missingName.data(), types.data(), nullptr, 2, nullptr, 0),
+            DB_STATUS_FAILURE);
+  EXPECT_EQ(log().count(RYX_LOG_ERROR, "[analyticsDB] Both fieldname and fieldtype are mandatory "
+                                       "for creating T table\n"),
+            2u);
+  EXPECT_FALSE(raw().tableExists("T"));
+
+  // A foreign-key count of 0 leaves the clauses out; blank clauses are skipped.
+  EXPECT_EQ(db_createTable("T", names.data(), types.data(), constraints.data(), 2,
+                           clauses.data(), 0),
+            DB_STATUS_SUCCESS);
+  EXPECT_TRUE(foreignKeys("T").empty());
+  EXPECT_EQ(db_createTable("U", names.data(), types.data(), constraints.data(), 2,
+                           clauses.data(), 2),
+            DB_STATUS_SUCCESS);
+  EXPECT_EQ(foreignKeys("U"), std::vector<std::string>{"KEY_S->OTHER(KEY_S) NO ACTION"});
+
+  adbtest::Values badConstraint{nullptr, "DEFAULT ("};
+  EXPECT_EQ(db_createTable("V", names.data(), types.data(), badConstraint.data(), 2, nullptr, 0),
+            DB_STATUS_FAILURE);
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] Table [V] creation failed \n"));
+  EXPECT_FALSE(raw().tableExists("V"));
+}
+
+TEST_F(SchemaTest, OpenFailureIsReportedWithTheAlterationTextOnBothPaths) {
+  // A folder that does not exist; no connection is open yet, so the path can change.
+  ASSERT_EQ(db_setDatabasePath((tempDir_ + "/missing/analytics.db").c_str()), DB_STATUS_SUCCESS);
+  const char *openFailed = "[analyticsDB] DB open failed for table alteration\n";
+  EXPECT_EQ(db_createMeshTopoTable(), DB_STATUS_OPEN_FAILED);
+  ASSERT_EQ(log().count(RYX_LOG_ERROR, openFailed), 1u);
+
+  alterSchema = 1;
+  EXPECT_EQ(db_createCmaInfoTable(), DB_STATUS_OPEN_FAILED);
+  std::vector<std::string> where;
+  for (const adbtest::LogLine &line : log().lines()) {
+    if (line.level == RYX_LOG_ERROR && line.message() == openFailed) where.push_back(line.where());
+  }
+  EXPECT_EQ(where, (std::vector<std::string>{"db_query db_createTable", "db_query db_alterTable",
+                                             "db_query db_createTable"}));
+}
+
+TEST_F(SchemaTest, UpgradeAddsMissingColumnsInArrayOrderAndLeavesExistingOnesAlone) {
+  // An older DEVICEINFO: without PORTABLE and IS_BRIDGED, APID_S stored in lower case, TXRATE
+  // declared TEXT.
+  std::string older;
+  for (int i = 0; i < 38; ++i) {
+    const std::string name = createDeviceFields[i];
+    if (name == "PORTABLE" || name == "IS_BRIDGED") continue;
+    older += older.empty() ? "" : ",";
+    older += (name == "APID_S" ? "apid_s" : name) + " " +
+             (name == "TXRATE" ? "TEXT" : createDeviceTypes[i]);
+    if (i == 0) older += " NOT NULL PRIMARY KEY COLLATE NOCASE";
+  }
+  raw().exec("CREATE TABLE DEVICEINFO(" + older + ")");
+  raw().exec("INSERT INTO DEVICEINFO(MAC_S) VALUES('aa:bb')");
+  const std::vector<std::string> before = raw().columns("DEVICEINFO");
+
+  alterSchema = 1;
+  EXPECT_EQ(db_createDeviceInfoTable(), DB_STATUS_SUCCESS);
+
+  std::vector<std::string> expected = before;
+  expected.push_back("PORTABLE");
+  expected.push_back("IS_BRIDGED");
+  EXPECT_EQ(raw().columns("DEVICEINFO"), expected);
+  EXPECT_EQ(raw().scalar("SELECT type FROM pragma_table_info('DEVICEINFO') WHERE name='TXRATE'"),
+            "TEXT");
+  EXPECT_EQ(raw().scalar("SELECT PORTABLE || ',' || IS_BRIDGED FROM DEVICEINFO"), "1,0");
+  EXPECT_EQ(log().countContaining("Query framed for Table alteration"), 3u);
+  EXPECT_TRUE(log().has(RYX_LOG_INFO, "[analyticsDB] Query framed for Table alteration ALTER "
+                                      "TABLE DEVICEINFO ADD PORTABLE INTEGER DEFAULT 1\n"));
+  // The column named in other case counts as missing; SQLite refuses the duplicate.
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] table alteration failed Query ALTER TABLE "
+                                       "DEVICEINFO ADD APID_S TEXT  ret [1]\n"))
+      << log().dump();
+}
+
+TEST_F(SchemaTest, UpgradeScopeAbsentTablesClearFlagAndClientsAsymmetry) {
+  // Only the first nine CLIENTS columns are added to an existing table.
+  raw().exec("CREATE TABLE CLIENTS(MAC_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE)");
+  // With the flag clear an existing table is left as it is.
+  raw().exec("CREATE TABLE SUBSCRIBERINFO(SERIALNUMBER_S TEXT NOT NULL PRIMARY KEY)");
+  EXPECT_EQ(db_createSubscriberInfoTable(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(raw().columns("SUBSCRIBERINFO").size(), 1u);
+
+  alterSchema = 1;
+  EXPECT_EQ(db_createClientsTable(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(joined(adbtest::Values(raw().columns("CLIENTS")).data(), 9),
+            joined(createClientsFields, 9));
+  EXPECT_EQ(raw().columns("CLIENTS").size(), 9u);
+
+  // A table that does not exist yet gets no ALTER, only its CREATE.
+  log().clear();
+  EXPECT_EQ(db_createMeshTopoTable(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_alterTable("NOSUCHTABLE", createCmaFields, createCmaTypes, nullptr, 2),
+            DB_STATUS_SUCCESS);
+  EXPECT_EQ(log().countContaining("ALTER TABLE"), 0u) << log().dump();
+  EXPECT_EQ(raw().columns("MESHTOPO").size(), 9u);
+  EXPECT_FALSE(raw().tableExists("NOSUCHTABLE"));
+
+  // Day tables: the upgrade covers the key; slot columns stay as they were made.
+  ASSERT_EQ(db_createPrimitiveRssiTable(288), DB_STATUS_SUCCESS);
+  ASSERT_EQ(db_createRssiTab(1, 2), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_createRssiTab(1, 288), DB_STATUS_SUCCESS);
+  EXPECT_EQ(declared("RSSI1"), dayTableDeclaration(1, 2));
+}
+
+TEST_F(SchemaTest, BusyUpgradeTriesEveryColumnAndReportsBusy) {
+  ASSERT_EQ(db_createCmaInfoTable(), DB_STATUS_SUCCESS);
+  alterSchema = 1;
+  {
+    adbtest::BusyHolder holder(dbPath());
+    EXPECT_EQ(db_createCmaInfoTable(), DB_STATUS_BUSY);
+  }
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] Read failed  on fetching schema PRAGMA "
+                                       "table_info('CMAINFO')\n"))
+      << log().dump();
+  EXPECT_EQ(log().countContaining("table alteration failed Query ALTER TABLE CMAINFO ADD"), 2u);
+  EXPECT_EQ(db_createCmaInfoTable(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(raw().columns("CMAINFO").size(), 2u);
+
+  // A pending writer elsewhere blocks the ALTER but not the CREATE of an existing table: the
+  // successful CREATE must not hide the busy ALTER.
+  raw().exec("CREATE TABLE SUBSCRIBERINFO(SERIALNUMBER_S TEXT NOT NULL PRIMARY KEY)");
+  raw().exec("BEGIN IMMEDIATE");
+  EXPECT_EQ(db_createSubscriberInfoTable(), DB_STATUS_BUSY);
+  raw().exec("COMMIT");
+  EXPECT_EQ(raw().columns("SUBSCRIBERINFO").size(), 1u);
+  EXPECT_EQ(db_createSubscriberInfoTable(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(raw().columns("SUBSCRIBERINFO").size(), 2u);
+}
+
+TEST_F(SchemaTest, AlterPiecesRefuseBadInputAndMatchNamesExactly) {
+  ASSERT_EQ(db_createCmaInfoTable(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_alterTable("CMAINFO", createCmaFields, createCmaTypes, nullptr, 0),
+            DB_STATUS_FAILURE);
+  EXPECT_EQ(db_alterTable("CMAINFO", nullptr, createCmaTypes, nullptr, 2), DB_STATUS_FAILURE);
+  EXPECT_EQ(log().count(RYX_LOG_ERROR, "[analyticsDB] Input parameters are invalid\n"), 2u);
+
+  // A bad column description is skipped as if it had been added.
+  EXPECT_EQ(db_addField("CMAINFO", "EXTRA", "", nullptr), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_addField("CMAINFO", nullptr, "TEXT", nullptr), DB_STATUS_SUCCESS);
+  EXPECT_EQ(log().count(RYX_LOG_ERROR, "[analyticsDB] Both fieldName and fieldType is mandatory "
+                                       "for adding attribute\n"),
+            2u);
+  EXPECT_EQ(db_addField("CMAINFO", "EXTRA_S", "TEXT", "DEFAULT 'x'"), DB_STATUS_SUCCESS);
+  EXPECT_EQ(raw().columns("CMAINFO").size(), 3u);
+
+  char **cells = nullptr;
+  int32_t rows = 0;
+  int32_t columns = 0;
+  ASSERT_EQ(db_read("PRAGMA table_info('CMAINFO')", &cells, &rows, &columns), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_checkFieldSchemaExist("TIMESTAMP", cells, rows, columns), 1);
+  EXPECT_EQ(db_checkFieldSchemaExist("EXTRA_S", cells, rows, columns), 1);
+  EXPECT_EQ(db_checkFieldSchemaExist("timestamp", cells, rows, columns), 0);
+  // Values of the other columns (a type, a column number) are not names.
+  EXPECT_EQ(db_checkFieldSchemaExist("REAL", cells, rows, columns), 0);
+  EXPECT_EQ(db_checkFieldSchemaExist("1", cells, rows, columns), 0);
+  db_freeResult(&cells);
+}
+
+TEST_F(SchemaTest, DayAndIndexTablesRefuseZeroAndOutOfRangeCountsWithoutTouchingTheFile) {
+  EXPECT_EQ(db_createPrimitiveRssiTable(0), DB_STATUS_FAILURE);
+  EXPECT_EQ(db_createPrimitiveBandWidthRxTable(0), DB_STATUS_FAILURE);
+  EXPECT_EQ(db_createPrimitiveBandWidthTxTable(0), DB_STATUS_FAILURE);
+  EXPECT_EQ(log().count(RYX_LOG_ERROR, "[analyticsDB] Table is not created .Slot count is zero\n"),
+            3u);
+
+  EXPECT_EQ(db_createTxBandWidth(0, 288), DB_STATUS_FAILURE);
+  EXPECT_EQ(db_createRxBandWidth(2, 0), DB_STATUS_FAILURE);
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR,
+                        "[analyticsDB] BandwidthTx Input day should be greateter tha zero\n"));
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR,
+                        "[analyticsDB] BandwidthRx Table 2 is not created .Slot count is zero\n"));
+
+  // The column arrays of a day table hold at most 299 slots.
+  log().clear();
+  EXPECT_EQ(db_createRssiTab(1, 300), DB_STATUS_FAILURE);
+  EXPECT_EQ(db_createTxBandWidth(1, -1), DB_STATUS_FAILURE);
+  EXPECT_EQ(log().lines().size(), 2u) << log().dump();
+  EXPECT_FALSE(std::filesystem::exists(dbPath()));
+
+  EXPECT_EQ(db_createRssiTab(1, 299), DB_STATUS_SUCCESS);
+  EXPECT_EQ(declared("RSSI1"), dayTableDeclaration(1, 299));
+}
+
+TEST(SlotModel, CountsAndTheDayOfASlot) {
+  EXPECT_EQ(db_calcPerDaySlotCount(), 288u);
+  EXPECT_EQ(db_calcSlotCount(), 2016u);
+  const int32_t cases[][2] = {{0, 0},    {1, 1},    {288, 1},  {289, 2},  {576, 2}, {577, 3},
+                              {1729, 7}, {2016, 7}, {2017, 8}, {INT32_MAX, 7456541}};
+  for (const auto &[slot, day] : cases) EXPECT_EQ(db_findTable(slot), day) << slot;
+}
+
+}  // namespace
