@@ -538,6 +538,7 @@ ADB_API int32_t db_readTableContent(const char *query, char ***cells, int32_t *r
     ADB_LOG_ERROR("[analyticsDB] Read Query length is zero or NULL \n");
     return DB_STATUS_FAILURE;
   }
+  if (cells == nullptr) return DB_STATUS_FAILURE;  // nowhere to hand the result
   status = db_read(query, cells, rowCount, columnCount);
   if (status != DB_STATUS_SUCCESS) ADB_LOG_ERROR("[analyticsDB] Read failed %s\n", query);
   return status;

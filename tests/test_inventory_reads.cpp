@@ -1,0 +1,355 @@
+// The inventory reads: the statement each composes, the records it returns, and its statuses.
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "support/db_fixture.h"
+
+namespace {
+
+constexpr char kCreateDeviceInfo[] =
+    "CREATE TABLE DEVICEINFO (MAC_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE, APID_S TEXT, "
+    "IPADDR_S TEXT, CATEGORY_S TEXT, HOST_S TEXT, MODEL_S TEXT, MANUFACTURER_S TEXT, "
+    "SERIALNUMBER_S TEXT, INTERFACE_S TEXT, ACTIVE INTEGER, BAND_S TEXT, INTF_NAME_S TEXT, "
+    "INTF_INDEX INTEGER, RSSI INTEGER, TXRATE REAL, RXRATE REAL, TXCNT INTEGER, RXCNT INTEGER, "
+    "CAPACITY INTEGER, DEVBWREQD REAL, DEVSTREAMCAPABILITY_S TEXT, NAME_S TEXT, "
+    "FRIENDLYNAME_S TEXT, PORTABLE INTEGER DEFAULT 1, DEVCRITICAL INTEGER, DEVTIMESTAMP REAL, "
+    "ADDED_TS REAL, LASTONLINE_TS REAL, LASTOFFLINE_TS REAL, BEACONSTATE INTEGER DEFAULT 0, "
+    "PREFERRED_BAND_S TEXT DEFAULT 'NA', DEV_FP_DONE INTEGER, OUI_S TEXT, PRODUCTCLASS_S TEXT, "
+    "LASTREBOOTTXCNT INTEGER, LASTREBOOTRXCNT INTEGER, BANDSTEERING_STATE INTEGER DEFAULT 0, "
+    "IS_BRIDGED INTEGER DEFAULT 0);";
+
+constexpr char kCreateOtherTables[] =
+    "CREATE TABLE MESHTOPO (MAC_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE, ID_S TEXT, "
+    "PARENTID_S TEXT, IPADDR_S TEXT, ROLE_S TEXT, OPERMODE_S TEXT, BACKHAULINTFTYPE_S TEXT, "
+    "STATUS_S TEXT, HEALTHSTATUS_S TEXT);"
+    "CREATE TABLE CLIENTS (MAC_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE, ASSOC_BSSID_S TEXT, "
+    "ASSOC_MEDIUM_S TEXT, CAP_BSS_TRANS INTEGER, CAP_FAST_BSS_TRANS INTEGER, "
+    "CAP_RADIO_MEASURE INTEGER, CAP_24GHZ INTEGER, CAP_5GHZ INTEGER, CATEGORY_S TEXT, "
+    "TYPE_S TEXT, MIMO_S TEXT, VENDOR_MFG_S TEXT, VENDOR_MNAME_S TEXT, VENDOR_MNUMBER_S TEXT, "
+    "VENDOR_DNAME_S TEXT, CAP_MODE_S TEXT, CAP_24CSA INTEGER, CAP_24ECSA INTEGER, "
+    "CAP_5CSA INTEGER, CAP_5ECSA INTEGER, CAP_DFS INTEGER, ISTAVEXFPDONE INTEGER, "
+    "CAP_24GHZN INTEGER, CAP_5GHZAC INTEGER);"
+    "CREATE TABLE SUBSCRIBERINFO (SERIALNUMBER_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE, "
+    "DOWNSTREAMBANDWIDTH INTEGER);"
+    "CREATE TABLE CMAINFO (TABLENAME_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE, "
+    "TIMESTAMP REAL);"
+    "CREATE TABLE DEVICETHRESHOLD (DEVICECLASS_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE, "
+    "DEVFILTERLEVEL INTEGER, STREAMINGTHRESHOLD INTEGER, INACTIVITYFILTER INTEGER, "
+    "RSSIGOODSTART INTEGER, RSSIGOODEND INTEGER, RSSIAVGSTART INTEGER, RSSIAVGEND INTEGER, "
+    "RSSIBADSTART INTEGER, RSSIBADEND INTEGER, LONGPOLLTHRESHOLD INTEGER, "
+    "SHORTPOLLTHRESHOLD INTEGER, VERSION REAL, WAN_FILTER_LEVEL INTEGER, "
+    "INACTIVITY_FILTER_LEVEL INTEGER);";
+
+class InventoryReads : public adbtest::DbTest {
+ protected:
+  void createTables() {
+    raw().exec(kCreateDeviceInfo);
+    raw().exec(kCreateOtherTables);
+  }
+
+  // The statement of the latest read, as the access core logs it.
+  std::string lastQuery() {
+    constexpr std::string_view kRead = "[analyticsDB] READ QUERY : ";
+    std::string query;
+    for (const adbtest::LogLine &line : log().lines()) {
+      std::string_view message = line.message();
+      if (message.starts_with(kRead)) query = message.substr(kRead.size());
+    }
+    if (!query.empty() && query.back() == '\n') query.pop_back();
+    return query;
+  }
+};
+
+// A list read into a variable that holds a sentinel: the sentinel must survive a failure.
+template <typename Record, typename Read>
+int32_t readKeepingList(Read read) {
+  Record *sentinel[1] = {nullptr};
+  Record **list = sentinel;
+  int32_t rows = -1;
+  int32_t status = read(&list, &rows);
+  EXPECT_EQ(list, sentinel);
+  return status;
+}
+
+}  // namespace
+
+TEST_F(InventoryReads, WholeTableReadsReturnEveryRow) {
+  createTables();
+  raw().exec(
+      "INSERT INTO MESHTOPO VALUES ('00:11:22:33:44:55', 'gw', '', '10.0.0.1', 'Master', "
+      "'Router', 'Eth', 'Online', 'Good'), ('00:11:22:33:44:66', 'sat', 'gw', '10.0.0.2', "
+      "'Sat', 'Bridge', 'WiFi', 'Online', 'Poor');"
+      "INSERT INTO CLIENTS (MAC_S, CAP_24GHZ, MIMO_S) VALUES ('c0:ff:ee:00:00:01', 1, '2x2');"
+      "INSERT INTO SUBSCRIBERINFO VALUES ('SN1', 500);"
+      "INSERT INTO DEVICETHRESHOLD (DEVICECLASS_S, RSSIGOODSTART, VERSION) "
+      "VALUES ('Camera', -40, 1.5);"
+      "INSERT INTO DEVICEINFO (MAC_S, TXRATE, DEVTIMESTAMP, CATEGORY_S) "
+      "VALUES ('aa:bb:cc:dd:ee:01', 12.75, 1700000000, 'Phone');");
+
+  MeshTopoRecord **mesh = nullptr;
+  int32_t rows = 0;
+  ASSERT_EQ(db_readMeshTopoTable(&mesh, &rows), 0);
+  EXPECT_EQ(lastQuery(), "SELECT  *  FROM  MESHTOPO");
+  ASSERT_EQ(rows, 2);
+  EXPECT_STREQ(mesh[0]->mac, "00:11:22:33:44:55");
+  EXPECT_STREQ(mesh[1]->parentId, "gw");
+  EXPECT_STREQ(mesh[1]->healthStatus, "Poor");
+  db_freeMeshTopoResult(&mesh, rows);
+
+  ClientCapabilityRecord **clients = nullptr;
+  ASSERT_EQ(db_readClientsTable(&clients, &rows), 0);
+  EXPECT_EQ(lastQuery(), "SELECT  *  FROM  CLIENTS");
+  ASSERT_EQ(rows, 1);
+  EXPECT_EQ(clients[0]->cap24Ghz, 1);
+  EXPECT_STREQ(clients[0]->mimo, "2x2");
+  db_freeClientsResult(&clients, rows);
+
+  SubscriberInfoRecord **subscribers = nullptr;
+  ASSERT_EQ(db_readSubscriberInfoTable(&subscribers, &rows), 0);
+  EXPECT_EQ(lastQuery(), "SELECT  *  FROM  SUBSCRIBERINFO");
+  ASSERT_EQ(rows, 1);
+  EXPECT_STREQ(subscribers[0]->serialNumber, "SN1");
+  EXPECT_EQ(subscribers[0]->downstreamBandwidth, 500);
+  db_freeSubscriberInfoResult(&subscribers, rows);
+
+  DeviceThresholdRecord **thresholds = nullptr;
+  ASSERT_EQ(db_readDeviceThresholdTable(&thresholds, &rows), 0);
+  EXPECT_EQ(lastQuery(), "SELECT  *  FROM  DEVICETHRESHOLD");
+  ASSERT_EQ(rows, 1);
+  EXPECT_EQ(thresholds[0]->rssiGoodStart, -40);
+  EXPECT_FLOAT_EQ(thresholds[0]->version, 1.5f);
+  db_freeDeviceThresholdResult(&thresholds, rows);
+
+  DeviceInfoRecord **devices = nullptr;
+  ASSERT_EQ(db_readDeviceInfoTable(&devices, &rows), 0);
+  EXPECT_EQ(lastQuery(), "SELECT  *  FROM  DEVICEINFO");
+  ASSERT_EQ(rows, 1);
+  EXPECT_EQ(devices[0]->txRate, 12u);                // stored as REAL 12.75
+  EXPECT_EQ(devices[0]->devTimestamp, 1700000000u);  // read back as "1700000000.0"
+  EXPECT_STREQ(devices[0]->preferredBand, "NA");     // the column default, stored
+  EXPECT_EQ(devices[0]->portable, 1);
+  db_freeDeviceInfoResult(&devices, rows);
+
+  // An existing but empty table: nothing to convert.
+  raw().exec("DELETE FROM MESHTOPO");
+  EXPECT_EQ(readKeepingList<MeshTopoRecord>(db_readMeshTopoTable), 2);
+  EXPECT_EQ(log().count(RYX_LOG_ERROR,
+                        "[analyticsDB] Meshtopo result array NULL / rowcount 0 columcount 0\n"),
+            1u)
+      << log().dump();
+}
+
+TEST_F(InventoryReads, KeyedReadsMatchTheKeyWithoutRegardToCase) {
+  createTables();
+  raw().exec(
+      "INSERT INTO CLIENTS (MAC_S, CAP_5GHZ) VALUES ('c0:ff:ee:00:00:01', 1), "
+      "('c0:ff:ee:00:00:02', 0);"
+      "INSERT INTO DEVICETHRESHOLD (DEVICECLASS_S, STREAMINGTHRESHOLD) VALUES ('Camera', 7), "
+      "('Phone', 8), ('Kid''s tablet', 9);"
+      "INSERT INTO DEVICEINFO (MAC_S, IS_BRIDGED) VALUES ('aa:bb:cc:dd:ee:01', 0), "
+      "('aa:bb:cc:dd:ee:02', 1);");
+
+  ClientCapabilityRecord **clients = nullptr;
+  int32_t rows = 0;
+  ASSERT_EQ(db_readMacClients("C0:FF:EE:00:00:01", &clients, &rows), 0);
+  EXPECT_EQ(lastQuery(), "SELECT  *  FROM  CLIENTS WHERE MAC_S LIKE 'C0:FF:EE:00:00:01'");
+  ASSERT_EQ(rows, 1);
+  EXPECT_STREQ(clients[0]->mac, "c0:ff:ee:00:00:01");
+  EXPECT_EQ(clients[0]->cap5Ghz, 1);
+  db_freeClientsResult(&clients, rows);
+  EXPECT_EQ(readKeepingList<ClientCapabilityRecord>([](auto list, auto count) {
+              return db_readMacClients("c0:ff:ee:00:00:09", list, count);
+            }),
+            2);
+
+  DeviceThresholdRecord **thresholds = nullptr;
+  ASSERT_EQ(db_readDeviceClassDeviceThreshold("kid's TABLET", &thresholds, &rows), 0);
+  EXPECT_EQ(lastQuery(),
+            "SELECT  *  FROM  DEVICETHRESHOLD WHERE DEVICECLASS_S LIKE 'kid''s TABLET'");
+  ASSERT_EQ(rows, 1);
+  EXPECT_EQ(thresholds[0]->streamingThreshold, 9);
+  db_freeDeviceThresholdResult(&thresholds, rows);
+
+  // Bridged filter 0 leaves bridged devices out; any other value does not.
+  DeviceInfoRecord **devices = nullptr;
+  EXPECT_EQ(readKeepingList<DeviceInfoRecord>([](auto list, auto count) {
+              return db_readMacDeviceInfo("aa:bb:cc:dd:ee:02", list, count, 0);
+            }),
+            2);
+  EXPECT_EQ(lastQuery(),
+            "SELECT  *  FROM  DEVICEINFO WHERE MAC_S LIKE 'aa:bb:cc:dd:ee:02' AND "
+            "IS_BRIDGED LIKE 0");
+  ASSERT_EQ(db_readMacDeviceInfo("aa:bb:cc:dd:ee:02", &devices, &rows, 1), 0);
+  EXPECT_EQ(lastQuery(), "SELECT  *  FROM  DEVICEINFO WHERE MAC_S LIKE 'aa:bb:cc:dd:ee:02'");
+  ASSERT_EQ(rows, 1);
+  EXPECT_EQ(devices[0]->isBridged, 1);
+  db_freeDeviceInfoResult(&devices, rows);
+  ASSERT_EQ(db_readMacDeviceInfo("AA:BB:CC:DD:EE:01", &devices, &rows, 0), 0);
+  ASSERT_EQ(rows, 1);
+  EXPECT_STREQ(devices[0]->mac, "aa:bb:cc:dd:ee:01");
+  db_freeDeviceInfoResult(&devices, rows);
+
+  // A missing key is refused before anything runs.
+  log().clear();
+  EXPECT_EQ(readKeepingList<DeviceInfoRecord>([](auto list, auto count) {
+              return db_readMacDeviceInfo(nullptr, list, count, 0);
+            }),
+            1);
+  EXPECT_EQ(lastQuery(), "");
+}
+
+TEST_F(InventoryReads, SubsetReadsFillOnlyTheSelectedFields) {
+  createTables();
+  raw().exec(
+      "INSERT INTO DEVICEINFO (MAC_S, TXCNT, RXCNT, INTF_NAME_S, BEACONSTATE, CAPACITY, "
+      "DEVTIMESTAMP, ACTIVE, HOST_S) VALUES "
+      "('aa:00', 5000000000, NULL, 'wl0', 2, 10, 1700000000.75, 1, 'one'), "
+      "('aa:01', NULL, 7, 'eth0', 0, 20, 5000000000, 0, 'two'), "
+      "('aa:02', NULL, NULL, 'wl1', NULL, 30, NULL, NULL, 'three');");
+
+  DeviceInfoRecord **devices = nullptr;
+  int32_t rows = 0;
+  ASSERT_EQ(db_readDeviceInfoTxRxCount(&devices, &rows), 0);
+  EXPECT_EQ(lastQuery(),
+            "SELECT MAC_S,TXCNT,RXCNT,INTF_NAME_S,BEACONSTATE FROM  DEVICEINFO WHERE TXCNT is "
+            "not null OR RXCNT is not null");
+  ASSERT_EQ(rows, 2);
+  DeviceInfoRecord expected{};
+  std::memcpy(expected.mac, "aa:00", 6);
+  expected.txCnt = 5000000000ull;
+  std::memcpy(expected.intfName, "wl0", 4);
+  expected.beaconState = 2;
+  EXPECT_EQ(std::memcmp(devices[0], &expected, sizeof expected), 0);
+  EXPECT_EQ(devices[1]->rxCnt, 7u);
+  EXPECT_STREQ(devices[1]->intfName, "eth0");
+  db_freeDeviceInfoResult(&devices, rows);
+
+  ASSERT_EQ(db_readDeviceInfoCapacity(&devices, &rows), 0);
+  EXPECT_EQ(lastQuery(), "SELECT MAC_S,CAPACITY FROM  DEVICEINFO");
+  ASSERT_EQ(rows, 3);
+  expected = DeviceInfoRecord{};
+  std::memcpy(expected.mac, "aa:02", 6);
+  expected.capacity = 30;
+  EXPECT_EQ(std::memcmp(devices[2], &expected, sizeof expected), 0);
+  db_freeDeviceInfoResult(&devices, rows);
+
+  DeviceTimestampRecord **stamps = nullptr;
+  ASSERT_EQ(db_readDeviceInfoTimestamp(&stamps, &rows), 0);
+  EXPECT_EQ(lastQuery(), "SELECT MAC_S,DEVTIMESTAMP,ACTIVE,INTF_NAME_S FROM  DEVICEINFO");
+  ASSERT_EQ(rows, 3);
+  EXPECT_STREQ(stamps[0]->mac, "aa:00");
+  EXPECT_EQ(stamps[0]->devTimestamp, 1700000000u);
+  EXPECT_EQ(stamps[0]->active, 1);
+  EXPECT_STREQ(stamps[0]->intfName, "wl0");
+  EXPECT_EQ(stamps[1]->devTimestamp, 4294967295u);
+  EXPECT_EQ(stamps[2]->devTimestamp, 0u);
+  db_freeDpClientHandleResult(&stamps, rows);
+
+  // Only devices whose beacon state is above 0; NULL is not.
+  ASSERT_EQ(db_readExtInfo(&devices, &rows), 0);
+  EXPECT_EQ(lastQuery(), "SELECT  *  FROM  DEVICEINFO WHERE BEACONSTATE>0");
+  ASSERT_EQ(rows, 1);
+  EXPECT_STREQ(devices[0]->mac, "aa:00");
+  EXPECT_STREQ(devices[0]->host, "one");
+  db_freeDeviceInfoResult(&devices, rows);
+}
+
+TEST_F(InventoryReads, SingleValueReadsCopyTheFirstRowsValue) {
+  createTables();
+  const std::string category40(40, 'c');
+  raw().exec(
+      "INSERT INTO CMAINFO VALUES ('DEVICEINFO', 1000.75), ('MESHTOPO', NULL);"
+      "INSERT INTO DEVICEINFO (MAC_S, CATEGORY_S, DEVCRITICAL) VALUES ('aa:00', '" +
+      category40 + "', 3), ('aa:01', 'Phone', NULL);");
+
+  uint32_t timestamp = 77;
+  ASSERT_EQ(db_readCmaInfoTimeStamp("deviceinfo", &timestamp), 0);
+  EXPECT_EQ(lastQuery(), "SELECT TIMESTAMP FROM  CMAINFO WHERE TABLENAME_S LIKE 'deviceinfo'");
+  EXPECT_EQ(timestamp, 1000u);
+  // No row, or a NULL time stamp: the caller's value stays and the status is 0.
+  timestamp = 77;
+  EXPECT_EQ(db_readCmaInfoTimeStamp("CLIENTS", &timestamp), 0);
+  EXPECT_EQ(db_readCmaInfoTimeStamp("MESHTOPO", &timestamp), 0);
+  EXPECT_EQ(timestamp, 77u);
+
+  char category[64];
+  std::memset(category, 'x', sizeof category);
+  ASSERT_EQ(db_readDeviceInfoCategory("AA:00", category), 0);
+  EXPECT_EQ(lastQuery(), "SELECT CATEGORY_S FROM  DEVICEINFO WHERE MAC_S LIKE 'AA:00'");
+  EXPECT_EQ(std::string(category), std::string(31, 'c'));
+  EXPECT_EQ(category[32], 'x');  // 31 characters and the terminator, nothing more
+
+  int32_t critical = -5;
+  ASSERT_EQ(db_readDeviceInfoCritical("aa:00", &critical), 0);
+  EXPECT_EQ(lastQuery(), "SELECT DEVCRITICAL FROM  DEVICEINFO WHERE MAC_S LIKE 'aa:00'");
+  EXPECT_EQ(critical, 3);
+  ASSERT_EQ(db_readDeviceInfoCritical("aa:01", &critical), 0);
+  EXPECT_EQ(critical, 0);  // NULL reads as 0
+
+  // No matching row: 2, the output untouched, and the free function's line about the list.
+  log().clear();
+  critical = -5;
+  std::memcpy(category, "keep", 5);
+  EXPECT_EQ(db_readDeviceInfoCritical("aa:09", &critical), 2);
+  EXPECT_EQ(db_readDeviceInfoCategory("aa:09", category), 2);
+  EXPECT_EQ(critical, -5);
+  EXPECT_STREQ(category, "keep");
+  EXPECT_EQ(log().count(RYX_LOG_ERROR, "[analyticsDB] DeviceInfo struct is already NULL\n"), 2u);
+
+  // The companions on their own ignore what they cannot use.
+  db_getCmaTimeStamp(nullptr, &timestamp);
+  getDevCategory(nullptr, category);
+  getDevCritical(nullptr, &critical);
+  EXPECT_EQ(timestamp, 77u);
+  EXPECT_EQ(critical, -5);
+  EXPECT_EQ(db_readCmaInfoTimeStamp("DEVICEINFO", nullptr), 1);
+}
+
+TEST_F(InventoryReads, FailedReadsReturnTheirStatusAndLeaveTheListAlone) {
+  // No tables at all: every read reports the missing table.
+  EXPECT_EQ(readKeepingList<MeshTopoRecord>(db_readMeshTopoTable), 5);
+  EXPECT_EQ(readKeepingList<ClientCapabilityRecord>(db_readClientsTable), 5);
+  EXPECT_EQ(readKeepingList<ClientCapabilityRecord>(
+                [](auto list, auto rows) { return db_readMacClients("aa", list, rows); }),
+            5);
+  EXPECT_EQ(readKeepingList<DeviceThresholdRecord>(db_readDeviceThresholdTable), 5);
+  EXPECT_EQ(readKeepingList<DeviceThresholdRecord>([](auto list, auto rows) {
+              return db_readDeviceClassDeviceThreshold("Camera", list, rows);
+            }),
+            5);
+  EXPECT_EQ(readKeepingList<SubscriberInfoRecord>(db_readSubscriberInfoTable), 5);
+  EXPECT_EQ(readKeepingList<DeviceInfoRecord>(db_readDeviceInfoTable), 5);
+  EXPECT_EQ(readKeepingList<DeviceInfoRecord>(
+                [](auto list, auto rows) { return db_readMacDeviceInfo("aa", list, rows, 0); }),
+            5);
+  EXPECT_EQ(readKeepingList<DeviceInfoRecord>(db_readDeviceInfoTxRxCount), 5);
+  EXPECT_EQ(readKeepingList<DeviceInfoRecord>(db_readDeviceInfoCapacity), 5);
+  EXPECT_EQ(readKeepingList<DeviceTimestampRecord>(db_readDeviceInfoTimestamp), 5);
+  EXPECT_EQ(readKeepingList<DeviceInfoRecord>(db_readExtInfo), 5);
+  uint32_t timestamp = 9;
+  int32_t critical = 9;
+  char category[32] = "keep";
+  EXPECT_EQ(db_readCmaInfoTimeStamp("DEVICEINFO", &timestamp), 5);
+  EXPECT_EQ(db_readDeviceInfoCritical("aa", &critical), 5);
+  EXPECT_EQ(db_readDeviceInfoCategory("aa", category), 5);
+  EXPECT_EQ(timestamp, 9u);
+  EXPECT_EQ(critical, 9);
+  EXPECT_STREQ(category, "keep");
+
+  // A database held by another process: busy, at once, and nothing to free.
+  createTables();
+  raw().exec("INSERT INTO MESHTOPO (MAC_S) VALUES ('aa')");
+  MeshTopoRecord **mesh = nullptr;
+  int32_t rows = 0;
+  ASSERT_EQ(db_readMeshTopoTable(&mesh, &rows), 0);  // the connection now knows the new tables
+  db_freeMeshTopoResult(&mesh, rows);
+  adbtest::BusyHolder holder(dbPath());
+  EXPECT_EQ(readKeepingList<MeshTopoRecord>(db_readMeshTopoTable), 3);
+
+  // Output arguments that are not there.
+  EXPECT_EQ(db_readMeshTopoTable(nullptr, &rows), 1);
+  EXPECT_EQ(readKeepingList<MeshTopoRecord>(
+                [](auto list, auto) { return db_readMeshTopoTable(list, nullptr); }),
+            1);
+}
