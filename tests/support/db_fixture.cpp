@@ -42,7 +42,9 @@ LogCapture::~LogCapture() {
 }
 
 void LogCapture::handle(int level, const char *line, void *user) {
-  static_cast<LogCapture *>(user)->lines_.push_back(LogLine{level, line});
+  auto *capture = static_cast<LogCapture *>(user);
+  std::lock_guard<std::mutex> guard(capture->mutex_);
+  capture->lines_.push_back(LogLine{level, line});
 }
 
 size_t LogCapture::count(int level, std::string_view message) const {
@@ -149,10 +151,13 @@ void DbTest::SetUp() {
   ASSERT_EQ(db_setDatabasePath(dbPath_.c_str()), DB_STATUS_SUCCESS);
   ASSERT_EQ(db_setProfileMarkerPath((tempDir_ + "/db_profile").c_str()), DB_STATUS_SUCCESS);
   alterSchema = 0;
+  ASSERT_EQ(db_initQueue(), 0);
   log_.emplace(RYX_LOG_DEBUG);
 }
 
 void DbTest::TearDown() {
+  EXPECT_EQ(db_freeQueue(), 0);
+  EXPECT_EQ(queueCount, 0) << "the queue's count disagrees with its nodes";
   raw_.reset();
   EXPECT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
   log_.reset();
@@ -177,6 +182,22 @@ Values::Values(std::initializer_list<const char *> values) {
 
 Values::Values(const std::vector<std::string> &values) : storage_(values) {
   for (std::string &value : storage_) pointers_.push_back(value.data());
+}
+
+WriteRequestNode *queueHead() { return __atomic_load_n(&writeRequestQueue, __ATOMIC_ACQUIRE); }
+
+int32_t queueLength() {
+  int32_t length = 0;
+  for (WriteRequestNode *node = queueHead(); node != nullptr; node = node->next) ++length;
+  return length;
+}
+
+std::vector<Cell> nodeValues(const WriteRequestNode &node) {
+  std::vector<Cell> values;
+  for (int32_t i = 0; i < node.fieldCount && i < DB_QUEUE_FIELD_SLOTS; ++i) {
+    values.push_back(node.fieldValues[i] != nullptr ? Cell(node.fieldValues[i]) : std::nullopt);
+  }
+  return values;
 }
 
 }  // namespace adbtest

@@ -7,12 +7,15 @@
  *  - BusyHolder: a second SQLite connection that holds BEGIN EXCLUSIVE, so that the library's
  *    statements meet a busy database the way they do when another process holds the file.
  *  - RawDb: reads and writes the file directly, past the library.
+ *  - The deferred write queue is initialised for every test and emptied after it; queueHead()
+ *    and queueLength() look at it.
  */
 #ifndef ANALYTICSDB_TEST_DB_FIXTURE_H
 #define ANALYTICSDB_TEST_DB_FIXTURE_H
 
 #include <gtest/gtest.h>
 
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -53,6 +56,7 @@ class LogCapture {
 
  private:
   static void handle(int level, const char *line, void *user);
+  std::mutex mutex_;  // the library may log from several threads at once
   std::vector<LogLine> lines_;
 };
 
@@ -125,6 +129,13 @@ class Values {
   std::vector<std::string> storage_;
   std::vector<char *> pointers_;
 };
+
+// The head of the deferred write queue, read the way the library's unlocked peeks read it.
+WriteRequestNode *queueHead();
+// Nodes in the queue, counted from the head (compare with the library's queueCount).
+int32_t queueLength();
+// The values a node holds, in order: its recorded field count, at most its capacity.
+std::vector<Cell> nodeValues(const WriteRequestNode &node);
 
 }  // namespace adbtest
 

@@ -1,0 +1,262 @@
+/*
+ * db_manage_queue.cpp - the deferred write queue's gate and its replay catalogue.
+ *
+ * Every write, delete and drop asks the gate twice: before its statement (status -1), to be
+ * queued behind a waiting request for the same table family and key, and after it with the
+ * statement's status, so that a busy outcome (3) is parked for a later replay. The catalogue
+ * gives every function id its replay and the shape of the arguments the replay takes from a
+ * queued node; the processing loop of db_queue.cpp dispatches the head node through it.
+ */
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+
+#include "analyticsdb.h"
+#include "internal/gate.h"
+#include "internal/log.h"
+#include "internal/queue.h"
+
+ADB_LOG_MODULE("db_manage_queue")
+
+namespace {
+
+/* ---------------------------------------------------------------- the gate ---- */
+
+// The before-writing check: the request joins the queue only behind a waiting request for the
+// same table family and key; otherwise (and when the queue is full) the caller writes directly.
+int32_t queueBehindRelated(const adb::queue::Request &request) {
+  if (adb::queue::head() == nullptr) return 0;
+  adb::queue::Locked held;
+  if (adb::queue::head() == nullptr) return 0;
+  if (queueCount >= DB_QUEUE_MAX_ENTRIES) {
+    // This line deliberately ends without a newline.
+    ADB_LOG_ERROR("Queue has MAX number of entries. Queue count [%d] MAX value [%d]", queueCount,
+                  DB_QUEUE_MAX_ENTRIES);
+    return 0;
+  }
+  if (db_checkTableEntry(request.tableFamily, request.values, request.valueCount) != 0) {
+    return adb::queue::append(request);
+  }
+  return 0;
+}
+
+int32_t passGate(int32_t status, const adb::queue::Request &request) {
+  if (status == DB_STATUS_QUEUE_CHECK) return queueBehindRelated(request);
+  // Only a busy database is worth a retry; every other outcome stands.
+  if (status == DB_STATUS_BUSY) adb::queue::appendBusy(request);
+  return 0;
+}
+
+/* ---------------------------------------------------------------- replay catalogue ---- */
+
+using ValuesReplay = int32_t (*)(char **);
+using NumberReplay = int32_t (*)(int32_t);
+using KeyReplay = int32_t (*)(const char *);
+using KeyAndDayReplay = int32_t (*)(const char *, int32_t);
+using PlainReplay = int32_t (*)(void);
+
+// What a replay takes from its node, and what becomes of a node that lacks it.
+enum class ReplayArgs : uint8_t {
+  kNotSupported,  // no replay: reported and removed
+  kValues,        // the node's value array
+  kVersion,       // the integer of the 2nd value; without it the attempt does nothing
+  kDay,           // the integer of the 2nd value; without it the head is removed
+  kKey,           // the 1st value; without it the head is removed
+  kKeyAndDay,     // the 1st value and the integer of the 2nd; without them the head is removed
+  kNothing,       // no arguments
+};
+
+struct Replay {
+  int32_t functionId;
+  ReplayArgs args;
+  ValuesReplay withValues = nullptr;
+  NumberReplay withNumber = nullptr;
+  KeyReplay withKey = nullptr;
+  KeyAndDayReplay withKeyAndDay = nullptr;
+  PlainReplay withNothing = nullptr;
+};
+
+constexpr Replay notSupported(int32_t id) { return {id, ReplayArgs::kNotSupported}; }
+constexpr Replay replayValues(int32_t id, ValuesReplay replay) {
+  return {.functionId = id, .args = ReplayArgs::kValues, .withValues = replay};
+}
+constexpr Replay replayVersion(int32_t id, NumberReplay replay) {
+  return {.functionId = id, .args = ReplayArgs::kVersion, .withNumber = replay};
+}
+constexpr Replay replayDay(int32_t id, NumberReplay replay) {
+  return {.functionId = id, .args = ReplayArgs::kDay, .withNumber = replay};
+}
+constexpr Replay replayKey(int32_t id, KeyReplay replay) {
+  return {.functionId = id, .args = ReplayArgs::kKey, .withKey = replay};
+}
+constexpr Replay replayKeyAndDay(int32_t id, KeyAndDayReplay replay) {
+  return {.functionId = id, .args = ReplayArgs::kKeyAndDay, .withKeyAndDay = replay};
+}
+constexpr Replay replayNothing(int32_t id, PlainReplay replay) {
+  return {.functionId = id, .args = ReplayArgs::kNothing, .withNothing = replay};
+}
+
+// Row n is function id n. A row without its replay yet names, in its comment, the shape and the
+// replay that belongs there.
+constexpr Replay kReplays[] = {
+    notSupported(0),  // replayVersion: db_updateQueueDBVersion
+    replayValues(1, db_updateQueueDeviceInfoTable),
+    replayValues(2, db_updateQueueDeviceInfoPrimitiveFields),
+    replayValues(3, db_updateQueueDeviceInfoLanFields),
+    replayValues(4, db_updateQueueDeviceInfoCapacity),
+    replayValues(5, db_updateQueueDeviceInfoRssiFields),
+    replayValues(6, db_updateQueueDeviceInfoBeaconFields),
+    replayValues(7, db_updateQueueDeviceInfoOpsFields),
+    replayValues(8, db_updateQueueDeviceInfoPreferredBandFields),
+    replayValues(9, db_updateQueueMeshTopoTable),
+    notSupported(10),  // replayValues: db_updateQueuePrimitiveRssi
+    notSupported(11),  // replayValues: db_updateQueueRssiSlot
+    notSupported(12),  // replayValues: db_updateQueueRssiSlotDefaultValue
+    notSupported(13),  // replayValues: db_updateQueuePrimitiveBandWidthRx
+    notSupported(14),  // replayValues: db_updateQueueBandWidthSlotRx
+    notSupported(15),  // replayValues: db_updateQueueRxSlotDefaultValue
+    notSupported(16),  // replayValues: db_updateQueuePrimitiveBandWidthTx
+    notSupported(17),  // replayValues: db_updateQueueBandWidthSlotTx
+    notSupported(18),  // replayValues: db_updateQueueTxSlotDefaultValue
+    replayValues(19, db_updateQueueSubscriberInfoTable),
+    replayValues(20, db_updateQueueDeviceThresholdTable),
+    replayValues(21, db_updateQueueCmaInfoTable),
+    replayValues(22, db_updateQueueClientsTable),
+    replayValues(23, db_updateQueueDeviceInfoBeaconFName),
+    replayValues(24, db_updateQueueDeviceInfoBandSteeringFields),
+    replayValues(25, db_updateQueueDeviceInfoIsBridgedFields),
+    notSupported(26),  // replayNothing: db_dropQueueDeviceInfoTable
+    notSupported(27),  // replayNothing: db_dropQueueMeshTopoTable
+    notSupported(28),  // replayNothing: db_dropQueuePrimitiveBandwidthRxTable
+    notSupported(29),  // replayDay: db_dropQueueBandwidthRxTable
+    notSupported(30),  // replayNothing: db_dropQueuePrimitiveBandwidthTxTable
+    notSupported(31),  // replayDay: db_dropQueueBandwidthTxTable
+    notSupported(32),  // replayNothing: db_dropQueuePrimitiveRssiTable
+    notSupported(33),  // replayDay: db_dropQueueRssiTable
+    notSupported(34),  // replayNothing: db_deleteQueueDeviceInfoTable
+    notSupported(35),  // replayKey: db_deleteQueueMacDeviceInfo
+    notSupported(36),  // replayNothing: db_deleteQueueMeshTopoTable
+    notSupported(37),  // replayKey: db_deleteQueueMacMeshTopo
+    notSupported(38),  // replayKeyAndDay: db_deleteQueueDayRssi
+    notSupported(39),  // replayKey: db_deleteQueuePrimitiveRssi
+    notSupported(40),  // replayKeyAndDay: db_deleteQueueDayBandWidthRx
+    notSupported(41),  // replayKey: db_deleteQueuePrimitiveBandWidthRx
+    notSupported(42),  // replayNothing: db_deleteQueueNonWanBandwidthRxInfo
+    notSupported(43),  // replayKeyAndDay: db_deleteQueueDayBandWidthTx
+    notSupported(44),  // replayKey: db_deleteQueuePrimitiveBandWidthTx
+    notSupported(45),  // replayNothing: db_deleteQueueNonWanBandwidthTxInfo
+    notSupported(46),  // replayKey: db_deleteQueueMacDeviceThreshold
+};
+
+constexpr int32_t kFunctionIds = 47;  // ids 0 to 46
+static_assert(std::size(kReplays) == kFunctionIds, "one catalogue row per function id");
+
+consteval bool rowsInIdOrder() {
+  for (int32_t id = 0; id < kFunctionIds; ++id) {
+    if (kReplays[id].functionId != id) return false;
+  }
+  return true;
+}
+static_assert(rowsInIdOrder(), "catalogue row n must be function id n");
+
+// The catalogue row of a function id; ids outside the catalogue have no replay.
+const Replay &replayOf(int32_t functionId) {
+  static constexpr Replay kUnknown = notSupported(-1);
+  return (functionId >= 0 && functionId < kFunctionIds) ? kReplays[functionId] : kUnknown;
+}
+
+// The i-th value of a node, or null where the node has none.
+const char *valueAt(const WriteRequestNode &node, int32_t i) {
+  return i < adb::queue::valueSlots(node) ? node.fieldValues[i] : nullptr;
+}
+
+}  // namespace
+
+namespace adb {
+
+int32_t manageQueue(int32_t status, int32_t functionId, char **values, int32_t valueCount,
+                    int32_t recordedCount, const char *tableFamily) {
+  ADB_LOG_DEBUG("[analyticsDB] Queue: Status %d Func %d\n", status, functionId);
+  return passGate(status, {functionId, values, valueCount, recordedCount, tableFamily});
+}
+
+void queue::replay(WriteRequestNode &head) {
+  const Replay &row = replayOf(head.functionId);
+  const char *first = valueAt(head, 0);
+  const char *second = valueAt(head, 1);
+  switch (row.args) {
+    case ReplayArgs::kValues:
+      row.withValues(head.fieldValues);
+      return;
+    case ReplayArgs::kVersion:
+      // Without a version the node stays: the attempt only counts towards the stall.
+      if (second != nullptr) row.withNumber(std::atoi(second));
+      return;
+    case ReplayArgs::kDay:
+      if (second != nullptr) {
+        row.withNumber(std::atoi(second));
+      } else {
+        db_deleteQueueEntry();
+      }
+      return;
+    case ReplayArgs::kKey:
+      if (first != nullptr) {
+        row.withKey(first);
+      } else {
+        db_deleteQueueEntry();
+      }
+      return;
+    case ReplayArgs::kKeyAndDay:
+      if (first != nullptr && second != nullptr) {
+        row.withKeyAndDay(first, std::atoi(second));
+      } else {
+        db_deleteQueueEntry();
+      }
+      return;
+    case ReplayArgs::kNothing:
+      row.withNothing();
+      return;
+    case ReplayArgs::kNotSupported:
+      break;
+  }
+  ADB_LOG_ERROR("[analyticsDB] Get Node, Function is not supported in Queue\n");
+  db_deleteQueueEntry();
+}
+
+}  // namespace adb
+
+extern "C" {
+
+ADB_API int32_t db_manageQueue(int32_t status, int32_t functionId, char **values, int32_t count,
+                               const char *tableName) {
+  ADB_LOG_DEBUG("[analyticsDB] Queue: Status %d Func %d\n", status, functionId);
+  return passGate(status, {functionId, values, count, count, tableName});
+}
+
+ADB_API int32_t db_updateNonEmptyQueue(int32_t functionId, char **values, int32_t count,
+                                       const char *tableName) {
+  return queueBehindRelated({functionId, values, count, count, tableName});
+}
+
+ADB_API int32_t db_checkTableEntry(const char *tableName, char **values, int32_t count) {
+  if (tableName == nullptr) {
+    ADB_LOG_ERROR("[analyticsDB]  Table Name to be checked in queue is empty\n");
+    return 0;
+  }
+  for (const WriteRequestNode *node = adb::queue::head(); node != nullptr;
+       node = adb::queue::nextOf(node)) {
+    // A queued family name is compared as a prefix of the asked one.
+    if (std::strncmp(node->tableName, tableName, std::strlen(node->tableName)) != 0) continue;
+    // A request without a key (a whole-table delete, a day drop) relates to every request of
+    // its family, and so does a queued request without one.
+    if (count < 1 || values == nullptr || node->fieldCount <= 0) return 1;
+    const char *wanted = values[0];
+    if (wanted == nullptr || wanted[0] == '\0') return 1;
+    const char *held = node->fieldValues[0];
+    if (held == nullptr || held[0] == '\0') return 1;
+    if (std::strncmp(held, wanted, std::strlen(wanted)) == 0) return 1;
+  }
+  return 0;
+}
+
+}  // extern "C"

@@ -1,0 +1,305 @@
+/*
+ * db_queue.cpp - the deferred write queue's FIFO.
+ *
+ * A write that meets a busy database is parked here as a node holding private copies of its
+ * values, and replayed later, oldest first, when the host calls db_processQueueEntry. This file
+ * owns the nodes and the queue's globals: appending behind the tail, removing the head, the
+ * processing loop with its caps, freeing, and the debug dumps. Which replay a node runs is
+ * decided by the dispatch in db_manage_queue.cpp.
+ *
+ * Appends link only behind the tail and removals unlink only the head, each under `lock`, so
+ * other threads may append while one thread processes. The processing walk itself is not
+ * locked: one thread processes at a time.
+ */
+#include <pthread.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "analyticsdb.h"
+#include "internal/log.h"
+#include "internal/queue.h"
+#include "internal/text_builder.h"
+
+ADB_LOG_MODULE("db_queue")
+
+extern "C" {
+ADB_API WriteRequestNode *writeRequestQueue = nullptr;
+ADB_API WriteRequestNode *lastNode = nullptr;
+ADB_API int32_t queueCount = 0;
+ADB_API int32_t queueProcessCount = 0;
+ADB_API pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+}
+
+namespace {
+
+// The table name copy is bounded one byte short of its buffer (126 characters of text), on
+// purpose: family names are far shorter, and the bound is part of the node's contract.
+constexpr size_t kTableNameCopyBound = DB_QUEUE_TABLE_NAME_SIZE - 1;
+// The field-values column of a queue dump.
+constexpr size_t kDumpBufferSize = 2048;
+
+// A node has a fixed number of value slots: a request with more values is refused rather than
+// cut, since its replay would write a different row than the caller asked for.
+bool fitsInNode(const adb::queue::Request &request) {
+  if (request.valueCount <= DB_QUEUE_FIELD_SLOTS) return true;
+  ADB_LOG_ERROR(
+      "[analyticsDB] Queue: func[%d] Table[%s] has %d values, a queue entry holds %d: "
+      "not queued\n",
+      request.functionId, adb::queue::orNull(request.tableFamily), request.valueCount,
+      DB_QUEUE_FIELD_SLOTS);
+  return false;
+}
+
+// Zero-filled, so that every slot past the copied values is null and next is null.
+WriteRequestNode *newNode() {
+  return static_cast<WriteRequestNode *>(std::calloc(1, sizeof(WriteRequestNode)));
+}
+
+char *copyOf(const char *value) {
+  size_t size = std::strlen(value) + 1;
+  char *copy = static_cast<char *>(std::malloc(size));
+  if (copy == nullptr) {
+    // The slot stays null: the replay then leaves this column out.
+    ADB_LOG_ERROR("[analyticsDB] - Add Queue - Memory allocation failed for a field value\n");
+    return nullptr;
+  }
+  std::memcpy(copy, value, size);
+  return copy;
+}
+
+void fill(WriteRequestNode &node, const adb::queue::Request &request) {
+  node.fieldCount = request.recordedCount;
+  node.functionId = request.functionId;
+  adb::TextBuilder name(node.tableName, kTableNameCopyBound);
+  if (request.tableFamily != nullptr) name.append(request.tableFamily);
+  if (request.values == nullptr) return;
+  // Never more values than the caller's array holds, than the node records, or than it has.
+  int32_t copies =
+      request.valueCount < request.recordedCount ? request.valueCount : request.recordedCount;
+  if (copies > DB_QUEUE_FIELD_SLOTS) copies = DB_QUEUE_FIELD_SLOTS;
+  for (int32_t i = 0; i < copies; ++i) {
+    node.fieldValues[i] = request.values[i] != nullptr ? copyOf(request.values[i]) : nullptr;
+  }
+}
+
+// Unlinks and frees the head; `lock` must be held and the queue not empty.
+void unlinkHead() {
+  WriteRequestNode *node = adb::queue::head();
+  adb::queue::setHead(adb::queue::nextOf(node));
+  freeNode(node);
+  --queueCount;
+  adb::queue::setAttempts(0);
+}
+
+}  // namespace
+
+namespace adb::queue {
+
+int32_t append(const Request &request) {
+  if (!fitsInNode(request)) return 0;
+  WriteRequestNode *node = newNode();
+  if (node == nullptr) {
+    ADB_LOG_ERROR("[analyticsDB] - AddQueue - Memory allocation failed for Queue entry\n");
+    return 0;
+  }
+  ADB_LOG_ERROR("[analyticsDB] - Add Queue  func[%d]  Table[%s]\n", request.functionId,
+                orNull(request.tableFamily));
+  fill(*node, request);
+  ++queueCount;
+  if (lastNode == nullptr) {
+    for (WriteRequestNode *walk = head(); walk != nullptr; walk = nextOf(walk)) lastNode = walk;
+  }
+  // The node is complete before it becomes reachable.
+  if (lastNode != nullptr) {
+    setNext(lastNode, node);
+  } else {
+    setHead(node);
+  }
+  lastNode = node;
+  ADB_LOG_INFO("[analyticsDB] Added Queue func[%d]  Table[%s]\n", request.functionId,
+               orNull(request.tableFamily));
+  return 1;
+}
+
+void appendBusy(const Request &request) {
+  adb::queue::Locked held;
+  if (head() != nullptr) {
+    if (queueCount >= DB_QUEUE_MAX_ENTRIES) {
+      ADB_LOG_ERROR("Queue has MAX number of entries. Queue count [%d] MAX value [%d]\n",
+                    queueCount, DB_QUEUE_MAX_ENTRIES);
+      return;
+    }
+    append(request);
+    return;
+  }
+  if (!fitsInNode(request)) return;
+  WriteRequestNode *node = newNode();
+  if (node == nullptr) {
+    ADB_LOG_ERROR("[analyticsDB] - Add Queue,1stNode - Memory allocation failed for lock\n");
+    return;
+  }
+  fill(*node, request);
+  ADB_LOG_ERROR("[analyticsDB] - Add Queue,1stNode func[%d] Table[%s]\n", request.functionId,
+                orNull(request.tableFamily));
+  lastNode = node;
+  queueCount = 1;
+  setHead(node);
+}
+
+}  // namespace adb::queue
+
+extern "C" {
+
+ADB_API int32_t db_queueInit(void) {
+  int32_t result = pthread_mutex_init(&lock, nullptr);
+  adb::queue::setHead(nullptr);
+  return result;
+}
+
+ADB_API int32_t db_initQueue(void) { return db_queueInit(); }
+
+ADB_API void db_updateQueueEntry(int32_t functionId, char **values, int32_t count,
+                                 const char *tableName) {
+  adb::queue::appendBusy({functionId, values, count, count, tableName});
+}
+
+ADB_API int32_t db_updateQueue(int32_t functionId, char **values, int32_t count,
+                               const char *tableName) {
+  return adb::queue::append({functionId, values, count, count, tableName});
+}
+
+ADB_API int32_t queue_fillDetails(WriteRequestNode *node, int32_t functionId, char **values,
+                                  int32_t count, const char *tableName) {
+  if (node == nullptr) return DB_STATUS_FAILURE;
+  fill(*node, {functionId, values, count, count, tableName});
+  return DB_STATUS_SUCCESS;
+}
+
+ADB_API void freeNode(WriteRequestNode *node) {
+  if (node == nullptr) return;
+  for (int32_t i = 0; i < adb::queue::valueSlots(*node); ++i) std::free(node->fieldValues[i]);
+  std::free(node);
+}
+
+ADB_API void db_deleteQueueEntry(void) {
+  if (adb::queue::head() == nullptr) {
+    ADB_LOG_DEBUG("[analyticsDB] DeleteQueueEntry - Queue is empty\n");
+    return;
+  }
+  adb::queue::Locked held;
+  if (WriteRequestNode *node = adb::queue::head(); node != nullptr) {
+    ADB_LOG_ERROR("[analyticsDB] DeleteQueueEntry func[%d] table[%s]\n", node->functionId,
+                  node->tableName);
+    unlinkHead();
+  }
+  if (adb::queue::head() == nullptr) {
+    lastNode = nullptr;
+    ADB_LOG_DEBUG("[analyticsDB] DeleteQueueEntry - Queue is empty,lastnode null\n");
+  }
+}
+
+ADB_API void db_deleteQueue(int32_t status) {
+  if (status == DB_STATUS_SUCCESS) {
+    db_deleteQueueEntry();
+    return;
+  }
+  if (status == DB_STATUS_BUSY || status == DB_STATUS_QUEUE_CHECK) return;
+  // Anything but a busy database would fail again: the request is dropped, not retried.
+  ADB_LOG_ERROR("[analyticsDB] Delete Reason:status[%d]\n", status);
+  db_deleteQueueEntry();
+}
+
+ADB_API int32_t db_processQueue(void) {
+  if (adb::queue::head() == nullptr) return DB_STATUS_SUCCESS;
+  int32_t attempt = 0;
+  for (;;) {
+    WriteRequestNode *node = adb::queue::head();
+    if (node == nullptr || attempt == DB_QUEUE_MAX_PER_CALL ||
+        adb::queue::attempts() >= DB_QUEUE_MAX_ATTEMPTS) {
+      break;
+    }
+    ADB_LOG_ERROR("[analyticsDB] Get Node [%d] func[%d] Table[%s]\n", attempt, node->functionId,
+                  node->tableName);
+    adb::queue::replay(*node);
+    // Counted after the replay, so after a removal (which resets the count) the next head
+    // starts one attempt ahead. Kept so: the stall limit of a head counts from there.
+    adb::queue::setAttempts(adb::queue::attempts() + 1);
+    ++attempt;
+  }
+  if (adb::queue::attempts() >= DB_QUEUE_MAX_ATTEMPTS) {
+    // Not reset here: the queue stays stalled until the head is removed or the queue freed.
+    ADB_LOG_ERROR("[analyticsDB] Same node is getting processed for max number of time [%d]\n",
+                  adb::queue::attempts());
+    return DB_STATUS_BUSY;
+  }
+  if (adb::queue::head() != nullptr) {
+    ADB_LOG_ERROR("[analyticsDB] Get Node, Processed Max[%d],Queue is Not Empty\n", attempt);
+    return DB_STATUS_EMPTY;
+  }
+  adb::queue::setAttempts(0);
+  return DB_STATUS_SUCCESS;
+}
+
+ADB_API int32_t db_processQueueEntry(void) { return db_processQueue(); }
+
+ADB_API int32_t db_freeQueueEntries(void) {
+  pthread_mutex_lock(&lock);
+  while (adb::queue::head() != nullptr) unlinkHead();
+  lastNode = nullptr;
+  return pthread_mutex_unlock(&lock);
+}
+
+ADB_API int32_t db_freeQueue(void) { return db_freeQueueEntries(); }
+
+ADB_API void queue_printContents(void) {
+  // Cleared once for the whole dump, not per node: every line repeats the values of the nodes
+  // before it. Kept as it is; the dump is a debugging aid and its readers expect this shape.
+  char fieldValues[kDumpBufferSize] = {};
+  adb::TextBuilder dump(fieldValues, sizeof fieldValues);
+  ADB_LOG_INFO("QUEUE DUMP\n");
+  ADB_LOG_INFO("Qid|Tablename|Function|FieldCount|FieldValues");
+  int32_t qid = 0;
+  for (WriteRequestNode *node = adb::queue::head(); node != nullptr;
+       node = adb::queue::nextOf(node), ++qid) {
+    for (int32_t i = 0; i < adb::queue::valueSlots(*node); ++i) {
+      // Appends are bounded, so the text stops at 2047 characters and this never fires; later
+      // values are cut silently.
+      if (dump.length() >= kDumpBufferSize) {
+        ADB_LOG_INFO("[analyticsDB] Max buffer size to display fieldValues is reached\n");
+      } else {
+        dump.appendf("|%s", adb::queue::orNull(node->fieldValues[i]));
+      }
+    }
+    ADB_LOG_INFO("\n%d|%s|%d|%d%s", qid, node->tableName, node->functionId, node->fieldCount,
+                 dump.empty() ? "NULL" : dump.c_str());
+  }
+}
+
+ADB_API void db_printQueue(void) { queue_printContents(); }
+
+ADB_API void printQueueNode(WriteRequestNode *node) {
+  if (node == nullptr) return;
+  ADB_LOG_DEBUG("\nFunction [%d], Table [%s], FieldCount [%d], ", node->functionId, node->tableName,
+                node->fieldCount);
+  for (int32_t i = 0; i < adb::queue::valueSlots(*node); ++i) {
+    ADB_LOG_DEBUG("Field[%d]: [%s], ", i, adb::queue::orNull(node->fieldValues[i]));
+  }
+}
+
+ADB_API int32_t db_findMatch(WriteRequestNode *node, int32_t functionId, char **values,
+                             int32_t count) {
+  if (node == nullptr || node->functionId != functionId || node->fieldCount != count) return 0;
+  for (int32_t i = 0; i < adb::queue::valueSlots(*node); ++i) {
+    const char *held = node->fieldValues[i];
+    const char *given = values != nullptr ? values[i] : nullptr;
+    if (given == nullptr) {
+      if (held != nullptr) return 0;
+    } else if (held == nullptr || std::strncmp(held, given, std::strlen(given)) != 0) {
+      return 0;
+    }
+  }
+  return 1;
+}
+
+}  // extern "C"

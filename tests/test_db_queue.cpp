@@ -1,0 +1,378 @@
+/*
+ * test_db_queue.cpp - the deferred write queue: gate, FIFO, processing caps, dumps, threads.
+ *
+ * Requests are parked the way a write that met a busy database parks them (the gate with
+ * status 3) and replayed through the capacity writer's replay (function id 4), which writes
+ * "MAC_S" and "CAPACITY" of DEVICEINFO.
+ */
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/db_fixture.h"
+
+namespace {
+
+using adbtest::Cell;
+using adbtest::Values;
+
+constexpr int32_t kCapacityId = 4;
+
+class QueueTest : public adbtest::DbTest {
+ protected:
+  void SetUp() override {
+    DbTest::SetUp();
+    // The CHECK lets a replay fail with a constraint violation on its UPDATE.
+    raw().exec(
+        "CREATE TABLE DEVICEINFO (MAC_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE, "
+        "CAPACITY INTEGER CHECK (CAPACITY < 1000))");
+  }
+
+  // Parks a capacity write as a write that met a busy database does.
+  static void park(const std::string &mac, const std::string &capacity,
+                   int32_t functionId = kCapacityId) {
+    Values values(std::vector<std::string>{mac, capacity});
+    db_manageQueue(DB_STATUS_BUSY, functionId, values.data(), values.size(), "DEVICEINFO");
+  }
+
+  Cell capacityOf(const std::string &mac) {
+    return raw().scalar("SELECT CAPACITY FROM DEVICEINFO WHERE MAC_S = '" + mac + "'");
+  }
+
+  size_t gotNodeLines() { return log().countContaining("[analyticsDB] Get Node ["); }
+};
+
+TEST_F(QueueTest, OnlyBusyOutcomesAreQueued) {
+  Values values{"aa:bb", "1"};
+  EXPECT_EQ(db_manageQueue(-1, kCapacityId, values.data(), 2, "DEVICEINFO"), 0);
+  EXPECT_TRUE(log().has(RYX_LOG_DEBUG, "[analyticsDB] Queue: Status -1 Func 4\n"));
+  for (int32_t status : {0, 1, 2, 4, 5, 6}) {
+    EXPECT_EQ(db_manageQueue(status, kCapacityId, values.data(), 2, "DEVICEINFO"), 0);
+  }
+  EXPECT_EQ(adbtest::queueHead(), nullptr);
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
+  db_deleteQueueEntry();
+  EXPECT_TRUE(log().has(RYX_LOG_DEBUG, "[analyticsDB] DeleteQueueEntry - Queue is empty\n"));
+
+  EXPECT_EQ(db_manageQueue(DB_STATUS_BUSY, kCapacityId, values.data(), 2, "DEVICEINFO"), 0);
+  EXPECT_EQ(queueCount, 1);
+}
+
+TEST_F(QueueTest, BusyWriteParksPrivateCopyAndHoldsBackItsKey) {
+  char mac[] = "aa:bb:cc:00:00:01";
+  char capacity[] = "7";
+  char *values[] = {mac, capacity};
+  {
+    adbtest::BusyHolder holder(dbPath());
+    EXPECT_EQ(db_updateDeviceInfoCapacity(values), DB_STATUS_BUSY);
+  }
+  WriteRequestNode *head = adbtest::queueHead();
+  ASSERT_NE(head, nullptr);
+  EXPECT_EQ(head->functionId, kCapacityId);
+  EXPECT_EQ(head->fieldCount, 2);
+  EXPECT_STREQ(head->tableName, "DEVICEINFO");
+  EXPECT_EQ(lastNode, head);
+  EXPECT_TRUE(
+      log().has(RYX_LOG_ERROR, "[analyticsDB] - Add Queue,1stNode func[4] Table[DEVICEINFO]\n"));
+  // The node owns its copies: the caller may reuse its buffers at once.
+  EXPECT_NE(head->fieldValues[0], mac);
+  capacity[0] = '9';
+  EXPECT_EQ(adbtest::nodeValues(*head), (std::vector<Cell>{"aa:bb:cc:00:00:01", "7"}));
+
+  // The database is free again, but the row waits: the same key queues behind it without a
+  // statement, another key is written at once.
+  size_t statements = log().countContaining("Insert/Update to table");
+  char later[] = "8";
+  values[1] = later;
+  EXPECT_EQ(db_updateDeviceInfoCapacity(values), DB_STATUS_BUSY);
+  EXPECT_EQ(log().countContaining("Insert/Update to table"), statements);
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] - Add Queue  func[4]  Table[DEVICEINFO]\n"));
+  EXPECT_TRUE(log().has(RYX_LOG_INFO, "[analyticsDB] Added Queue func[4]  Table[DEVICEINFO]\n"));
+  EXPECT_EQ(capacityOf("aa:bb:cc:00:00:01"), std::nullopt);
+  Values other{"aa:bb:cc:00:00:02", "5"};
+  EXPECT_EQ(db_updateDeviceInfoCapacity(other.data()), DB_STATUS_SUCCESS);
+  EXPECT_EQ(capacityOf("aa:bb:cc:00:00:02"), Cell("5"));
+  EXPECT_EQ(db_manageQueue(-1, 9, values, 1, "MESHTOPO"), 0);  // same key, another family
+  EXPECT_EQ(queueCount, 2);
+
+  // Replayed oldest first, each node removed after its success.
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(capacityOf("aa:bb:cc:00:00:01"), Cell("8"));
+  EXPECT_EQ(adbtest::queueHead(), nullptr);
+  EXPECT_EQ(lastNode, nullptr);
+  EXPECT_EQ(queueCount, 0);
+  EXPECT_EQ(queueProcessCount, 0);
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] Get Node [0] func[4] Table[DEVICEINFO]\n"));
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] Get Node [1] func[4] Table[DEVICEINFO]\n"));
+  EXPECT_TRUE(
+      log().has(RYX_LOG_DEBUG, "[analyticsDB] DeleteQueueEntry - Queue is empty,lastnode null\n"));
+}
+
+TEST_F(QueueTest, BusyReplayKeepsItsNodeUntilTheStallIsCleared) {
+  park("aa", "1");
+  park("bb", "2");
+  WriteRequestNode *first = adbtest::queueHead();
+  {
+    adbtest::BusyHolder holder(dbPath());
+    EXPECT_EQ(db_processQueueEntry(), DB_STATUS_EMPTY);
+    EXPECT_EQ(gotNodeLines(), 320u);
+    EXPECT_TRUE(log().has(RYX_LOG_ERROR,
+                          "[analyticsDB] Get Node, Processed Max[320],Queue is Not Empty\n"));
+    EXPECT_EQ(adbtest::queueHead(), first);
+    EXPECT_EQ(queueProcessCount, 320);
+
+    EXPECT_EQ(db_processQueueEntry(), DB_STATUS_BUSY);
+    EXPECT_EQ(gotNodeLines(), 500u);
+    EXPECT_EQ(queueProcessCount, 500);
+    EXPECT_TRUE(
+        log().has(RYX_LOG_ERROR,
+                  "[analyticsDB] Same node is getting processed for max number of time [500]\n"));
+  }
+  // A free database does not end the stall: nothing is replayed until the head goes.
+  log().clear();
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_BUSY);
+  EXPECT_EQ(gotNodeLines(), 0u);
+  EXPECT_EQ(adbtest::queueLength(), 2);
+
+  db_deleteQueueEntry();
+  EXPECT_TRUE(
+      log().has(RYX_LOG_ERROR, "[analyticsDB] DeleteQueueEntry func[4] table[DEVICEINFO]\n"));
+  EXPECT_EQ(queueProcessCount, 0);
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(capacityOf("aa"), std::nullopt);
+  EXPECT_EQ(capacityOf("bb"), Cell("2"));
+
+  // Freeing the queue ends a stall too.
+  park("cc", "3");
+  {
+    adbtest::BusyHolder holder(dbPath());
+    db_processQueueEntry();
+    EXPECT_EQ(db_processQueueEntry(), DB_STATUS_BUSY);
+  }
+  EXPECT_EQ(db_freeQueue(), 0);
+  EXPECT_EQ(adbtest::queueHead(), nullptr);
+  EXPECT_EQ(queueProcessCount, 0);
+  park("dd", "4");
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(capacityOf("dd"), Cell("4"));
+}
+
+TEST_F(QueueTest, FailedAndUnknownRequestsAreRemovedAndProcessingGoesOn) {
+  raw().exec("INSERT INTO DEVICEINFO VALUES ('aa', 1)");
+  park("aa", "5000");  // the UPDATE breaks the CHECK
+  park("bb", "3");
+  Values mesh{"m1", "id", "parent", "ip", "role", "mode", "wifi", "up", "good"};
+  db_manageQueue(DB_STATUS_BUSY, 9, mesh.data(), mesh.size(), "MESHTOPO");  // no such table
+  park("cc", "4", 47);
+  park("dd", "5", -1);
+  park("ee", "6");
+
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] Delete Reason:status[4]\n"));
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] Delete Reason:status[5]\n"));
+  EXPECT_EQ(
+      log().count(RYX_LOG_ERROR, "[analyticsDB] Get Node, Function is not supported in Queue\n"),
+      2u);
+  EXPECT_EQ(capacityOf("aa"), Cell("1"));
+  EXPECT_EQ(capacityOf("bb"), Cell("3"));
+  EXPECT_EQ(capacityOf("cc"), std::nullopt);
+  EXPECT_EQ(capacityOf("ee"), Cell("6"));
+  EXPECT_EQ(adbtest::queueHead(), nullptr);
+}
+
+TEST_F(QueueTest, LimitsOfEntriesAndOfAttemptsPerCall) {
+  for (int i = 0; i < 320; ++i) park("k" + std::to_string(i), std::to_string(i % 1000));
+  EXPECT_EQ(queueCount, 320);
+
+  park("late", "1");
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR,
+                        "Queue has MAX number of entries. Queue count [320] MAX value [320]\n"));
+  EXPECT_EQ(adbtest::queueLength(), 320);
+  // Before writing, a full queue lets the request past it, even behind a waiting key.
+  Values waiting{"k0", "9"};
+  EXPECT_EQ(db_manageQueue(-1, kCapacityId, waiting.data(), 2, "DEVICEINFO"), 0);
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR,
+                        "Queue has MAX number of entries. Queue count [320] MAX value [320]"));
+  EXPECT_EQ(queueCount, 320);
+
+  // The append itself has no limit; one call replays 320 requests and leaves the rest.
+  Values extra{"extra", "1"};
+  pthread_mutex_lock(&lock);
+  EXPECT_EQ(db_updateQueue(kCapacityId, extra.data(), 2, "DEVICEINFO"), 1);
+  pthread_mutex_unlock(&lock);
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_EMPTY);
+  EXPECT_TRUE(
+      log().has(RYX_LOG_ERROR, "[analyticsDB] Get Node, Processed Max[320],Queue is Not Empty\n"));
+  EXPECT_EQ(adbtest::queueLength(), 1);
+  EXPECT_EQ(raw().scalar("SELECT count(*) FROM DEVICEINFO"), Cell("320"));
+  // Counted after the removal's reset: the next head starts one attempt ahead.
+  EXPECT_EQ(queueProcessCount, 1);
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(capacityOf("extra"), Cell("1"));
+  EXPECT_EQ(queueProcessCount, 0);
+}
+
+TEST_F(QueueTest, RelatedEntriesShareFamilyAndKeyPrefix) {
+  park("aa:bb:cc", "1");
+  Values none{nullptr, "1"};
+  Values empty{"", "1"};
+  EXPECT_EQ(db_checkTableEntry("DEVICEINFO", Values{"aa:bb:cc"}.data(), 1), 1);
+  EXPECT_EQ(db_checkTableEntry("DEVICEINFO", Values{"aa:bb"}.data(), 1), 1);
+  EXPECT_EQ(db_checkTableEntry("DEVICEINFO", Values{"aa:bb:cc:dd"}.data(), 1), 0);
+  EXPECT_EQ(db_checkTableEntry("DEVICEINFO", Values{"cc:dd"}.data(), 1), 0);
+  EXPECT_EQ(db_checkTableEntry("DEVICEINFO", nullptr, 0), 1);  // a whole-table request
+  EXPECT_EQ(db_checkTableEntry("DEVICEINFO", none.data(), 2), 1);
+  EXPECT_EQ(db_checkTableEntry("DEVICEINFO", empty.data(), 2), 1);
+  EXPECT_EQ(db_checkTableEntry("DEVICEINFOX", Values{"aa:bb:cc"}.data(), 1), 1);
+  EXPECT_EQ(db_checkTableEntry("MESHTOPO", Values{"aa:bb:cc"}.data(), 1), 0);
+  EXPECT_EQ(db_checkTableEntry(nullptr, Values{"aa:bb:cc"}.data(), 1), 0);
+  EXPECT_TRUE(
+      log().has(RYX_LOG_ERROR, "[analyticsDB]  Table Name to be checked in queue is empty\n"));
+
+  Values sameKey{"aa:bb:cc", "2"};
+  Values otherKey{"cc:dd", "2"};
+  EXPECT_EQ(db_manageQueue(-1, kCapacityId, sameKey.data(), 2, "DEVICEINFO"), 1);
+  EXPECT_EQ(db_manageQueue(-1, kCapacityId, otherKey.data(), 2, "DEVICEINFO"), 0);
+  EXPECT_EQ(adbtest::queueLength(), 2);
+
+  // A queued request without a key holds back every request of its family.
+  db_manageQueue(DB_STATUS_BUSY, 36, nullptr, 0, "MESHTOPO");
+  EXPECT_EQ(db_checkTableEntry("MESHTOPO", Values{"m1"}.data(), 1), 1);
+}
+
+TEST_F(QueueTest, NodeNeverHoldsMoreThanItsCapacity) {
+  std::vector<std::string> many;
+  for (int i = 0; i < 51; ++i) many.push_back("v" + std::to_string(i));
+  Values fiftyOne(many);
+  many.pop_back();
+  Values fifty(many);
+
+  db_manageQueue(DB_STATUS_BUSY, 1, fiftyOne.data(), 51, "DEVICEINFO");
+  EXPECT_EQ(adbtest::queueHead(), nullptr);
+  EXPECT_EQ(log().countContaining("has 51 values, a queue entry holds 50: not queued"), 1u);
+  db_manageQueue(DB_STATUS_BUSY, 1, fifty.data(), 50, "DEVICEINFO");
+  ASSERT_NE(adbtest::queueHead(), nullptr);
+  EXPECT_EQ(adbtest::nodeValues(*adbtest::queueHead()).back(), Cell("v49"));
+  // Behind a waiting entry an oversized request is not queued either: it is written directly.
+  Values related(std::vector<std::string>(51, "v0"));
+  EXPECT_EQ(db_manageQueue(-1, 1, related.data(), 51, "DEVICEINFO"), 0);
+  EXPECT_EQ(queueCount, 1);
+
+  // Filling by hand copies no more than the node holds, whatever count it records.
+  std::vector<std::string> sixty(60, "x");
+  Values values(sixty);
+  auto *node = static_cast<WriteRequestNode *>(std::calloc(1, sizeof(WriteRequestNode)));
+  std::string longName(200, 'T');
+  EXPECT_EQ(queue_fillDetails(node, 3, values.data(), 60, longName.c_str()), 0);
+  EXPECT_EQ(node->fieldCount, 60);
+  EXPECT_EQ(adbtest::nodeValues(*node).size(), 50u);
+  EXPECT_EQ(std::string(node->tableName), std::string(126, 'T'));
+  log().clear();
+  printQueueNode(node);
+  EXPECT_EQ(log().countContaining("Field["), 50u);
+  EXPECT_TRUE(log().has(RYX_LOG_DEBUG, "Field[49]: [x], "));
+  freeNode(node);
+}
+
+TEST_F(QueueTest, DumpRepeatsEarlierValuesOnEveryLine) {
+  park("aa", "1");
+  Values mesh{"m1", nullptr};
+  db_manageQueue(DB_STATUS_BUSY, 9, mesh.data(), 2, "MESHTOPO");
+  db_manageQueue(DB_STATUS_BUSY, 34, nullptr, 0, "DEVICEINFO");
+  log().clear();
+  db_printQueue();
+  std::vector<std::string> lines;
+  for (const adbtest::LogLine &line : log().lines()) {
+    EXPECT_EQ(line.level, RYX_LOG_INFO);
+    lines.emplace_back(line.message());
+  }
+  EXPECT_EQ(lines, (std::vector<std::string>{
+                       "QUEUE DUMP\n", "Qid|Tablename|Function|FieldCount|FieldValues",
+                       "\n0|DEVICEINFO|4|2|aa|1", "\n1|MESHTOPO|9|2|aa|1|m1|NULL",
+                       "\n2|DEVICEINFO|34|0|aa|1|m1|NULL"}));
+
+  log().clear();
+  printQueueNode(adbtest::queueHead()->next);
+  printQueueNode(nullptr);
+  ASSERT_EQ(log().lines().size(), 3u);
+  EXPECT_TRUE(log().has(RYX_LOG_DEBUG, "\nFunction [9], Table [MESHTOPO], FieldCount [2], "));
+  EXPECT_TRUE(log().has(RYX_LOG_DEBUG, "Field[0]: [m1], "));
+  EXPECT_TRUE(log().has(RYX_LOG_DEBUG, "Field[1]: [NULL], "));
+
+  // An empty field-values column reads NULL; a full one stops at 2047 characters.
+  db_freeQueue();
+  db_manageQueue(DB_STATUS_BUSY, 34, nullptr, 0, "DEVICEINFO");
+  std::string longValue(1500, 'v');
+  for (int i = 0; i < 2; ++i) park("aa", longValue);
+  log().clear();
+  db_printQueue();
+  const std::vector<adbtest::LogLine> &dump = log().lines();
+  ASSERT_EQ(dump.size(), 5u);
+  EXPECT_EQ(dump[2].message(), "\n0|DEVICEINFO|34|0NULL");
+  std::string_view last = dump[4].message();
+  EXPECT_EQ(last.size(), std::strlen("\n2|DEVICEINFO|4|2") + 2047);
+  EXPECT_EQ(log().countContaining("Max buffer size"), 0u);
+}
+
+TEST_F(QueueTest, FindMatchComparesIdCountAndValuePrefixes) {
+  park("aa:bb", "7");
+  Values mesh{"m1", nullptr};
+  db_manageQueue(DB_STATUS_BUSY, 9, mesh.data(), 2, "MESHTOPO");
+  WriteRequestNode *capacity = adbtest::queueHead();
+
+  EXPECT_EQ(db_findMatch(capacity, 4, Values{"aa", "7"}.data(), 2), 1);
+  EXPECT_EQ(db_findMatch(capacity, 4, Values{"aa:bb", "8"}.data(), 2), 0);
+  EXPECT_EQ(db_findMatch(capacity, 4, Values{nullptr, "7"}.data(), 2), 0);
+  EXPECT_EQ(db_findMatch(capacity, 5, Values{"aa:bb", "7"}.data(), 2), 0);
+  EXPECT_EQ(db_findMatch(capacity, 4, Values{"aa:bb", "7", "x"}.data(), 3), 0);
+  EXPECT_EQ(db_findMatch(capacity->next, 9, Values{"m1", nullptr}.data(), 2), 1);
+  EXPECT_EQ(db_findMatch(capacity->next, 9, nullptr, 2), 0);
+  EXPECT_EQ(db_findMatch(nullptr, 4, nullptr, 0), 0);
+}
+
+// Several threads write while one processes; run under ThreadSanitizer as well.
+TEST_F(QueueTest, ThreadsAppendWhileOneProcesses) {
+  constexpr int kWriters = 4;
+  constexpr int kWritesEach = 60;
+  ASSERT_EQ(db_open(), DB_STATUS_SUCCESS);  // opened once, before the threads share it
+  std::atomic<int> writersDone{0};
+  std::vector<std::thread> writers;
+  for (int t = 0; t < kWriters; ++t) {
+    writers.emplace_back([t, &writersDone] {
+      std::string mac = "thread:" + std::to_string(t);
+      for (int i = 0; i < kWritesEach; ++i) {
+        Values values(std::vector<std::string>{mac, std::to_string(i)});
+        if (i % 3 == 0) {
+          // As a write that met a busy database.
+          db_manageQueue(DB_STATUS_BUSY, kCapacityId, values.data(), 2, "DEVICEINFO");
+        } else {
+          int32_t status = db_updateDeviceInfoCapacity(values.data());
+          EXPECT_TRUE(status == DB_STATUS_SUCCESS || status == DB_STATUS_BUSY) << status;
+        }
+      }
+      writersDone.fetch_add(1);
+    });
+  }
+  std::thread processor([&writersDone] {
+    while (writersDone.load() < kWriters || adbtest::queueHead() != nullptr) {
+      EXPECT_NE(db_processQueueEntry(), DB_STATUS_BUSY);
+      std::this_thread::yield();
+    }
+  });
+  for (std::thread &writer : writers) writer.join();
+  processor.join();
+
+  // Each key ends with its last write: no write overtook an earlier one of the same row.
+  for (int t = 0; t < kWriters; ++t) {
+    EXPECT_EQ(capacityOf("thread:" + std::to_string(t)), Cell(std::to_string(kWritesEach - 1)));
+  }
+  EXPECT_EQ(queueCount, 0);
+  EXPECT_EQ(log().countContaining("Delete Reason"), 0u);
+}
+
+}  // namespace
