@@ -9,12 +9,16 @@
  * db_alterTable while alterSchema is set, so that a raised schema version adds the columns an
  * older file lacks.
  */
+#include <strings.h>
+
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <initializer_list>
 #include <iterator>
 
 #include "analyticsdb.h"
+#include "internal/gate.h"
 #include "internal/guards.h"
 #include "internal/log.h"
 #include "internal/text_builder.h"
@@ -509,6 +513,98 @@ ADB_API int32_t db_findTable(int32_t slot) {
   const int32_t remainder = slot % perDay;
   if (remainder != 0) rounded += perDay - remainder;
   return static_cast<int32_t>(rounded / perDay);
+}
+
+}  // extern "C"
+
+/* ---------------------------------------------------------------- schema version ---- */
+
+namespace {
+
+constexpr size_t kVersionQueryCapacity = 256;
+constexpr size_t kVersionTextCapacity = 32;
+constexpr size_t kVersionStatementCapacity = 128;
+constexpr size_t kPortableStatementCapacity = 128;
+constexpr int32_t kVersionFunctionId = 0;
+constexpr const char *kVersionFamily = "VERSION";
+
+// Old band texts of DEVICEINFO, rewritten when a file of version 1 or 2 is upgraded.
+constexpr const char *kBandTranslations[] = {
+    "UPDATE DEVICEINFO SET PREFERRED_BAND_S='NA' WHERE PREFERRED_BAND_S='Auto';",
+    "UPDATE DEVICEINFO SET PREFERRED_BAND_S='2.4' WHERE PREFERRED_BAND_S='2.4GHz';",
+    "UPDATE DEVICEINFO SET PREFERRED_BAND_S='5' WHERE PREFERRED_BAND_S='5GHz';",
+};
+
+int32_t storeVersion(int32_t version) {
+  adb::FixedText<kVersionStatementCapacity> statement;
+  statement.appendf("pragma user_version=%d", version);
+  return db_writeQuery(statement.c_str());
+}
+
+}  // namespace
+
+extern "C" {
+
+ADB_API int32_t db_readDBVersion(int32_t *version) {
+  adb::FixedText<kVersionQueryCapacity> query;
+  query.append("pragma user_version");
+  adb::TableResult result;
+  int32_t status =
+      db_readTableContent(query.c_str(), &result.cells, &result.rows, &result.columns);
+  if (status == DB_STATUS_SUCCESS && result.cells != nullptr && result.rows >= 1 &&
+      result.columns >= 1 && result.cells[0] != nullptr &&
+      strcasecmp(result.cells[0], "user_version") == 0 && result.cells[result.columns] != nullptr &&
+      version != nullptr) {
+    *version = std::atoi(result.cells[result.columns]);
+  }
+  return status;
+}
+
+ADB_API void db_handleTranslations(int32_t oldVersion) {
+  // A new file (version 0) has no old values to translate.
+  if (oldVersion != 1 && oldVersion != 2) {
+    ADB_LOG_INFO("[analyticsDB] DB translations not needed for old version [%d]", oldVersion);
+    return;
+  }
+  for (const char *statement : kBandTranslations) db_writeQuery(statement);
+  ADB_LOG_NOTICE("[analyticsDB] DB translations for old version [%d] completed.", oldVersion);
+}
+
+ADB_API int32_t db_updatePortableDefault(void) {
+  adb::FixedText<kPortableStatementCapacity> statement;
+  statement.appendf("UPDATE DEVICEINFO set %s=%d where %s is null", "PORTABLE", 1, "PORTABLE");
+  int32_t status = db_writeQuery(statement.c_str());
+  if (status == DB_STATUS_SUCCESS) {
+    ADB_LOG_NOTICE("DB :Portable Default setting on migration done\n");
+  } else {
+    ADB_LOG_ERROR("DB :Portable Default setting on migration failed\n");
+  }
+  return status;
+}
+
+ADB_API int32_t db_setDBVersion(int32_t currentVersion, int32_t newVersion) {
+  if (newVersion <= currentVersion) {
+    ADB_LOG_INFO("[analyticsDB] No DB version change/ lesser version change currVer [%d] newVer [%d]\n",
+                 currentVersion, newVersion);
+    return DB_STATUS_SUCCESS;
+  }
+  ADB_LOG_INFO("[analyticsDB] DB Version is updated to [%d] from version [%d]", newVersion,
+               currentVersion);
+  alterSchema = 1;
+  db_handleTranslations(currentVersion);
+  return db_updatePortableDefault();
+}
+
+ADB_API int32_t db_updateDBVersion(int32_t version) {
+  char text[kVersionTextCapacity] = {};
+  adb::TextBuilder(text, sizeof text).appendf("%d", version);
+  char *values[] = {nullptr, text};
+  return adb::throughGate(kVersionFunctionId, kVersionFamily, values, 2,
+                          [&] { return storeVersion(version); });
+}
+
+ADB_API int32_t db_updateQueueDBVersion(int32_t version) {
+  return adb::finishReplay(storeVersion(version));
 }
 
 }  // extern "C"

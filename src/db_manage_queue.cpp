@@ -99,7 +99,7 @@ constexpr Replay replayNothing(int32_t id, PlainReplay replay) {
 // Row n is function id n. A row without its replay yet names, in its comment, the shape and the
 // replay that belongs there.
 constexpr Replay kReplays[] = {
-    notSupported(0),  // replayVersion: db_updateQueueDBVersion
+    replayVersion(0, db_updateQueueDBVersion),
     replayValues(1, db_updateQueueDeviceInfoTable),
     replayValues(2, db_updateQueueDeviceInfoPrimitiveFields),
     replayValues(3, db_updateQueueDeviceInfoLanFields),
@@ -109,15 +109,15 @@ constexpr Replay kReplays[] = {
     replayValues(7, db_updateQueueDeviceInfoOpsFields),
     replayValues(8, db_updateQueueDeviceInfoPreferredBandFields),
     replayValues(9, db_updateQueueMeshTopoTable),
-    notSupported(10),  // replayValues: db_updateQueuePrimitiveRssi
-    notSupported(11),  // replayValues: db_updateQueueRssiSlot
-    notSupported(12),  // replayValues: db_updateQueueRssiSlotDefaultValue
-    notSupported(13),  // replayValues: db_updateQueuePrimitiveBandWidthRx
-    notSupported(14),  // replayValues: db_updateQueueBandWidthSlotRx
-    notSupported(15),  // replayValues: db_updateQueueRxSlotDefaultValue
-    notSupported(16),  // replayValues: db_updateQueuePrimitiveBandWidthTx
-    notSupported(17),  // replayValues: db_updateQueueBandWidthSlotTx
-    notSupported(18),  // replayValues: db_updateQueueTxSlotDefaultValue
+    replayValues(10, db_updateQueuePrimitiveRssi),
+    replayValues(11, db_updateQueueRssiSlot),
+    replayValues(12, db_updateQueueRssiSlotDefaultValue),
+    replayValues(13, db_updateQueuePrimitiveBandWidthRx),
+    replayValues(14, db_updateQueueBandWidthSlotRx),
+    replayValues(15, db_updateQueueRxSlotDefaultValue),
+    replayValues(16, db_updateQueuePrimitiveBandWidthTx),
+    replayValues(17, db_updateQueueBandWidthSlotTx),
+    replayValues(18, db_updateQueueTxSlotDefaultValue),
     replayValues(19, db_updateQueueSubscriberInfoTable),
     replayValues(20, db_updateQueueDeviceThresholdTable),
     replayValues(21, db_updateQueueCmaInfoTable),
@@ -125,27 +125,27 @@ constexpr Replay kReplays[] = {
     replayValues(23, db_updateQueueDeviceInfoBeaconFName),
     replayValues(24, db_updateQueueDeviceInfoBandSteeringFields),
     replayValues(25, db_updateQueueDeviceInfoIsBridgedFields),
-    notSupported(26),  // replayNothing: db_dropQueueDeviceInfoTable
-    notSupported(27),  // replayNothing: db_dropQueueMeshTopoTable
-    notSupported(28),  // replayNothing: db_dropQueuePrimitiveBandwidthRxTable
-    notSupported(29),  // replayDay: db_dropQueueBandwidthRxTable
-    notSupported(30),  // replayNothing: db_dropQueuePrimitiveBandwidthTxTable
-    notSupported(31),  // replayDay: db_dropQueueBandwidthTxTable
-    notSupported(32),  // replayNothing: db_dropQueuePrimitiveRssiTable
-    notSupported(33),  // replayDay: db_dropQueueRssiTable
-    notSupported(34),  // replayNothing: db_deleteQueueDeviceInfoTable
-    notSupported(35),  // replayKey: db_deleteQueueMacDeviceInfo
-    notSupported(36),  // replayNothing: db_deleteQueueMeshTopoTable
-    notSupported(37),  // replayKey: db_deleteQueueMacMeshTopo
-    notSupported(38),  // replayKeyAndDay: db_deleteQueueDayRssi
-    notSupported(39),  // replayKey: db_deleteQueuePrimitiveRssi
-    notSupported(40),  // replayKeyAndDay: db_deleteQueueDayBandWidthRx
-    notSupported(41),  // replayKey: db_deleteQueuePrimitiveBandWidthRx
-    notSupported(42),  // replayNothing: db_deleteQueueNonWanBandwidthRxInfo
-    notSupported(43),  // replayKeyAndDay: db_deleteQueueDayBandWidthTx
-    notSupported(44),  // replayKey: db_deleteQueuePrimitiveBandWidthTx
-    notSupported(45),  // replayNothing: db_deleteQueueNonWanBandwidthTxInfo
-    notSupported(46),  // replayKey: db_deleteQueueMacDeviceThreshold
+    replayNothing(26, db_dropQueueDeviceInfoTable),
+    replayNothing(27, db_dropQueueMeshTopoTable),
+    replayNothing(28, db_dropQueuePrimitiveBandwidthRxTable),
+    replayDay(29, db_dropQueueBandwidthRxTable),
+    replayNothing(30, db_dropQueuePrimitiveBandwidthTxTable),
+    replayDay(31, db_dropQueueBandwidthTxTable),
+    replayNothing(32, db_dropQueuePrimitiveRssiTable),
+    replayDay(33, db_dropQueueRssiTable),
+    replayNothing(34, db_deleteQueueDeviceInfoTable),
+    replayKey(35, db_deleteQueueMacDeviceInfo),
+    replayNothing(36, db_deleteQueueMeshTopoTable),
+    replayKey(37, db_deleteQueueMacMeshTopo),
+    replayKeyAndDay(38, db_deleteQueueDayRssi),
+    replayKey(39, db_deleteQueuePrimitiveRssi),
+    replayKeyAndDay(40, db_deleteQueueDayBandWidthRx),
+    replayKey(41, db_deleteQueuePrimitiveBandWidthRx),
+    replayNothing(42, db_deleteQueueNonWanBandwidthRxInfo),
+    replayKeyAndDay(43, db_deleteQueueDayBandWidthTx),
+    replayKey(44, db_deleteQueuePrimitiveBandWidthTx),
+    replayNothing(45, db_deleteQueueNonWanBandwidthTxInfo),
+    replayKey(46, db_deleteQueueMacDeviceThreshold),
 };
 
 constexpr int32_t kFunctionIds = 47;  // ids 0 to 46

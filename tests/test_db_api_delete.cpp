@@ -1,0 +1,161 @@
+// Deletes and drops through the write queue: keys in any case, cascades, drops, replays.
+#include <string>
+
+#include "support/db_fixture.h"
+
+namespace {
+
+using adbtest::Values;
+
+class Delete : public adbtest::DbTest {
+ protected:
+  void SetUp() override {
+    DbTest::SetUp();
+    ASSERT_EQ(db_createDeviceInfoTable(), DB_STATUS_SUCCESS);
+    ASSERT_EQ(db_createMeshTopoTable(), DB_STATUS_SUCCESS);
+    ASSERT_EQ(db_createDeviceThresholdTable(), DB_STATUS_SUCCESS);
+  }
+  void createSeries() {
+    ASSERT_EQ(db_createPrimitiveRssiTable(288), DB_STATUS_SUCCESS);
+    ASSERT_EQ(db_createPrimitiveBandWidthRxTable(288), DB_STATUS_SUCCESS);
+    for (uint32_t day = 1; day <= 7; ++day) {
+      ASSERT_EQ(db_createRssiTab(day, 288), DB_STATUS_SUCCESS);
+      ASSERT_EQ(db_createRxBandWidth(day, 288), DB_STATUS_SUCCESS);
+    }
+  }
+  std::string count(const std::string &table) {
+    return raw().scalar("SELECT count(*) FROM " + table).value_or("?");
+  }
+};
+
+}  // namespace
+
+TEST_F(Delete, RemovesRowsByKeyInAnyCaseOrAllRows) {
+  raw().exec("INSERT INTO DEVICEINFO(MAC_S) VALUES('aa:01'),('aa:02'),('aa:03');"
+             "INSERT INTO MESHTOPO(MAC_S) VALUES('m1'),('m2');"
+             "INSERT INTO DEVICETHRESHOLD(DEVICECLASS_S) VALUES('Phone'),('TV');");
+  EXPECT_EQ(db_deleteMacDeviceInfo("AA:01"), DB_STATUS_SUCCESS);
+  EXPECT_EQ(raw().scalar("SELECT group_concat(MAC_S) FROM DEVICEINFO"), "aa:02,aa:03");
+  EXPECT_EQ(db_deleteMacMeshTopo("M2"), DB_STATUS_SUCCESS);
+  EXPECT_EQ(count("MESHTOPO"), "1");
+  EXPECT_EQ(db_deleteMacDeviceThreshold("phone"), DB_STATUS_SUCCESS);
+  EXPECT_EQ(raw().scalar("SELECT DEVICECLASS_S FROM DEVICETHRESHOLD"), "TV");
+
+  // A missing key is refused rather than read as "every row".
+  EXPECT_EQ(db_deleteMacDeviceInfo(nullptr), DB_STATUS_FAILURE);
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] Delete: key MAC_S of DEVICEINFO is NULL\n"));
+  EXPECT_EQ(count("DEVICEINFO"), "2");
+
+  EXPECT_EQ(db_deleteDeviceInfoTable(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_deleteMeshTopoTable(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(count("DEVICEINFO"), "0");
+  EXPECT_EQ(count("MESHTOPO"), "0");
+}
+
+TEST_F(Delete, SeriesRemovalCascadesAndKeepsTheWan) {
+  createSeries();
+  raw().exec("INSERT INTO PRIMITIVE_RSSI(MAC_S) VALUES('dev1'),('dev2');"
+             "INSERT INTO RSSI1(MAC_S, SLOT1) VALUES('dev1', 7),('dev2', 8);"
+             "INSERT INTO RSSI7(MAC_S, SLOT2016) VALUES('dev1', 9);");
+  log().clear();
+  EXPECT_EQ(db_deleteMacRssi("DEV1"), DB_STATUS_SUCCESS);
+  EXPECT_EQ(raw().scalar("SELECT group_concat(MAC_S) FROM PRIMITIVE_RSSI"), "dev2");
+  EXPECT_EQ(raw().scalar("SELECT group_concat(MAC_S) FROM RSSI1"), "dev2");
+  EXPECT_EQ(count("RSSI7"), "0");
+  // The index row and the seven day rows: eight gated statements, even for a device with none.
+  log().clear();
+  EXPECT_EQ(db_deleteMacRssi("nobody"), DB_STATUS_SUCCESS);
+  EXPECT_EQ(log().countContaining("Delete table content of"), 8u);
+  EXPECT_EQ(log().countContaining("Queue: Status -1 Func 38"), 7u);
+
+  raw().exec("INSERT INTO PRIMITIVE_BANDWIDTHRX(MAC_S, SOURCE_S) VALUES"
+             "('wan0','wan'),('lan1','LAN'),('lan2',NULL);"
+             "INSERT INTO BANDWIDTHRX3(MAC_S, SLOT600) VALUES('wan0',1),('lan1',2);");
+  EXPECT_EQ(db_deleteNonWanBandwidthRxInfo(), DB_STATUS_SUCCESS);
+  // NULL NOT LIKE 'WAN' is not true, so a device without a source stays.
+  EXPECT_EQ(raw().scalar("SELECT group_concat(MAC_S) FROM (SELECT MAC_S FROM PRIMITIVE_BANDWIDTHRX "
+                         "ORDER BY MAC_S)"),
+            "lan2,wan0");
+  EXPECT_EQ(raw().scalar("SELECT group_concat(MAC_S) FROM BANDWIDTHRX3"), "wan0");
+
+  // Without enforcement an index row goes alone; the non-WAN delete switches it back on.
+  raw().exec("INSERT INTO PRIMITIVE_RSSI(MAC_S) VALUES('dev3'); INSERT INTO RSSI2(MAC_S) VALUES('dev3');");
+  ASSERT_EQ(db_write("PRAGMA foreign_keys = OFF"), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_deletePrimitiveRssi("dev3"), DB_STATUS_SUCCESS);
+  EXPECT_EQ(raw().scalar("SELECT count(*) FROM RSSI2 WHERE MAC_S='dev3'"), "1");
+  EXPECT_EQ(db_setForeignKey(), DB_STATUS_SUCCESS);
+  raw().exec("DELETE FROM RSSI2; INSERT INTO PRIMITIVE_RSSI(MAC_S) VALUES('dev3'); "
+             "INSERT INTO RSSI2(MAC_S) VALUES('dev3');");
+  EXPECT_EQ(db_deletePrimitiveRssi("dev3"), DB_STATUS_SUCCESS);
+  EXPECT_EQ(raw().scalar("SELECT count(*) FROM RSSI2 WHERE MAC_S='dev3'"), "0");
+
+  // A whole-series delete on the receive side reports the failing day table.
+  EXPECT_EQ(db_dropBandwidthRxTable(5), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_deleteMacBandWidthRx("wan0"), DB_STATUS_NO_TABLE);
+  EXPECT_EQ(count("PRIMITIVE_BANDWIDTHRX"), "1");
+}
+
+TEST_F(Delete, DropsDayAndIndexTablesAlsoWhenMissing) {
+  createSeries();
+  EXPECT_EQ(db_dropRssiTable(3), DB_STATUS_SUCCESS);
+  EXPECT_FALSE(raw().tableExists("RSSI3"));
+  EXPECT_TRUE(raw().tableExists("RSSI4"));
+  EXPECT_EQ(db_dropRssiTable(3), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_dropPrimitiveBandwidthRxTable(), DB_STATUS_SUCCESS);
+  EXPECT_FALSE(raw().tableExists("PRIMITIVE_BANDWIDTHRX"));
+  EXPECT_EQ(db_dropMeshTopoTable(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_dropDeviceInfoTable(), DB_STATUS_SUCCESS);
+  EXPECT_FALSE(raw().tableExists("MESHTOPO"));
+  EXPECT_FALSE(raw().tableExists("DEVICEINFO"));
+}
+
+TEST_F(Delete, WaitsBehindAQueuedWriteOfTheSameKeyAndReplaysInOrder) {
+  Values device{"aa:bb", "5"};
+  {
+    adbtest::BusyHolder holder(dbPath());
+    EXPECT_EQ(db_updateDeviceInfoCapacity(device.data()), DB_STATUS_BUSY);
+  }
+  EXPECT_EQ(queueCount, 1);
+  // Same key: queued behind the write; another key goes straight to the file. (The queue
+  // compares keys as given, letter case included.)
+  EXPECT_EQ(db_deleteMacDeviceInfo("aa:bb"), DB_STATUS_BUSY);
+  EXPECT_EQ(queueCount, 2);
+  raw().exec("INSERT INTO DEVICEINFO(MAC_S) VALUES('cc:dd')");
+  EXPECT_EQ(db_deleteMacDeviceInfo("cc:dd"), DB_STATUS_SUCCESS);
+  EXPECT_EQ(count("DEVICEINFO"), "0");
+
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(queueCount, 0);
+  EXPECT_EQ(count("DEVICEINFO"), "0");  // written, then deleted: the order held
+  EXPECT_EQ(log().count(RYX_LOG_ERROR, "[analyticsDB] Get Node [1] func[35] Table[DEVICEINFO]\n"), 1u)
+      << log().dump();
+
+  // A busy delete parks itself and is carried out by the replay.
+  raw().exec("INSERT INTO DEVICEINFO(MAC_S) VALUES('ee')");
+  {
+    adbtest::BusyHolder holder(dbPath());
+    EXPECT_EQ(db_deleteMacDeviceInfo("ee"), DB_STATUS_BUSY);
+    EXPECT_EQ(db_dropRssiTable(2), DB_STATUS_BUSY);
+  }
+  EXPECT_EQ(queueCount, 2);
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(count("DEVICEINFO"), "0");
+}
+
+TEST_F(Delete, ReplaysOfDropsKeepTheirHistoricNames) {
+  createSeries();
+  // The capital-W replay drops MESHTOPO; the small-w one the receive index table.
+  EXPECT_EQ(db_dropQueuePrimitiveBandWidthRxTable(), DB_STATUS_SUCCESS);
+  EXPECT_FALSE(raw().tableExists("MESHTOPO"));
+  EXPECT_TRUE(raw().tableExists("PRIMITIVE_BANDWIDTHRX"));
+  EXPECT_EQ(db_dropQueuePrimitiveBandwidthRxTable(), DB_STATUS_SUCCESS);
+  EXPECT_FALSE(raw().tableExists("PRIMITIVE_BANDWIDTHRX"));
+
+  // A queued day drop without its day is removed without dropping anything.
+  Values noDay{nullptr, nullptr};
+  ASSERT_EQ(db_manageQueue(DB_STATUS_BUSY, 33, noDay.data(), 2, "RSSI"), 0);
+  ASSERT_EQ(queueCount, 1);
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(queueCount, 0);
+  for (int day = 1; day <= 7; ++day) EXPECT_TRUE(raw().tableExists("RSSI" + std::to_string(day)));
+}

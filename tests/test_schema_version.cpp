@@ -1,0 +1,104 @@
+// The schema version: reading, rises with their translations and defaults, storing via the queue.
+#include "support/db_fixture.h"
+
+namespace {
+
+class Version : public adbtest::DbTest {
+ protected:
+  void SetUp() override {
+    DbTest::SetUp();
+    ASSERT_EQ(db_createDeviceInfoTable(), DB_STATUS_SUCCESS);
+    raw().exec(
+        "INSERT INTO DEVICEINFO(MAC_S, PREFERRED_BAND_S, PORTABLE) VALUES"
+        "('a','Auto',NULL),('b','2.4GHz',0),('c','5GHz',NULL),('d','6GHz',1);");
+  }
+  std::string bands() {
+    return raw().scalar("SELECT group_concat(PREFERRED_BAND_S, ',') FROM DEVICEINFO").value_or("");
+  }
+  std::string portable() {
+    return raw().scalar("SELECT group_concat(ifnull(PORTABLE,'null'), ',') FROM DEVICEINFO").value_or("");
+  }
+  int32_t stored() {
+    int32_t version = -7;
+    EXPECT_EQ(db_readDBVersion(&version), DB_STATUS_SUCCESS);
+    return version;
+  }
+};
+
+}  // namespace
+
+TEST_F(Version, ANewFileIsVersion0AndNoRiseChangesNothing) {
+  EXPECT_EQ(stored(), 0);
+  EXPECT_EQ(db_setDBVersion(3, 3), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_setDBVersion(4, 2), DB_STATUS_SUCCESS);
+  EXPECT_EQ(alterSchema, 0);
+  EXPECT_TRUE(log().has(RYX_LOG_INFO,
+                        "[analyticsDB] No DB version change/ lesser version change currVer [4] newVer [2]\n"));
+  EXPECT_EQ(bands(), "Auto,2.4GHz,5GHz,6GHz");
+  EXPECT_EQ(portable(), "null,0,null,1");
+
+  // A failed read leaves the caller's value alone.
+  raw().exec("DROP TABLE DEVICEINFO");
+  EXPECT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
+  ASSERT_EQ(db_setDatabasePath((tempDir_ + "/no/such/dir.db").c_str()), DB_STATUS_SUCCESS);
+  int32_t version = 42;
+  EXPECT_EQ(db_readDBVersion(&version), DB_STATUS_OPEN_FAILED);
+  EXPECT_EQ(version, 42);
+}
+
+TEST_F(Version, RisesFromVersions1And2TranslateBandsAndEveryRiseFillsPortable) {
+  for (int32_t from : {1, 2}) {
+    raw().exec("UPDATE DEVICEINFO SET PREFERRED_BAND_S = CASE MAC_S WHEN 'a' THEN 'Auto' "
+               "WHEN 'b' THEN '2.4GHz' WHEN 'c' THEN '5GHz' ELSE '6GHz' END, "
+               "PORTABLE = CASE MAC_S WHEN 'b' THEN 0 WHEN 'd' THEN 1 END");
+    alterSchema = 0;
+    EXPECT_EQ(db_setDBVersion(from, 4), DB_STATUS_SUCCESS);
+    EXPECT_EQ(alterSchema, 1);
+    EXPECT_EQ(bands(), "NA,2.4,5,6GHz") << from;
+    EXPECT_EQ(portable(), "1,0,1,1") << from;
+  }
+  EXPECT_TRUE(log().has(RYX_LOG_NOTICE, "[analyticsDB] DB translations for old version [2] completed."));
+  EXPECT_TRUE(log().has(RYX_LOG_NOTICE, "DB :Portable Default setting on migration done\n"));
+}
+
+TEST_F(Version, RisesFrom0And3KeepBands) {
+  for (int32_t from : {0, 3}) {
+    EXPECT_EQ(db_setDBVersion(from, from + 1), DB_STATUS_SUCCESS);
+    EXPECT_EQ(bands(), "Auto,2.4GHz,5GHz,6GHz");
+    EXPECT_EQ(portable(), "1,0,1,1");
+  }
+  EXPECT_TRUE(log().has(RYX_LOG_INFO, "[analyticsDB] DB translations not needed for old version [0]"));
+  EXPECT_TRUE(log().has(RYX_LOG_INFO, "[analyticsDB] DB Version is updated to [4] from version [3]"));
+
+  // Without DEVICEINFO the default cannot be filled: the rise reports it.
+  raw().exec("DROP TABLE DEVICEINFO");
+  EXPECT_EQ(db_setDBVersion(4, 5), DB_STATUS_NO_TABLE);
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "DB :Portable Default setting on migration failed\n"));
+}
+
+TEST_F(Version, StoringGoesThroughTheQueue) {
+  EXPECT_EQ(db_updateDBVersion(5), DB_STATUS_SUCCESS);
+  EXPECT_EQ(stored(), 5);
+  EXPECT_EQ(raw().scalar("PRAGMA user_version"), "5");
+
+  {
+    adbtest::BusyHolder holder(dbPath());
+    EXPECT_EQ(db_updateDBVersion(6), DB_STATUS_BUSY);  // parked
+  }
+  // A later version waits behind the parked one, so the file never goes 7 then 6.
+  EXPECT_EQ(db_updateDBVersion(7), DB_STATUS_BUSY);
+  EXPECT_EQ(queueCount, 2);
+  EXPECT_EQ(raw().scalar("PRAGMA user_version"), "5");
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(raw().scalar("PRAGMA user_version"), "7");
+  EXPECT_EQ(queueCount, 0);
+
+  // A queued version without its value stays at the head and counts attempts.
+  adbtest::Values noVersion{nullptr, nullptr};
+  ASSERT_EQ(db_manageQueue(DB_STATUS_BUSY, 0, noVersion.data(), 2, "VERSION"), 0);
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_EMPTY);  // 320 attempts, head still there
+  EXPECT_EQ(queueProcessCount, 320);
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_BUSY);  // 500 reached: stalled
+  EXPECT_EQ(queueCount, 1);
+  EXPECT_EQ(queueProcessCount, 500);
+}

@@ -1,0 +1,263 @@
+// The sample series: slot arithmetic, slot writes, single values, spans across the week's wrap.
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "support/db_fixture.h"
+
+namespace {
+
+using adbtest::Values;
+
+constexpr uint32_t kSlotSeconds = 300;
+constexpr int32_t kWeek = 2016;
+
+class Series : public adbtest::DbTest {
+ protected:
+  void SetUp() override {
+    DbTest::SetUp();
+    ASSERT_EQ(db_createPrimitiveRssiTable(288), DB_STATUS_SUCCESS);
+    ASSERT_EQ(db_createPrimitiveBandWidthRxTable(288), DB_STATUS_SUCCESS);
+    ASSERT_EQ(db_createPrimitiveBandWidthTxTable(288), DB_STATUS_SUCCESS);
+    for (uint32_t day = 1; day <= 7; ++day) {
+      ASSERT_EQ(db_createRssiTab(day, 288), DB_STATUS_SUCCESS);
+      ASSERT_EQ(db_createRxBandWidth(day, 288), DB_STATUS_SUCCESS);
+      ASSERT_EQ(db_createTxBandWidth(day, 288), DB_STATUS_SUCCESS);
+    }
+  }
+  // One receive and one transmit sample of `mac` at `slot`.
+  void bandwidth(const std::string &mac, const char *source, int32_t slot, uint64_t value) {
+    std::string slotText = std::to_string(slot);
+    std::string valueText = std::to_string(value);
+    std::string time = std::to_string(1700000000u + slot * kSlotSeconds);
+    Values sample{mac.c_str(), source, time.c_str(), slotText.c_str(), valueText.c_str()};
+    ASSERT_EQ(db_updateBandWidthRx(sample.data()), DB_STATUS_SUCCESS) << log().dump();
+    ASSERT_EQ(db_updateBandWidthTx(sample.data()), DB_STATUS_SUCCESS);
+  }
+  // Samples in every day table, so that a span may read any of them.
+  void everyDay(const std::string &mac, const char *source) {
+    for (int32_t day = 1; day <= 7; ++day) bandwidth(mac, source, (day - 1) * 288 + 1, 0);
+  }
+  static BandWidthRecord *newRecord() {
+    auto *record = new BandWidthRecord;
+    std::memset(record, 0, sizeof *record);
+    return record;
+  }
+};
+
+}  // namespace
+
+TEST(SlotArithmetic, IndexLimitsAtTheirEdges) {
+  int32_t start = -9, end = -9;
+  EXPECT_EQ(db_findIndexLimits(1000, 1000, 10, &start, &end), DB_STATUS_FAILURE);
+  EXPECT_EQ(db_findIndexLimits(1001, 1000, 10, &start, &end), DB_STATUS_FAILURE);
+  EXPECT_EQ(start, -9);  // untouched
+  EXPECT_EQ(db_findIndexLimits(1000, 1001, 10, &start, &end), DB_STATUS_SUCCESS);
+  EXPECT_EQ(start, 10);  // a partial slot is one slot
+  EXPECT_EQ(end, 10);
+  EXPECT_EQ(db_findIndexLimits(0, 900, 10, &start, &end), DB_STATUS_SUCCESS);
+  EXPECT_EQ(start, 8);
+  EXPECT_EQ(db_findIndexLimits(0, 901, 10, &start, &end), DB_STATUS_SUCCESS);
+  EXPECT_EQ(start, 7);
+  EXPECT_EQ(db_findIndexLimits(0, 1500, 2, &start, &end), DB_STATUS_SUCCESS);
+  EXPECT_EQ(start, 2014);  // wraps past the end of the week
+  EXPECT_EQ(db_findIndexLimits(0, 30 * 86400, 100, &start, &end), DB_STATUS_SUCCESS);
+  EXPECT_EQ(start, 101);  // longer than a week: the whole week
+  EXPECT_EQ(db_findIndexLimits(0, 30 * 86400, 2016, &start, &end), DB_STATUS_SUCCESS);
+  EXPECT_EQ(start, 1);
+}
+
+TEST(SlotArithmetic, PackingKeepsTimeOrderAndNarrowsTo32Bits) {
+  auto *record = new BandWidthRecord{};
+  for (int32_t k = 1; k <= kWeek; ++k) record->slots[k - 1] = static_cast<uint64_t>(k);
+  record->slots[2015] = (1ull << 32) + 5;  // slot 2016
+  record->slots[0] = 1ull << 31;           // slot 1
+  EXPECT_EQ(db_adjustSlotRate(record, 2014, 3), 0);
+  ASSERT_EQ(record->slotCount, 6u);
+  EXPECT_EQ(record->slots[0], 2014u);
+  EXPECT_EQ(record->slots[1], 2015u);
+  EXPECT_EQ(record->slots[2], 5u);                     // 2^32 + 5 keeps its low 32 bits
+  EXPECT_EQ(record->slots[3], 0xFFFFFFFF80000000ull);  // 2^31 comes back sign-extended
+  EXPECT_EQ(record->slots[4], 2u);
+  EXPECT_EQ(record->slots[5], 3u);
+  EXPECT_EQ(record->slots[6], 0u);  // the rest is cleared
+  delete record;
+}
+
+TEST_F(Series, SlotWritesNameTheirDayAndColumn) {
+  Values sample{"aa:01", "1700000000", "289", "-61"};
+  EXPECT_EQ(db_updateRssi(sample.data()), DB_STATUS_SUCCESS);
+  EXPECT_EQ(raw().scalar("SELECT SLOT289 FROM RSSI2 WHERE MAC_S='aa:01'"), "-61");
+  adbtest::Rows index = raw().query("SELECT SLT_IND, TIMESTAMP FROM PRIMITIVE_RSSI");
+  ASSERT_EQ(index.size(), 1u);
+  EXPECT_EQ(index[0][0], "289");
+  EXPECT_EQ(index[0][1], "1700000000");
+
+  Values noDay{"aa:01", "0", "5"};
+  EXPECT_EQ(db_updateRssiSlot(noDay.data()), DB_STATUS_FAILURE);
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] Rssi table - slot index is empty\n"));
+  Values noSlot{"aa:01", nullptr, "5"};
+  EXPECT_EQ(db_updateBandWidthSlotTx(noSlot.data()), DB_STATUS_FAILURE);
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] BandWithTx table - slot index is empty\n"));
+  EXPECT_EQ(queueCount, 0);  // refused, not queued
+
+  // The index row succeeds, the slot of day 8 has no table: the slot's status wins.
+  Values beyond{"aa:01", "1700000300", "2017", "1"};
+  EXPECT_EQ(db_updateRssi(beyond.data()), DB_STATUS_NO_TABLE);
+  EXPECT_EQ(raw().scalar("SELECT SLT_IND FROM PRIMITIVE_RSSI"), "2017");
+
+  // RSSI is read back as its low 16 bits.
+  Values wide{"aa:01", "300", "70000"};
+  ASSERT_EQ(db_updateRssiSlot(wide.data()), DB_STATUS_SUCCESS);
+  uint16_t rssi = 0;
+  EXPECT_EQ(db_readRssiSlotValue("AA:01", 300, &rssi), DB_STATUS_SUCCESS);
+  EXPECT_EQ(rssi, 4464);
+  uint64_t value = 99;
+  EXPECT_EQ(db_readRxSlotValue("aa:01", 0, &value), DB_STATUS_FAILURE);
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] Cnt find tableIdx using slot index\n"));
+  EXPECT_EQ(db_readRxSlotValue("nobody", 5, &value), DB_STATUS_EMPTY);
+  EXPECT_EQ(value, 99u);
+}
+
+TEST_F(Series, DefaultFillZeroesOneDayAndRefusesTwo) {
+  Values sample{"aa:02", "1700000000", "5", "42"};
+  ASSERT_EQ(db_updateRssi(sample.data()), DB_STATUS_SUCCESS);
+  Values wholeDay{"aa:02", "1", "288"};
+  log().clear();
+  EXPECT_EQ(db_updateRssiSlotDefaultValue(wholeDay.data()), DB_STATUS_SUCCESS);
+  EXPECT_EQ(raw().scalar("SELECT SLOT5 FROM RSSI1"), "0");
+  EXPECT_EQ(log().countContaining("number of fields : 289"), 1u);
+
+  Values twoDays{"aa:02", "288", "289"};
+  EXPECT_EQ(db_updateRxSlotDefaultValue(twoDays.data()), DB_STATUS_SUCCESS);  // refused, still 0
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] Mismatch in table. start Idx [288] end Idx [289]\n"));
+  Values missing{"aa:02", nullptr, "3"};
+  EXPECT_EQ(db_updateTxSlotDefaultValue(missing.data()), DB_STATUS_SUCCESS);
+
+  // A fill parked in the queue records its column count and replays from its three values.
+  {
+    adbtest::BusyHolder holder(dbPath());
+    Values part{"aa:02", "290", "300"};
+    EXPECT_EQ(db_updateRssiSlotDefaultValue(part.data()), DB_STATUS_BUSY);
+  }
+  ASSERT_NE(writeRequestQueue, nullptr);
+  EXPECT_EQ(writeRequestQueue->fieldCount, 12);
+  EXPECT_EQ(writeRequestQueue->functionId, 12);
+  raw().exec("INSERT INTO RSSI2(MAC_S, SLOT295) VALUES('aa:02', 7)");
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(raw().scalar("SELECT SLOT295 FROM RSSI2"), "0");
+}
+
+TEST_F(Series, SpansInsideADayAcrossDaysAndAcrossTheWrap) {
+  everyDay("aa:03", "LAN");
+  for (int32_t slot : {100, 101, 102, 600, 2014, 2015, 2016, 1, 2, 3}) {
+    bandwidth("aa:03", "LAN", slot, static_cast<uint64_t>(slot) * 10);
+  }
+  BandWidthRecord *record = newRecord();
+  EXPECT_EQ(db_readRxStartToEnd("aa:03", 100, 102, record), DB_STATUS_SUCCESS);
+  EXPECT_EQ(record->slotCount, 3u);
+  EXPECT_EQ(record->slots[0], 1000u);
+  EXPECT_EQ(record->slots[2], 1020u);
+  EXPECT_STREQ(record->mac, "aa:03");
+
+  std::memset(record, 0, sizeof *record);
+  EXPECT_EQ(db_readTxStartToEnd("aa:03", 101, 600, record), DB_STATUS_SUCCESS);  // days 1..3
+  EXPECT_EQ(record->slotCount, 500u);
+  EXPECT_EQ(record->slots[499], 6000u);
+
+  std::memset(record, 0, sizeof *record);
+  EXPECT_EQ(db_readRxStartToEnd("aa:03", 2014, 3, record), DB_STATUS_SUCCESS);  // wraps
+  ASSERT_EQ(record->slotCount, 6u);
+  std::vector<uint64_t> packed(record->slots, record->slots + 6);
+  EXPECT_EQ(packed, (std::vector<uint64_t>{20140, 20150, 20160, 10, 20, 30}));
+
+  // Both ends in one day: every day table is read once and nearly the whole week comes back.
+  std::memset(record, 0, sizeof *record);
+  log().clear();
+  EXPECT_EQ(db_readRxStartToEnd("aa:03", 102, 101, record), DB_STATUS_SUCCESS);
+  EXPECT_EQ(record->slotCount, 2016u);
+  EXPECT_EQ(record->slots[0], 1020u);
+  EXPECT_EQ(record->slots[2015], 1010u);
+  EXPECT_EQ(log().countContaining("READ QUERY : SELECT  *  FROM  BANDWIDTHRX"), 7u);
+  delete record;
+}
+
+TEST_F(Series, AMissingDayTableIsSkippedOnlyOnTheReceiveSide) {
+  everyDay("aa:04", "LAN");
+  ASSERT_EQ(db_dropBandwidthRxTable(6), DB_STATUS_SUCCESS);
+  ASSERT_EQ(db_dropBandwidthTxTable(6), DB_STATUS_SUCCESS);
+  BandWidthRecord *record = newRecord();
+  EXPECT_EQ(db_readRxStartToEnd("aa:04", 1500, 5, record), DB_STATUS_SUCCESS);
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] Read BandwidthRx table for day 6 failed Ret 5\n"));
+  EXPECT_EQ(db_readTxStartToEnd("aa:04", 1500, 5, record), DB_STATUS_NO_TABLE);
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] Read BandwidthTx table for day 6 failed Ret 5\n"));
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR,
+                        "[analyticsDB] Read BandwidthTx table failed. Check table content in DB\n"));
+  // Without a wrap a missing day fails on both sides.
+  EXPECT_EQ(db_readRxStartToEnd("aa:04", 1500, 1700, record), DB_STATUS_NO_TABLE);
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] Bandwidth Rx table read failed. Check table in DB\n"));
+  delete record;
+}
+
+TEST_F(Series, LatestSpanReadsTheOneWanDevice) {
+  BandWidthRecord *record = newRecord();
+  record->slotCount = 77;
+  int32_t wans = -1;
+  EXPECT_EQ(db_readBandWidthLatestRx("WAN", 1700000000u, record, &wans), DB_STATUS_SUCCESS);
+  EXPECT_EQ(wans, 0);
+  EXPECT_EQ(record->slotCount, 77u);  // no WAN: untouched
+
+  everyDay("wan-a", "WAN");
+  bandwidth("wan-a", "WAN", 10, 5);
+  everyDay("wan-b", "WAN");
+  EXPECT_EQ(db_readBandWidthLatestRx("WAN", 1700000000u + 8 * kSlotSeconds, record, &wans),
+            DB_STATUS_SUCCESS);
+  EXPECT_EQ(wans, 1);
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "More than MAX [1] WAN found in DB"));
+  EXPECT_STREQ(record->mac, "wan-a");
+  EXPECT_EQ(record->startIndex, 9u);
+  EXPECT_EQ(record->endIndex, 10u);
+  EXPECT_EQ(record->slotCount, 2u);
+  EXPECT_EQ(record->slots[1], 5u);
+
+  // A start after the latest sample is no span.
+  EXPECT_EQ(db_readBandWidthLatestTx("WAN", 1800000000u, record, &wans), DB_STATUS_FAILURE);
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR,
+                        "[analyticsDB] Error throwed on finding start and end index on tx\n"));
+  delete record;
+}
+
+TEST_F(Series, EightDaysOfSamplesReadBackAsTheLast24HoursInTimeOrder) {
+  ryxLogSetLevel(RYX_LOG_NOTICE);  // tens of thousands of statements: keep the capture small
+  const uint32_t start = 1750000000u;
+  const int32_t ticks = 8 * 288 - 100;  // the latest sample lands in day 1 of the second week
+  const char *devices[] = {"wan:00", "lan:01", "lan:02"};
+  for (int32_t tick = 0; tick < ticks; ++tick) {
+    if (tick % 288 == 0) {
+      ASSERT_EQ(db_beginTransaction(), DB_STATUS_SUCCESS);
+    }
+    std::string time = std::to_string(start + static_cast<uint32_t>(tick) * kSlotSeconds);
+    std::string slot = std::to_string(tick % kWeek + 1);
+    for (int d = 0; d < 3; ++d) {
+      std::string value = std::to_string(tick * 10 + d);
+      Values sample{devices[d], d == 0 ? "WAN" : "LAN", time.c_str(), slot.c_str(), value.c_str()};
+      ASSERT_EQ(db_updateBandWidthRx(sample.data()), DB_STATUS_SUCCESS) << tick;
+    }
+    if (tick % 288 == 287 || tick == ticks - 1) {
+      ASSERT_EQ(db_commitTransaction(), DB_STATUS_SUCCESS);
+    }
+  }
+  const uint32_t latest = start + static_cast<uint32_t>(ticks - 1) * kSlotSeconds;
+  BandWidthRecord *record = newRecord();
+  int32_t wans = 0;
+  ASSERT_EQ(db_readBandWidthLatestRx("WAN", latest - 86400, record, &wans), DB_STATUS_SUCCESS);
+  EXPECT_EQ(wans, 1);
+  EXPECT_EQ(record->endIndex, static_cast<uint32_t>((ticks - 1) % kWeek + 1));
+  EXPECT_GT(record->startIndex, record->endIndex);  // the span wraps
+  ASSERT_EQ(record->slotCount, 288u);
+  for (int32_t i = 0; i < 288; ++i) {
+    int32_t tick = ticks - 288 + i;
+    ASSERT_EQ(record->slots[i], static_cast<uint64_t>(tick * 10)) << i;
+  }
+  delete record;
+}
