@@ -314,18 +314,26 @@ template <typename Record>
 using ReadConversion = int32_t (*)(char **cells, Record ***list, int32_t rowCount,
                                    int32_t columnCount);
 
-// A list read: the read's status, else the conversion's (0, 1, or 2 when no row matched).
-// The list is set only by the conversion, so a failed read leaves it as the caller had it.
+// Runs a composed SELECT into a record list: the read's status, else the conversion's (0, 1,
+// or 2 when no row matched). The list is set only by the conversion, so a failed read leaves
+// it as the caller had it.
+template <typename Record>
+int32_t readConvertedList(const char *query, ReadConversion<Record> convert, Record ***list,
+                          int32_t *rows) {
+  if (list == nullptr || rows == nullptr) return DB_STATUS_FAILURE;
+  adb::TableResult result;
+  int32_t status = db_readTableContent(query, &result.cells, rows, &result.columns);
+  if (status == DB_STATUS_SUCCESS) status = convert(result.cells, list, *rows, result.columns);
+  return status;
+}
+
 template <typename Record>
 int32_t readRecordList(const ReadStatement &read, const char *key, ReadConversion<Record> convert,
                        Record ***list, int32_t *rows) {
   if (list == nullptr || rows == nullptr) return DB_STATUS_FAILURE;
   char query[kReadQueryCapacity] = {};
   if (!readComposed(read, key, query)) return DB_STATUS_FAILURE;
-  adb::TableResult result;
-  int32_t status = db_readTableContent(query, &result.cells, rows, &result.columns);
-  if (status == DB_STATUS_SUCCESS) status = convert(result.cells, list, *rows, result.columns);
-  return status;
+  return readConvertedList(query, convert, list, rows);
 }
 
 // A single value of one device: the first matching row's field, picked by `pick`.
@@ -682,31 +690,19 @@ void composeSeriesSelect(char *buffer, int32_t size, const Series &series, int32
 }
 
 template <typename Record>
-using Conversion = int32_t (*)(char **, Record ***, int32_t, int32_t);
-
-template <typename Record>
-int32_t readSeriesList(const char *query, Record ***list, int32_t *rows,
-                       Conversion<Record> convert) {
-  adb::TableResult result;
-  int32_t status = db_readTableContent(query, &result.cells, &result.rows, &result.columns);
-  if (rows != nullptr) *rows = result.rows;
-  if (status == DB_STATUS_SUCCESS) status = convert(result.cells, list, result.rows, result.columns);
-  return status;
-}
-
-template <typename Record>
 int32_t readJoined(const Series &series, int32_t firstDay, int32_t lastDay, const char *column,
-                   const char *value, Record ***list, int32_t *rows, Conversion<Record> convert) {
+                   const char *value, Record ***list, int32_t *rows,
+                   ReadConversion<Record> convert) {
   char buffer[kJoinReadCapacity] = {};
   composeSeriesSelect(buffer, sizeof buffer, series, firstDay, lastDay, column, value);
-  return readSeriesList(buffer, list, rows, convert);
+  return readConvertedList(buffer, convert, list, rows);
 }
 
 int32_t readIndexTable(const Series &series, PrimitiveDayTableRecord ***list, int32_t *rows) {
   char buffer[kIndexReadCapacity] = {};
   db_selectQuery(buffer, sizeof buffer);
   db_selectFieldNames(buffer, sizeof buffer, nullptr, 0, series.primitiveTable);
-  return readSeriesList(buffer, list, rows, db_structPrimitiveDayTable);
+  return readConvertedList(buffer, db_structPrimitiveDayTable, list, rows);
 }
 
 int32_t readMacList(const Series &series, char ***cells, int32_t *rowCount, int32_t *columnCount) {
