@@ -468,21 +468,48 @@ const ColumnRule *findRule(std::span<const ColumnRule> rules, const char *column
 
 bool isSlotColumn(const char *column) { return std::strstr(column, kSlotMarker) != nullptr; }
 
+// The rule of each header column, looked up once for a whole result instead of once per cell:
+// a list of many rows of a narrow table (the device inventory) otherwise spends most of its
+// conversion comparing column names. Wider results (a week's slot columns, read one row at a
+// time) gain nothing and keep the lookup per cell, so this stays a fixed stack array.
+class HeaderRules {
+ public:
+  static constexpr int32_t kMaxColumns = 64;
+
+  HeaderRules(std::span<const ColumnRule> rules, char **header, int32_t columns)
+      : resolved_(columns <= kMaxColumns) {
+    for (int32_t c = 0; resolved_ && c < columns; ++c) {
+      const char *column = header[c];
+      slot_[c] = column != nullptr && isSlotColumn(column);
+      rule_[c] = column != nullptr ? findRule(rules, column) : nullptr;
+    }
+  }
+  bool resolved() const { return resolved_; }
+  bool isSlot(int32_t c) const { return slot_[c]; }
+  const ColumnRule *rule(int32_t c) const { return rule_[c]; }
+
+ private:
+  bool resolved_;
+  bool slot_[kMaxColumns];
+  const ColumnRule *rule_[kMaxColumns];
+};
+
 // Fills `record` from one data row. Cells of columns the family does not know, and NULL cells,
-// leave their fields as they are.
+// leave their fields as they are. `rules`, when given and resolved, holds the header's rules.
 void fillRecord(const RecordFamily &family, bool countSlots, unsigned char *record, char **header,
-                char **row, int32_t columns) {
+                char **row, int32_t columns, const HeaderRules *rules = nullptr) {
+  const bool resolved = rules != nullptr && rules->resolved();
   uint32_t slotColumns = 0;
   for (int32_t c = 0; c < columns; ++c) {
     const char *column = header[c];
     if (column == nullptr) continue;
-    if (isSlotColumn(column)) {
+    if (resolved ? rules->isSlot(c) : isSlotColumn(column)) {
       ++slotColumns;  // NULL cells count: slotCount is the number of slot columns selected
       if (countSlots) put<uint32_t>(record + family.slotCountOffset, slotColumns);
     }
     const char *cell = row[c];
     if (cell == nullptr) continue;
-    const ColumnRule *rule = findRule(family.columns, column);
+    const ColumnRule *rule = resolved ? rules->rule(c) : findRule(family.columns, column);
     if (rule != nullptr) storeCell(*rule, cell, record + rule->offset, column, slotColumns);
   }
 }
@@ -520,6 +547,7 @@ int32_t convertList(char **cells, Record ***list, int32_t rowCount, int32_t colu
     ADB_LOG_AS(site, RYX_LOG_ERROR, "%s", family.arrayFailed);
     return DB_STATUS_FAILURE;
   }
+  const HeaderRules rules(family.columns, cells, columnCount);
   for (int32_t r = 0; r < rowCount; ++r) {
     auto *record = static_cast<Record *>(std::calloc(1, sizeof(Record)));
     if (record == nullptr) {
@@ -528,7 +556,7 @@ int32_t convertList(char **cells, Record ***list, int32_t rowCount, int32_t colu
     }
     records[r] = record;
     fillRecord(family, family.countsSlots, bytesOf(record), cells, rowCells(cells, r, columnCount),
-               columnCount);
+               columnCount, &rules);
   }
   return DB_STATUS_SUCCESS;
 }

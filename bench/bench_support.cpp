@@ -1,0 +1,305 @@
+#include "bench_support.h"
+
+#include <stdlib.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+
+#include "analyticsdb.h"
+
+namespace adbbench {
+namespace {
+
+std::vector<Statement> *gCaptured = nullptr;
+
+void discardLine(int, const char *, void *) {}
+
+void collectStatement(int, const char *line, void *) {
+  static constexpr const char *kWrite = "WRITE QUERY: ";
+  static constexpr const char *kRead = "READ QUERY : ";
+  if (gCaptured == nullptr) return;
+  bool read = false;
+  const char *at = std::strstr(line, kWrite);
+  if (at != nullptr) {
+    at += std::strlen(kWrite);
+  } else if ((at = std::strstr(line, kRead)) != nullptr) {
+    at += std::strlen(kRead);
+    read = true;
+  } else {
+    return;
+  }
+  std::string sql(at);
+  // The read line ends with a newline the statement itself does not have.
+  if (read && !sql.empty() && sql.back() == '\n') sql.pop_back();
+  gCaptured->push_back({read, sql});
+}
+
+void check(bool ok, const char *what) {
+  if (!ok) {
+    std::fprintf(stderr, "bench setup failed: %s\n", what);
+    std::exit(1);
+  }
+}
+
+void createAllTables(int rxSlotsPerDay) {
+  check(db_createDeviceInfoTable() == DB_STATUS_SUCCESS, "DEVICEINFO");
+  check(db_createPrimitiveRssiTable(kSlotsPerDay) == DB_STATUS_SUCCESS, "PRIMITIVE_RSSI");
+  check(db_createPrimitiveBandWidthRxTable(kSlotsPerDay) == DB_STATUS_SUCCESS, "PRIMITIVE_RX");
+  check(db_createPrimitiveBandWidthTxTable(kSlotsPerDay) == DB_STATUS_SUCCESS, "PRIMITIVE_TX");
+  for (uint32_t day = 1; day <= kDays; ++day) {
+    check(db_createRssiTab(day, kSlotsPerDay) == DB_STATUS_SUCCESS, "RSSI day");
+    check(db_createRxBandWidth(day, rxSlotsPerDay) == DB_STATUS_SUCCESS, "RX day");
+    check(db_createTxBandWidth(day, kSlotsPerDay) == DB_STATUS_SUCCESS, "TX day");
+  }
+}
+
+int columnCount(const RawConnection &raw, const std::string &table) {
+  sqlite3_stmt *statement = nullptr;
+  std::string sql = "SELECT count(*) FROM pragma_table_info('" + table + "')";
+  check(sqlite3_prepare_v2(raw.get(), sql.c_str(), -1, &statement, nullptr) == SQLITE_OK,
+        "table_info");
+  check(sqlite3_step(statement) == SQLITE_ROW, "table_info row");
+  int count = sqlite3_column_int(statement, 0);
+  sqlite3_finalize(statement);
+  return count;
+}
+
+void fillWeek(const std::string &path) {
+  RawConnection raw(path);
+  check(raw.exec("BEGIN") == SQLITE_OK, "BEGIN");
+  for (int device = 0; device < kDevices; ++device) {
+    std::vector<std::string> row = deviceInfoRow(macOf(device), device);
+    std::string sql = "INSERT INTO DEVICEINFO VALUES(";
+    for (size_t i = 0; i < row.size(); ++i) {
+      if (i != 0) sql += ",";
+      sql += "'" + row[i] + "'";
+    }
+    check(raw.exec(sql + ")") == SQLITE_OK, "DEVICEINFO row");
+  }
+  const char *series[] = {"RSSI", "BANDWIDTHRX", "BANDWIDTHTX"};
+  for (const char *word : series) {
+    bool rssi = std::strcmp(word, "RSSI") == 0;
+    std::string index = rssi ? "INSERT INTO PRIMITIVE_RSSI (MAC_S,SLT_IND,TIMESTAMP) VALUES(?1,?3,?4)"
+                             : std::string("INSERT INTO PRIMITIVE_") + word +
+                                   " (MAC_S,SOURCE_S,SLT_IND,TIMESTAMP) VALUES(?1,?2,?3,?4)";
+    sqlite3_stmt *indexRow = nullptr;
+    check(sqlite3_prepare_v2(raw.get(), index.c_str(), -1, &indexRow, nullptr) == SQLITE_OK,
+          "prepare index row");
+    std::vector<sqlite3_stmt *> dayRows;
+    int slotsPerDay = 0;
+    for (int day = 1; day <= kDays; ++day) {
+      std::string table = word + std::to_string(day);
+      slotsPerDay = columnCount(raw, table) - 1;
+      std::string sql = "INSERT INTO " + table + " VALUES(?";
+      for (int k = 0; k < slotsPerDay; ++k) sql += ",?";
+      sqlite3_stmt *statement = nullptr;
+      check(sqlite3_prepare_v2(raw.get(), (sql + ")").c_str(), -1, &statement, nullptr) ==
+                SQLITE_OK,
+            "prepare day row");
+      dayRows.push_back(statement);
+    }
+    for (int device = 0; device < kDevices; ++device) {
+      std::string mac = macOf(device);
+      sqlite3_bind_text(indexRow, 1, mac.c_str(), -1, SQLITE_TRANSIENT);
+      sqlite3_bind_text(indexRow, 2, device == 0 ? kWanSource : "LAN", -1, SQLITE_STATIC);
+      sqlite3_bind_int(indexRow, 3, kLatestSlot);
+      sqlite3_bind_int64(indexRow, 4, kLatestTime);
+      check(sqlite3_step(indexRow) == SQLITE_DONE, "index row");
+      sqlite3_reset(indexRow);
+      for (int day = 1; day <= kDays; ++day) {
+        sqlite3_stmt *statement = dayRows[static_cast<size_t>(day - 1)];
+        sqlite3_bind_text(statement, 1, mac.c_str(), -1, SQLITE_TRANSIENT);
+        for (int k = 1; k <= slotsPerDay; ++k) {
+          // Bandwidth-like magnitudes, so the text of each value is as long as real ones.
+          sqlite3_bind_int64(statement, k + 1, 1'000'000 + device * 7919 + day * 331 + k);
+        }
+        check(sqlite3_step(statement) == SQLITE_DONE, "day row");
+        sqlite3_reset(statement);
+      }
+    }
+    sqlite3_finalize(indexRow);
+    for (sqlite3_stmt *statement : dayRows) sqlite3_finalize(statement);
+  }
+  check(raw.exec("COMMIT") == SQLITE_OK, "COMMIT");
+}
+
+std::string buildTemplate(const char *name, bool withWeek, int rxSlotsPerDay) {
+  std::string path = workDir() + "/" + name;
+  useLibraryDatabase(path);
+  createAllTables(rxSlotsPerDay);
+  db_close();
+  if (withWeek) fillWeek(path);
+  return path;
+}
+
+}  // namespace
+
+std::string macOf(int device) {
+  char text[32];
+  std::snprintf(text, sizeof text, "AA:BB:CC:00:%02X:%02X", (device >> 8) & 0xff, device & 0xff);
+  return text;
+}
+
+const std::string &workDir() {
+  static const std::string dir = [] {
+    std::string pattern = (std::filesystem::temp_directory_path() / "adbbench.XXXXXX").string();
+    check(mkdtemp(pattern.data()) != nullptr, "mkdtemp");
+    std::atexit([] {
+      db_close();
+      std::error_code ignored;
+      std::filesystem::remove_all(workDir(), ignored);
+    });
+    return pattern;
+  }();
+  return dir;
+}
+
+void copyWeekDatabase(const std::string &path) {
+  static const std::string source = buildTemplate("template-week.db", true, kSlotsPerDay);
+  std::filesystem::copy_file(source, path, std::filesystem::copy_options::overwrite_existing);
+}
+
+void copyEmptyDatabase(const std::string &path) {
+  static const std::string source = buildTemplate("template-empty.db", false, kSlotsPerDay);
+  std::filesystem::copy_file(source, path, std::filesystem::copy_options::overwrite_existing);
+}
+
+void copyNarrowWeekDatabase(const std::string &path) {
+  static const std::string source =
+      buildTemplate("template-narrow-week.db", true, kNarrowRxSlotsPerDay);
+  std::filesystem::copy_file(source, path, std::filesystem::copy_options::overwrite_existing);
+}
+
+void useLibraryDatabase(const std::string &path) {
+  check(db_close() == DB_STATUS_SUCCESS, "db_close");
+  check(db_setDatabasePath(path.c_str()) == DB_STATUS_SUCCESS, "db_setDatabasePath");
+  // No marker file: statement profiling stays off, as on a gateway in service.
+  check(db_setProfileMarkerPath((workDir() + "/no-profile-marker").c_str()) == DB_STATUS_SUCCESS,
+        "db_setProfileMarkerPath");
+  check(db_open() == DB_STATUS_SUCCESS, "db_open");
+  static std::once_flag queue;
+  std::call_once(queue, [] { db_initQueue(); });
+}
+
+RawConnection::RawConnection(const std::string &path) {
+  check(sqlite3_open_v2(path.c_str(), &db_,
+                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
+                        nullptr) == SQLITE_OK,
+        "raw open");
+  check(exec("PRAGMA foreign_keys = ON") == SQLITE_OK, "raw pragma");
+}
+
+RawConnection::~RawConnection() { sqlite3_close_v2(db_); }
+
+int RawConnection::exec(const std::string &sql) const {
+  char *message = nullptr;
+  int result = sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &message);
+  sqlite3_free(message);
+  return result;
+}
+
+StatementCapture::StatementCapture() {
+  gCaptured = new std::vector<Statement>;
+  ryxLogSetHandler(collectStatement, nullptr);
+  ryxLogSetLevel(RYX_LOG_DEBUG);
+}
+
+std::vector<Statement> StatementCapture::stop() {
+  silenceLibraryLog();
+  std::vector<Statement> result;
+  if (!stopped_) {
+    result = std::move(*gCaptured);
+    delete gCaptured;
+    gCaptured = nullptr;
+    stopped_ = true;
+  }
+  return result;
+}
+
+StatementCapture::~StatementCapture() { stop(); }
+
+int runStatements(sqlite3 *db, const std::vector<Statement> &statements) {
+  int failed = 0;
+  for (const Statement &statement : statements) {
+    char *message = nullptr;
+    int result;
+    if (statement.read) {
+      char **cells = nullptr;
+      int rows = 0;
+      int columns = 0;
+      result = sqlite3_get_table(db, statement.sql.c_str(), &cells, &rows, &columns, &message);
+      sqlite3_free_table(cells);
+    } else {
+      result = sqlite3_exec(db, statement.sql.c_str(), nullptr, nullptr, &message);
+    }
+    sqlite3_free(message);
+    if (result != SQLITE_OK && (result & 0xff) != SQLITE_CONSTRAINT) ++failed;
+  }
+  return failed;
+}
+
+void silenceLibraryLog() {
+  ryxLogSetLevel(RYX_LOG_NOTICE);
+  ryxLogSetHandler(discardLine, nullptr);
+}
+
+std::vector<std::string> deviceInfoRow(const std::string &mac, int seed) {
+  std::vector<std::string> values{mac};
+  for (size_t i = 1; i < std::size(deviceInfoFields); ++i) {
+    bool text = std::strstr(deviceInfoFields[i], "_S") != nullptr;
+    char value[32];
+    if (text) {
+      std::snprintf(value, sizeof value, "v%d_%zu", seed, i);
+    } else {
+      std::snprintf(value, sizeof value, "%d", seed * 100 + static_cast<int>(i));
+    }
+    values.emplace_back(value);
+  }
+  return values;
+}
+
+std::vector<char *> pointersOf(std::vector<std::string> &values) {
+  std::vector<char *> pointers;
+  for (std::string &value : values) pointers.push_back(value.data());
+  return pointers;
+}
+
+BusyHolder::BusyHolder(const std::string &path) {
+  check(sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK,
+        "busy holder open");
+}
+
+BusyHolder::~BusyHolder() {
+  release();
+  sqlite3_close_v2(db_);
+}
+
+void BusyHolder::hold() {
+  check(sqlite3_exec(db_, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr) == SQLITE_OK,
+        "BEGIN EXCLUSIVE");
+  holding_ = true;
+}
+
+void BusyHolder::release() {
+  if (!holding_) return;
+  sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr);
+  holding_ = false;
+}
+
+long residentKb(const char *field) {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  size_t length = std::strlen(field);
+  while (std::getline(status, line)) {
+    if (line.compare(0, length, field) == 0 && line.size() > length && line[length] == ':') {
+      return std::strtol(line.c_str() + length + 1, nullptr, 10);
+    }
+  }
+  return -1;
+}
+
+}  // namespace adbbench
