@@ -9,6 +9,8 @@
 #include <cstring>
 #include <iterator>
 
+#include <sqlite3.h>
+
 #include "analyticsdb.h"
 #include "internal/gate.h"
 #include "internal/guards.h"
@@ -698,6 +700,55 @@ int32_t readJoined(const Series &series, int32_t firstDay, int32_t lastDay, cons
   return readConvertedList(buffer, convert, list, rows);
 }
 
+// The week of a series in one join has the index table's columns and all 2016 slot columns,
+// more than SQLite's stock limit of 2000 result columns. Where the connection's limit is lower
+// than that, the week is read in two joins (days 1..3 and 4..7) whose rows are merged.
+constexpr int32_t kFirstDaysOfSplitWeek = 3;
+
+bool weekFitsOneJoin(const Series &series) {
+  int32_t columns = series.primitiveCount + static_cast<int32_t>(db_calcSlotCount());
+  return sqlite3_limit(database_connection, SQLITE_LIMIT_COLUMN, -1) >= columns;
+}
+
+// Adds the later days' slots of each record of `later` to the record of the same device.
+void mergeLaterDays(BandWidthRecord **list, int32_t rows, BandWidthRecord **later,
+                    int32_t laterRows) {
+  const int32_t firstLaterSlot =
+      kFirstDaysOfSplitWeek * static_cast<int32_t>(db_calcPerDaySlotCount());
+  for (int32_t r = 0; r < rows; ++r) {
+    // Both joins scan the index table alike, so the rows normally pair up by position.
+    BandWidthRecord *match = nullptr;
+    if (r < laterRows && std::strcmp(later[r]->mac, list[r]->mac) == 0) match = later[r];
+    for (int32_t l = 0; match == nullptr && l < laterRows; ++l) {
+      if (std::strcmp(later[l]->mac, list[r]->mac) == 0) match = later[l];
+    }
+    if (match == nullptr) continue;
+    std::memcpy(&list[r]->slots[firstLaterSlot], &match->slots[firstLaterSlot],
+                sizeof list[r]->slots - firstLaterSlot * sizeof list[r]->slots[0]);
+    list[r]->slotCount += match->slotCount;
+  }
+}
+
+int32_t readWeek(const Series &series, const char *column, const char *value,
+                 BandWidthRecord ***list, int32_t *rows) {
+  int32_t status = db_open();
+  if (status != DB_STATUS_SUCCESS) return status;
+  if (weekFitsOneJoin(series)) {
+    return readJoined(series, 1, kSeriesDays, column, value, list, rows, db_structBandWidth);
+  }
+  status = readJoined(series, 1, kFirstDaysOfSplitWeek, column, value, list, rows,
+                      db_structBandWidth);
+  if (status != DB_STATUS_SUCCESS) return status;
+  BandWidthRecord **later = nullptr;
+  int32_t laterRows = 0;
+  status = readJoined(series, kFirstDaysOfSplitWeek + 1, kSeriesDays, column, value, &later,
+                      &laterRows, db_structBandWidth);
+  if (status == DB_STATUS_SUCCESS) mergeLaterDays(*list, *rows, later, laterRows);
+  if (later != nullptr) db_freeBandWidthResult(&later, laterRows);
+  if (status != DB_STATUS_SUCCESS) db_freeBandWidthResult(list, *rows);  // half a week is no week
+  return status;
+}
+
 int32_t readIndexTable(const Series &series, PrimitiveDayTableRecord ***list, int32_t *rows) {
   char buffer[kIndexReadCapacity] = {};
   db_selectQuery(buffer, sizeof buffer);
@@ -904,13 +955,13 @@ ADB_API int32_t db_readMacBandWidthTxSelect(int32_t day, const char *mac, RateRe
 ADB_API int32_t db_readSourceDataRxSelect(int32_t day, const char *source, RateRecord ***list, int32_t *rows) { return readJoined(kRx, day, day, "SOURCE_S", source, list, rows, db_readRateStruct); }
 ADB_API int32_t db_readSourceDataTxSelect(int32_t day, const char *source, RateRecord ***list, int32_t *rows) { return readJoined(kTx, day, day, "SOURCE_S", source, list, rows, db_readRateStruct); }
 
-ADB_API int32_t db_readMacRssi(const char *mac, BandWidthRecord ***list, int32_t *rows)        { return readJoined(kRssi, 1, kSeriesDays, kSeriesKey, mac, list, rows, db_structBandWidth); }
-ADB_API int32_t db_readMacBandWidthRx(const char *mac, BandWidthRecord ***list, int32_t *rows) { return readJoined(kRx, 1, kSeriesDays, kSeriesKey, mac, list, rows, db_structBandWidth); }
-ADB_API int32_t db_readMacBandWidthTx(const char *mac, BandWidthRecord ***list, int32_t *rows) { return readJoined(kTx, 1, kSeriesDays, kSeriesKey, mac, list, rows, db_structBandWidth); }
-ADB_API int32_t db_readSourceDataRx(const char *source, BandWidthRecord ***list, int32_t *rows) { return readJoined(kRx, 1, kSeriesDays, "SOURCE_S", source, list, rows, db_structBandWidth); }
-ADB_API int32_t db_readSourceDataTx(const char *source, BandWidthRecord ***list, int32_t *rows) { return readJoined(kTx, 1, kSeriesDays, "SOURCE_S", source, list, rows, db_structBandWidth); }
-ADB_API int32_t db_readBandWidthRxTable(BandWidthRecord ***list, int32_t *rows) { return readJoined(kRx, 1, kSeriesDays, nullptr, nullptr, list, rows, db_structBandWidth); }
-ADB_API int32_t db_readBandWidthTxTable(BandWidthRecord ***list, int32_t *rows) { return readJoined(kTx, 1, kSeriesDays, nullptr, nullptr, list, rows, db_structBandWidth); }
+ADB_API int32_t db_readMacRssi(const char *mac, BandWidthRecord ***list, int32_t *rows)        { return readWeek(kRssi, kSeriesKey, mac, list, rows); }
+ADB_API int32_t db_readMacBandWidthRx(const char *mac, BandWidthRecord ***list, int32_t *rows) { return readWeek(kRx, kSeriesKey, mac, list, rows); }
+ADB_API int32_t db_readMacBandWidthTx(const char *mac, BandWidthRecord ***list, int32_t *rows) { return readWeek(kTx, kSeriesKey, mac, list, rows); }
+ADB_API int32_t db_readSourceDataRx(const char *source, BandWidthRecord ***list, int32_t *rows) { return readWeek(kRx, "SOURCE_S", source, list, rows); }
+ADB_API int32_t db_readSourceDataTx(const char *source, BandWidthRecord ***list, int32_t *rows) { return readWeek(kTx, "SOURCE_S", source, list, rows); }
+ADB_API int32_t db_readBandWidthRxTable(BandWidthRecord ***list, int32_t *rows) { return readWeek(kRx, nullptr, nullptr, list, rows); }
+ADB_API int32_t db_readBandWidthTxTable(BandWidthRecord ***list, int32_t *rows) { return readWeek(kTx, nullptr, nullptr, list, rows); }
 
 ADB_API int32_t db_readAllDevMacRssi(char ***cells, int32_t *rowCount, int32_t *columnCount) { return readMacList(kRssi, cells, rowCount, columnCount); }
 ADB_API int32_t db_readAllDevMacRx(char ***cells, int32_t *rowCount, int32_t *columnCount)   { return readMacList(kRx, cells, rowCount, columnCount); }

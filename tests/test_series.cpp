@@ -182,6 +182,38 @@ TEST_F(Series, SpansInsideADayAcrossDaysAndAcrossTheWrap) {
   delete record;
 }
 
+TEST_F(Series, WeekReadsReturnEverySlotOfTheSevenDays) {
+  // 2016 slot columns and the index columns: more than a stock SQLite returns in one result.
+  everyDay("aa:05", "WAN");
+  everyDay("aa:06", "LAN");
+  bandwidth("aa:05", "WAN", 2016, 77);
+  bandwidth("aa:06", "LAN", 300, 66);
+  BandWidthRecord **week = nullptr;
+  int32_t rows = 0;
+  ASSERT_EQ(db_readMacBandWidthRx("AA:05", &week, &rows), DB_STATUS_SUCCESS) << log().dump();
+  ASSERT_EQ(rows, 1);
+  EXPECT_EQ(week[0]->slotCount, 2016u);
+  EXPECT_EQ(week[0]->slots[2015], 77u);
+  EXPECT_EQ(week[0]->slotIndex, 2016);
+  db_freeBandWidthResult(&week, rows);
+
+  ASSERT_EQ(db_readBandWidthTxTable(&week, &rows), DB_STATUS_SUCCESS);
+  ASSERT_EQ(rows, 2);
+  for (int32_t r = 0; r < rows; ++r) {
+    bool wan = std::string(week[r]->mac) == "aa:05";
+    EXPECT_EQ(week[r]->slots[2015], wan ? 77u : 0u);
+    EXPECT_EQ(week[r]->slots[299], wan ? 0u : 66u);
+  }
+  db_freeBandWidthResult(&week, rows);
+
+  Values rssi{"aa:07", "1700000000", "1900", "-70"};
+  ASSERT_EQ(db_updateRssi(rssi.data()), DB_STATUS_SUCCESS);
+  ASSERT_EQ(db_readMacRssi("aa:07", &week, &rows), DB_STATUS_SUCCESS);
+  ASSERT_EQ(rows, 1);
+  EXPECT_EQ(static_cast<int64_t>(week[0]->slots[1899]), -70);
+  db_freeBandWidthResult(&week, rows);
+}
+
 TEST_F(Series, AMissingDayTableIsSkippedOnlyOnTheReceiveSide) {
   everyDay("aa:04", "LAN");
   ASSERT_EQ(db_dropBandwidthRxTable(6), DB_STATUS_SUCCESS);
