@@ -1,13 +1,8 @@
-/*
- * test_db_api_create.cpp - the analytics schema as the database file holds it: the catalogue
- * tables, the day tables with their slot columns and foreign keys, the upgrade of older tables,
- * the refusals, and the slot arithmetic.
- */
+// The analytics schema as the database file holds it: the catalogue tables, the day tables with
+// their slot columns and foreign keys, the upgrade of older tables, the refusals, slot arithmetic.
 #include <sqlite3.h>
 
-#include <algorithm>
 #include <filesystem>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -17,47 +12,28 @@ namespace {
 
 using adbtest::Row;
 
-// The catalogue as the file must declare it: "NAME TYPE", " key" for the NOT NULL primary key,
-// " =value" for a default.
+// The catalogue as the file must declare it: the column count, and "NAME TYPE" of the key (" key"
+// for NOT NULL PRIMARY KEY), of REAL columns and of columns with a default (" =value"). Every other
+// column is TEXT when its name ends in "_S" and INTEGER otherwise.
 struct ExpectedTable {
   const char *name;
   size_t columns;
-  const char *declared;
+  const char *notable;
 };
 
 const ExpectedTable kCatalogue[] = {
     {"DEVICEINFO", 38,
-     "MAC_S TEXT key,APID_S TEXT,IPADDR_S TEXT,CATEGORY_S TEXT,HOST_S TEXT,MODEL_S TEXT,"
-     "MANUFACTURER_S TEXT,SERIALNUMBER_S TEXT,INTERFACE_S TEXT,ACTIVE INTEGER,BAND_S TEXT,"
-     "INTF_NAME_S TEXT,INTF_INDEX INTEGER,RSSI INTEGER,TXRATE REAL,RXRATE REAL,TXCNT INTEGER,"
-     "RXCNT INTEGER,CAPACITY INTEGER,DEVBWREQD REAL,DEVSTREAMCAPABILITY_S TEXT,NAME_S TEXT,"
-     "FRIENDLYNAME_S TEXT,PORTABLE INTEGER =1,DEVCRITICAL INTEGER,DEVTIMESTAMP REAL,ADDED_TS REAL,"
-     "LASTONLINE_TS REAL,LASTOFFLINE_TS REAL,BEACONSTATE INTEGER =0,PREFERRED_BAND_S TEXT ='NA',"
-     "DEV_FP_DONE INTEGER,OUI_S TEXT,PRODUCTCLASS_S TEXT,LASTREBOOTTXCNT INTEGER,"
-     "LASTREBOOTRXCNT INTEGER,BANDSTEERING_STATE INTEGER =0,IS_BRIDGED INTEGER =0"},
-    {"MESHTOPO", 9,
-     "MAC_S TEXT key,ID_S TEXT,PARENTID_S TEXT,IPADDR_S TEXT,ROLE_S TEXT,OPERMODE_S TEXT,"
-     "BACKHAULINTFTYPE_S TEXT,STATUS_S TEXT,HEALTHSTATUS_S TEXT"},
-    {"CLIENTS", 24,
-     "MAC_S TEXT key,ASSOC_BSSID_S TEXT,ASSOC_MEDIUM_S TEXT,CAP_BSS_TRANS INTEGER,"
-     "CAP_FAST_BSS_TRANS INTEGER,CAP_RADIO_MEASURE INTEGER,CAP_24GHZ INTEGER,CAP_5GHZ INTEGER,"
-     "CATEGORY_S TEXT,TYPE_S TEXT,MIMO_S TEXT,VENDOR_MFG_S TEXT,VENDOR_MNAME_S TEXT,"
-     "VENDOR_MNUMBER_S TEXT,VENDOR_DNAME_S TEXT,CAP_MODE_S TEXT,CAP_24CSA INTEGER,"
-     "CAP_24ECSA INTEGER,CAP_5CSA INTEGER,CAP_5ECSA INTEGER,CAP_DFS INTEGER,ISTAVEXFPDONE INTEGER,"
-     "CAP_24GHZN INTEGER,CAP_5GHZAC INTEGER"},
-    {"SUBSCRIBERINFO", 2, "SERIALNUMBER_S TEXT key,DOWNSTREAMBANDWIDTH INTEGER"},
-    {"DEVICETHRESHOLD", 15,
-     "DEVICECLASS_S TEXT key,DEVFILTERLEVEL INTEGER,STREAMINGTHRESHOLD INTEGER,"
-     "INACTIVITYFILTER INTEGER,RSSIGOODSTART INTEGER,RSSIGOODEND INTEGER,RSSIAVGSTART INTEGER,"
-     "RSSIAVGEND INTEGER,RSSIBADSTART INTEGER,RSSIBADEND INTEGER,LONGPOLLTHRESHOLD INTEGER,"
-     "SHORTPOLLTHRESHOLD INTEGER,VERSION REAL,WAN_FILTER_LEVEL INTEGER,"
-     "INACTIVITY_FILTER_LEVEL INTEGER"},
+     "MAC_S TEXT key,TXRATE REAL,RXRATE REAL,DEVBWREQD REAL,PORTABLE INTEGER =1,DEVTIMESTAMP REAL,"
+     "ADDED_TS REAL,LASTONLINE_TS REAL,LASTOFFLINE_TS REAL,BEACONSTATE INTEGER =0,"
+     "PREFERRED_BAND_S TEXT ='NA',BANDSTEERING_STATE INTEGER =0,IS_BRIDGED INTEGER =0"},
+    {"MESHTOPO", 9, "MAC_S TEXT key"},
+    {"CLIENTS", 24, "MAC_S TEXT key"},
+    {"SUBSCRIBERINFO", 2, "SERIALNUMBER_S TEXT key"},
+    {"DEVICETHRESHOLD", 15, "DEVICECLASS_S TEXT key,VERSION REAL"},
     {"CMAINFO", 2, "TABLENAME_S TEXT key,TIMESTAMP REAL"},
     {"PRIMITIVE_RSSI", 3, "MAC_S TEXT key,SLT_IND INTEGER =0,TIMESTAMP INTEGER =0"},
-    {"PRIMITIVE_BANDWIDTHRX", 4,
-     "MAC_S TEXT key,SOURCE_S TEXT,SLT_IND INTEGER =0,TIMESTAMP INTEGER =0"},
-    {"PRIMITIVE_BANDWIDTHTX", 4,
-     "MAC_S TEXT key,SOURCE_S TEXT,SLT_IND INTEGER =0,TIMESTAMP INTEGER =0"},
+    {"PRIMITIVE_BANDWIDTHRX", 4, "MAC_S TEXT key,SLT_IND INTEGER =0,TIMESTAMP INTEGER =0"},
+    {"PRIMITIVE_BANDWIDTHTX", 4, "MAC_S TEXT key,SLT_IND INTEGER =0,TIMESTAMP INTEGER =0"},
 };
 
 struct DaySeries {
@@ -87,11 +63,18 @@ std::string joined(char **names, size_t count) {
 
 class SchemaTest : public adbtest::DbTest {
  protected:
-  std::string declared(const std::string &table) {
+  // "NAME TYPE[ key][ =default]" per column; with `notableOnly`, plain TEXT/INTEGER columns are
+  // checked against their name and left out.
+  std::string declared(const std::string &table, bool notableOnly = false) {
     std::string text;
     for (const Row &row : raw().query("SELECT name, type, pk, \"notnull\", dflt_value "
                                       "FROM pragma_table_info('" + table + "')")) {
-      text += (text.empty() ? "" : ",") + row[0].value_or("?") + " " + row[1].value_or("?");
+      const std::string name = row[0].value_or("?"), type = row[1].value_or("?");
+      if (notableOnly && row[2] == "0" && !row[4] && type != "REAL") {
+        EXPECT_EQ(type, name.ends_with("_S") ? "TEXT" : "INTEGER") << table << "." << name;
+        continue;
+      }
+      text += (text.empty() ? "" : ",") + name + " " + type;
       if (row[2] != "0") text += row[3] == "1" ? " key" : " pk";
       if (row[4]) text += " =" + *row[4];
     }
@@ -118,16 +101,12 @@ class SchemaTest : public adbtest::DbTest {
 };
 
 TEST_F(SchemaTest, FullWeekCreatesEveryTableWithItsColumnsAndOnlyDayTablesHaveForeignKeys) {
-  EXPECT_EQ(db_createDeviceInfoTable(), DB_STATUS_SUCCESS);
-  EXPECT_EQ(db_createMeshTopoTable(), DB_STATUS_SUCCESS);
-  EXPECT_EQ(db_createClientsTable(), DB_STATUS_SUCCESS);
-  EXPECT_EQ(db_createSubscriberInfoTable(), DB_STATUS_SUCCESS);
-  EXPECT_EQ(db_createDeviceThresholdTable(), DB_STATUS_SUCCESS);
-  EXPECT_EQ(db_createCmaInfoTable(), DB_STATUS_SUCCESS);
+  createInventoryTables();
   const int32_t perDay = static_cast<int32_t>(db_calcPerDaySlotCount());
-  EXPECT_EQ(db_createPrimitiveRssiTable(perDay), DB_STATUS_SUCCESS);
-  EXPECT_EQ(db_createPrimitiveBandWidthRxTable(perDay), DB_STATUS_SUCCESS);
-  EXPECT_EQ(db_createPrimitiveBandWidthTxTable(perDay), DB_STATUS_SUCCESS);
+  for (auto create : {db_createPrimitiveRssiTable, db_createPrimitiveBandWidthRxTable,
+                      db_createPrimitiveBandWidthTxTable}) {
+    EXPECT_EQ(create(perDay), DB_STATUS_SUCCESS);
+  }
   for (const DaySeries &series : kSeries) {
     for (uint32_t day = 1; day <= 7; ++day) {
       EXPECT_EQ(series.create(day, perDay), DB_STATUS_SUCCESS) << series.word << day;
@@ -135,17 +114,17 @@ TEST_F(SchemaTest, FullWeekCreatesEveryTableWithItsColumnsAndOnlyDayTablesHaveFo
   }
 
   for (const ExpectedTable &table : kCatalogue) {
-    EXPECT_EQ(declared(table.name), table.declared) << table.name;
     EXPECT_EQ(raw().columns(table.name).size(), table.columns) << table.name;
+    EXPECT_EQ(declared(table.name, true), table.notable) << table.name;
   }
   for (const DaySeries &series : kSeries) {
     for (int day = 1; day <= 7; ++day) {
       const std::string table = series.word + std::to_string(day);
       EXPECT_EQ(raw().columns(table).size(), 289u) << table;
       EXPECT_EQ(declared(table), dayTableDeclaration((day - 1) * 288 + 1, day * 288)) << table;
-      EXPECT_EQ(foreignKeys(table), std::vector<std::string>{"MAC_S->" +
-                                                             std::string(series.indexTable) +
-                                                             "(MAC_S) CASCADE"})
+      EXPECT_EQ(foreignKeys(table),
+                std::vector<std::string>{"MAC_S->" + std::string(series.indexTable) +
+                                         "(MAC_S) CASCADE"})
           << table;
     }
   }
@@ -163,60 +142,9 @@ TEST_F(SchemaTest, FullWeekCreatesEveryTableWithItsColumnsAndOnlyDayTablesHaveFo
         << table;
   }
   EXPECT_EQ(withForeignKeys, 21u);
-
-  // Field-subset arrays name columns of their tables; whole-row writers name all, in order.
-  struct Subset {
-    const char *name;
-    char **fields;
-    size_t count;
-    const char *table;
-    bool wholeRow;
-  };
-#define SUBSET(array, table, wholeRow) {#array, array, std::size(array), table, wholeRow}
-  const Subset subsets[] = {
-      SUBSET(deviceInfoFields, "DEVICEINFO", true), SUBSET(meshTopoFields, "MESHTOPO", true),
-      SUBSET(clientsFields, "CLIENTS", true),
-      SUBSET(deviceThresholdFields, "DEVICETHRESHOLD", true),
-      SUBSET(subscriberInfoFields, "SUBSCRIBERINFO", true), SUBSET(cmaInfoFields, "CMAINFO", true),
-      SUBSET(devInfoAddedStatusUpdate, "DEVICEINFO", false),
-      SUBSET(devInfoLanUpdate, "DEVICEINFO", false), SUBSET(devInfoRssiFields, "DEVICEINFO", false),
-      SUBSET(devInfoBeaconFields, "DEVICEINFO", false),
-      SUBSET(devInfoBeaconFnameFields, "DEVICEINFO", false),
-      SUBSET(devInfoOpsFields, "DEVICEINFO", false),
-      SUBSET(devInfoCapacityUpdate, "DEVICEINFO", false),
-      SUBSET(devInfoPreferredBandFields, "DEVICEINFO", false),
-      SUBSET(devInfoBandSteeringFields, "DEVICEINFO", false),
-      SUBSET(devInfoIsBridgedFields, "DEVICEINFO", false),
-      SUBSET(devInfoCriticalRead, "DEVICEINFO", false),
-      SUBSET(devInfoCategoryRead, "DEVICEINFO", false),
-      SUBSET(devInfoTimestampRead, "DEVICEINFO", false),
-      SUBSET(devInfoCapacityRead, "DEVICEINFO", false), SUBSET(txRxCount, "DEVICEINFO", false),
-      SUBSET(timeStampFields, "CMAINFO", false), SUBSET(rssiFieldNames, "PRIMITIVE_RSSI", false),
-      SUBSET(bandWidthFieldNames, "PRIMITIVE_BANDWIDTHRX", false),
-      SUBSET(bandWidthTimeStampSlot, "PRIMITIVE_BANDWIDTHTX", false),
-      SUBSET(MAC_FIELD, "PRIMITIVE_RSSI", false),
-  };
-#undef SUBSET
-  for (const Subset &subset : subsets) {
-    const std::vector<std::string> columns = raw().columns(subset.table);
-    if (subset.wholeRow) {
-      EXPECT_EQ(joined(subset.fields, subset.count), joined(adbtest::Values(columns).data(),
-                                                            columns.size()))
-          << subset.name;
-    }
-    for (size_t i = 0; i < subset.count; ++i) {
-      EXPECT_NE(std::find(columns.begin(), columns.end(), subset.fields[i]), columns.end())
-          << subset.name << "[" << i << "] = " << subset.fields[i];
-    }
-  }
-  // These fix the order of their API's values, which is not the table's.
-  EXPECT_EQ(joined(rssiFieldNames, 3), "MAC_S,TIMESTAMP,SLT_IND");
-  EXPECT_EQ(joined(bandWidthFieldNames, 4), "MAC_S,SOURCE_S,TIMESTAMP,SLT_IND");
-  EXPECT_EQ(joined(bandWidthTimeStampSlot, 4), "MAC_S,TIMESTAMP,SLT_IND,SOURCE_S");
-  EXPECT_EQ(joined(bandWidthSlotUpdate, 3), "MAC_S,SLT_IND,SLOT");
 }
 
-TEST_F(SchemaTest, CreateStatementTextAndRepeatedCreation) {
+TEST_F(SchemaTest, CreateStatementTextRepeatedCreationAndRefusals) {
   ASSERT_EQ(db_createSubscriberInfoTable(), DB_STATUS_SUCCESS);
   EXPECT_TRUE(log().has(RYX_LOG_DEBUG,
                         "[analyticsDB] Query framed for Table creation CREATE TABLE IF NOT EXISTS  "
@@ -226,10 +154,8 @@ TEST_F(SchemaTest, CreateStatementTextAndRepeatedCreation) {
   raw().exec("INSERT INTO SUBSCRIBERINFO VALUES('SN1', 100)");
   EXPECT_EQ(db_createSubscriberInfoTable(), DB_STATUS_SUCCESS);
   EXPECT_EQ(raw().scalar("SELECT DOWNSTREAMBANDWIDTH FROM SUBSCRIBERINFO"), "100");
-  EXPECT_EQ(declared("SUBSCRIBERINFO"), "SERIALNUMBER_S TEXT key,DOWNSTREAMBANDWIDTH INTEGER");
 
   // Slot numbers follow the day and the slot count given; the foreign key closes the list.
-  log().clear();
   ASSERT_EQ(db_createRssiTab(2, 2), DB_STATUS_SUCCESS);
   EXPECT_TRUE(log().has(RYX_LOG_DEBUG,
                         "[analyticsDB] Query framed for Table creation CREATE TABLE IF NOT EXISTS  "
@@ -238,23 +164,16 @@ TEST_F(SchemaTest, CreateStatementTextAndRepeatedCreation) {
                         "FOREIGN KEY (MAC_S) REFERENCES PRIMITIVE_RSSI(MAC_S) "
                         "ON DELETE CASCADE)\n"))
       << log().dump();
-}
 
-TEST_F(SchemaTest, CreateTableRefusesBadArgumentsAndReportsFailures) {
   adbtest::Values names{"KEY_S", "VALUE"};
   adbtest::Values types{"TEXT", "INTEGER"};
   adbtest::Values constraints{"NOT NULL PRIMARY KEY COLLATE NOCASE", nullptr};
   adbtest::Values clauses{"", "FOREIGN KEY (KEY_S) REFERENCES OTHER(KEY_S)"};
-  const char *invalid = "[analyticsDB] Input parameters are invalid\n";
-
   EXPECT_EQ(db_createTable(nullptr, names.data(), types.data(), constraints.data(), 2, nullptr, 0),
-            DB_STATUS_FAILURE);
-  EXPECT_EQ(db_createTable("T", names.data(), nullptr, constraints.data(), 2, nullptr, 0),
             DB_STATUS_FAILURE);
   EXPECT_EQ(db_createTable("T", names.data(), types.data(), constraints.data(), -1, nullptr, 0),
             DB_STATUS_FAILURE);
-  EXPECT_EQ(log().count(RYX_LOG_ERROR, invalid), 3u);
-
+  EXPECT_EQ(log().count(RYX_LOG_ERROR, "[analyticsDB] Input parameters are invalid\n"), 2u);
   adbtest::Values blankType{"TEXT", ""};
   adbtest::Values missingName{"KEY_S", nullptr};
   EXPECT_EQ(db_createTable("T", names.data(), blankType.data(), constraints.data(), 2, nullptr, 0),
@@ -267,15 +186,14 @@ TEST_F(SchemaTest, CreateTableRefusesBadArgumentsAndReportsFailures) {
   EXPECT_FALSE(raw().tableExists("T"));
 
   // A foreign-key count of 0 leaves the clauses out; blank clauses are skipped.
-  EXPECT_EQ(db_createTable("T", names.data(), types.data(), constraints.data(), 2,
-                           clauses.data(), 0),
+  EXPECT_EQ(db_createTable("T", names.data(), types.data(), constraints.data(), 2, clauses.data(),
+                           0),
             DB_STATUS_SUCCESS);
   EXPECT_TRUE(foreignKeys("T").empty());
-  EXPECT_EQ(db_createTable("U", names.data(), types.data(), constraints.data(), 2,
-                           clauses.data(), 2),
+  EXPECT_EQ(db_createTable("U", names.data(), types.data(), constraints.data(), 2, clauses.data(),
+                           2),
             DB_STATUS_SUCCESS);
   EXPECT_EQ(foreignKeys("U"), std::vector<std::string>{"KEY_S->OTHER(KEY_S) NO ACTION"});
-
   adbtest::Values badConstraint{nullptr, "DEFAULT ("};
   EXPECT_EQ(db_createTable("V", names.data(), types.data(), badConstraint.data(), 2, nullptr, 0),
             DB_STATUS_FAILURE);
@@ -288,8 +206,6 @@ TEST_F(SchemaTest, OpenFailureIsReportedWithTheAlterationTextOnBothPaths) {
   ASSERT_EQ(db_setDatabasePath((tempDir_ + "/missing/analytics.db").c_str()), DB_STATUS_SUCCESS);
   const char *openFailed = "[analyticsDB] DB open failed for table alteration\n";
   EXPECT_EQ(db_createMeshTopoTable(), DB_STATUS_OPEN_FAILED);
-  ASSERT_EQ(log().count(RYX_LOG_ERROR, openFailed), 1u);
-
   alterSchema = 1;
   EXPECT_EQ(db_createCmaInfoTable(), DB_STATUS_OPEN_FAILED);
   std::vector<std::string> where;
@@ -314,14 +230,11 @@ TEST_F(SchemaTest, UpgradeAddsMissingColumnsInArrayOrderAndLeavesExistingOnesAlo
   }
   raw().exec("CREATE TABLE DEVICEINFO(" + older + ")");
   raw().exec("INSERT INTO DEVICEINFO(MAC_S) VALUES('aa:bb')");
-  const std::vector<std::string> before = raw().columns("DEVICEINFO");
+  std::vector<std::string> expected = raw().columns("DEVICEINFO");
+  expected.insert(expected.end(), {"PORTABLE", "IS_BRIDGED"});
 
   alterSchema = 1;
   EXPECT_EQ(db_createDeviceInfoTable(), DB_STATUS_SUCCESS);
-
-  std::vector<std::string> expected = before;
-  expected.push_back("PORTABLE");
-  expected.push_back("IS_BRIDGED");
   EXPECT_EQ(raw().columns("DEVICEINFO"), expected);
   EXPECT_EQ(raw().scalar("SELECT type FROM pragma_table_info('DEVICEINFO') WHERE name='TXRATE'"),
             "TEXT");
@@ -345,9 +258,9 @@ TEST_F(SchemaTest, UpgradeScopeAbsentTablesClearFlagAndClientsAsymmetry) {
 
   alterSchema = 1;
   EXPECT_EQ(db_createClientsTable(), DB_STATUS_SUCCESS);
-  EXPECT_EQ(joined(adbtest::Values(raw().columns("CLIENTS")).data(), 9),
+  const std::vector<std::string> clients = raw().columns("CLIENTS");
+  EXPECT_EQ(joined(adbtest::Values(clients).data(), clients.size()),
             joined(createClientsFields, 9));
-  EXPECT_EQ(raw().columns("CLIENTS").size(), 9u);
 
   // A table that does not exist yet gets no ALTER, only its CREATE.
   log().clear();
@@ -355,7 +268,6 @@ TEST_F(SchemaTest, UpgradeScopeAbsentTablesClearFlagAndClientsAsymmetry) {
   EXPECT_EQ(db_alterTable("NOSUCHTABLE", createCmaFields, createCmaTypes, nullptr, 2),
             DB_STATUS_SUCCESS);
   EXPECT_EQ(log().countContaining("ALTER TABLE"), 0u) << log().dump();
-  EXPECT_EQ(raw().columns("MESHTOPO").size(), 9u);
   EXPECT_FALSE(raw().tableExists("NOSUCHTABLE"));
 
   // Day tables: the upgrade covers the key; slot columns stay as they were made.
@@ -377,7 +289,6 @@ TEST_F(SchemaTest, BusyUpgradeTriesEveryColumnAndReportsBusy) {
       << log().dump();
   EXPECT_EQ(log().countContaining("table alteration failed Query ALTER TABLE CMAINFO ADD"), 2u);
   EXPECT_EQ(db_createCmaInfoTable(), DB_STATUS_SUCCESS);
-  EXPECT_EQ(raw().columns("CMAINFO").size(), 2u);
 
   // A pending writer elsewhere blocks the ALTER but not the CREATE of an existing table: the
   // successful CREATE must not hide the busy ALTER.
@@ -404,18 +315,15 @@ TEST_F(SchemaTest, AlterPiecesRefuseBadInputAndMatchNamesExactly) {
                                        "for adding attribute\n"),
             2u);
   EXPECT_EQ(db_addField("CMAINFO", "EXTRA_S", "TEXT", "DEFAULT 'x'"), DB_STATUS_SUCCESS);
-  EXPECT_EQ(raw().columns("CMAINFO").size(), 3u);
 
   char **cells = nullptr;
-  int32_t rows = 0;
-  int32_t columns = 0;
+  int32_t rows = 0, columns = 0;
   ASSERT_EQ(db_read("PRAGMA table_info('CMAINFO')", &cells, &rows, &columns), DB_STATUS_SUCCESS);
-  EXPECT_EQ(db_checkFieldSchemaExist("TIMESTAMP", cells, rows, columns), 1);
-  EXPECT_EQ(db_checkFieldSchemaExist("EXTRA_S", cells, rows, columns), 1);
-  EXPECT_EQ(db_checkFieldSchemaExist("timestamp", cells, rows, columns), 0);
-  // Values of the other columns (a type, a column number) are not names.
-  EXPECT_EQ(db_checkFieldSchemaExist("REAL", cells, rows, columns), 0);
-  EXPECT_EQ(db_checkFieldSchemaExist("1", cells, rows, columns), 0);
+  // Names match exactly; values of the other columns (a type, a column number) are not names.
+  for (const auto &[name, found] : {std::pair{"TIMESTAMP", 1}, {"EXTRA_S", 1}, {"timestamp", 0},
+                                    {"REAL", 0}, {"1", 0}}) {
+    EXPECT_EQ(db_checkFieldSchemaExist(name, cells, rows, columns), found) << name;
+  }
   db_freeResult(&cells);
 }
 
@@ -425,7 +333,6 @@ TEST_F(SchemaTest, DayAndIndexTablesRefuseZeroAndOutOfRangeCountsWithoutTouching
   EXPECT_EQ(db_createPrimitiveBandWidthTxTable(0), DB_STATUS_FAILURE);
   EXPECT_EQ(log().count(RYX_LOG_ERROR, "[analyticsDB] Table is not created .Slot count is zero\n"),
             3u);
-
   EXPECT_EQ(db_createTxBandWidth(0, 288), DB_STATUS_FAILURE);
   EXPECT_EQ(db_createRxBandWidth(2, 0), DB_STATUS_FAILURE);
   EXPECT_TRUE(log().has(RYX_LOG_ERROR,
@@ -439,7 +346,6 @@ TEST_F(SchemaTest, DayAndIndexTablesRefuseZeroAndOutOfRangeCountsWithoutTouching
   EXPECT_EQ(db_createTxBandWidth(1, -1), DB_STATUS_FAILURE);
   EXPECT_EQ(log().lines().size(), 2u) << log().dump();
   EXPECT_FALSE(std::filesystem::exists(dbPath()));
-
   EXPECT_EQ(db_createRssiTab(1, 299), DB_STATUS_SUCCESS);
   EXPECT_EQ(declared("RSSI1"), dayTableDeclaration(1, 299));
 }

@@ -1,10 +1,6 @@
-/*
- * test_db_queue.cpp - the deferred write queue: gate, FIFO, processing caps, dumps, threads.
- *
- * Requests are parked the way a write that met a busy database parks them (the gate with
- * status 3) and replayed through the capacity writer's replay (function id 4), which writes
- * "MAC_S" and "CAPACITY" of DEVICEINFO.
- */
+// The deferred write queue: gate, FIFO, processing caps, dumps, threads. Requests are parked the
+// way a write that met a busy database parks them (the gate with status 3) and replayed through
+// the capacity writer's replay (function id 4), which writes "MAC_S" and "CAPACITY" of DEVICEINFO.
 #include <pthread.h>
 
 #include <atomic>
@@ -47,23 +43,18 @@ class QueueTest : public adbtest::DbTest {
   size_t gotNodeLines() { return log().countContaining("[analyticsDB] Get Node ["); }
 };
 
-TEST_F(QueueTest, OnlyBusyOutcomesAreQueued) {
-  Values values{"aa:bb", "1"};
-  EXPECT_EQ(db_manageQueue(-1, kCapacityId, values.data(), 2, "DEVICEINFO"), 0);
+TEST_F(QueueTest, OnlyBusyWritesParkAPrivateCopyThatHoldsBackItsKey) {
+  Values values0{"aa:bb", "1"};
+  EXPECT_EQ(db_manageQueue(-1, kCapacityId, values0.data(), 2, "DEVICEINFO"), 0);
   EXPECT_TRUE(log().has(RYX_LOG_DEBUG, "[analyticsDB] Queue: Status -1 Func 4\n"));
   for (int32_t status : {0, 1, 2, 4, 5, 6}) {
-    EXPECT_EQ(db_manageQueue(status, kCapacityId, values.data(), 2, "DEVICEINFO"), 0);
+    EXPECT_EQ(db_manageQueue(status, kCapacityId, values0.data(), 2, "DEVICEINFO"), 0);
   }
   EXPECT_EQ(adbtest::queueHead(), nullptr);
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
   db_deleteQueueEntry();
   EXPECT_TRUE(log().has(RYX_LOG_DEBUG, "[analyticsDB] DeleteQueueEntry - Queue is empty\n"));
 
-  EXPECT_EQ(db_manageQueue(DB_STATUS_BUSY, kCapacityId, values.data(), 2, "DEVICEINFO"), 0);
-  EXPECT_EQ(queueCount, 1);
-}
-
-TEST_F(QueueTest, BusyWriteParksPrivateCopyAndHoldsBackItsKey) {
   char mac[] = "aa:bb:cc:00:00:01";
   char capacity[] = "7";
   char *values[] = {mac, capacity};
@@ -73,9 +64,6 @@ TEST_F(QueueTest, BusyWriteParksPrivateCopyAndHoldsBackItsKey) {
   }
   WriteRequestNode *head = adbtest::queueHead();
   ASSERT_NE(head, nullptr);
-  EXPECT_EQ(head->functionId, kCapacityId);
-  EXPECT_EQ(head->fieldCount, 2);
-  EXPECT_STREQ(head->tableName, "DEVICEINFO");
   EXPECT_EQ(lastNode, head);
   EXPECT_TRUE(
       log().has(RYX_LOG_ERROR, "[analyticsDB] - Add Queue,1stNode func[4] Table[DEVICEINFO]\n"));
@@ -103,10 +91,8 @@ TEST_F(QueueTest, BusyWriteParksPrivateCopyAndHoldsBackItsKey) {
   // Replayed oldest first, each node removed after its success.
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
   EXPECT_EQ(capacityOf("aa:bb:cc:00:00:01"), Cell("8"));
-  EXPECT_EQ(adbtest::queueHead(), nullptr);
   EXPECT_EQ(lastNode, nullptr);
   EXPECT_EQ(queueCount, 0);
-  EXPECT_EQ(queueProcessCount, 0);
   EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] Get Node [0] func[4] Table[DEVICEINFO]\n"));
   EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] Get Node [1] func[4] Table[DEVICEINFO]\n"));
   EXPECT_TRUE(
@@ -124,11 +110,8 @@ TEST_F(QueueTest, BusyReplayKeepsItsNodeUntilTheStallIsCleared) {
     EXPECT_TRUE(log().has(RYX_LOG_ERROR,
                           "[analyticsDB] Get Node, Processed Max[320],Queue is Not Empty\n"));
     EXPECT_EQ(adbtest::queueHead(), first);
-    EXPECT_EQ(queueProcessCount, 320);
-
     EXPECT_EQ(db_processQueueEntry(), DB_STATUS_BUSY);
     EXPECT_EQ(gotNodeLines(), 500u);
-    EXPECT_EQ(queueProcessCount, 500);
     EXPECT_TRUE(
         log().has(RYX_LOG_ERROR,
                   "[analyticsDB] Same node is getting processed for max number of time [500]\n"));
@@ -155,8 +138,6 @@ TEST_F(QueueTest, BusyReplayKeepsItsNodeUntilTheStallIsCleared) {
     EXPECT_EQ(db_processQueueEntry(), DB_STATUS_BUSY);
   }
   EXPECT_EQ(db_freeQueue(), 0);
-  EXPECT_EQ(adbtest::queueHead(), nullptr);
-  EXPECT_EQ(queueProcessCount, 0);
   park("dd", "4");
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
   EXPECT_EQ(capacityOf("dd"), Cell("4"));
@@ -178,10 +159,7 @@ TEST_F(QueueTest, FailedAndUnknownRequestsAreRemovedAndProcessingGoesOn) {
   EXPECT_EQ(
       log().count(RYX_LOG_ERROR, "[analyticsDB] Get Node, Function is not supported in Queue\n"),
       2u);
-  EXPECT_EQ(capacityOf("aa"), Cell("1"));
-  EXPECT_EQ(capacityOf("bb"), Cell("3"));
-  EXPECT_EQ(capacityOf("cc"), std::nullopt);
-  EXPECT_EQ(capacityOf("ee"), Cell("6"));
+  EXPECT_EQ(raw().scalar("SELECT group_concat(MAC_S || CAPACITY) FROM DEVICEINFO"), "aa1,bb3,ee6");
   EXPECT_EQ(adbtest::queueHead(), nullptr);
 }
 
@@ -192,7 +170,6 @@ TEST_F(QueueTest, LimitsOfEntriesAndOfAttemptsPerCall) {
   park("late", "1");
   EXPECT_TRUE(log().has(RYX_LOG_ERROR,
                         "Queue has MAX number of entries. Queue count [320] MAX value [320]\n"));
-  EXPECT_EQ(adbtest::queueLength(), 320);
   // Before writing, a full queue lets the request past it, even behind a waiting key.
   Values waiting{"k0", "9"};
   EXPECT_EQ(db_manageQueue(-1, kCapacityId, waiting.data(), 2, "DEVICEINFO"), 0);
@@ -208,29 +185,27 @@ TEST_F(QueueTest, LimitsOfEntriesAndOfAttemptsPerCall) {
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_EMPTY);
   EXPECT_TRUE(
       log().has(RYX_LOG_ERROR, "[analyticsDB] Get Node, Processed Max[320],Queue is Not Empty\n"));
-  EXPECT_EQ(adbtest::queueLength(), 1);
   EXPECT_EQ(raw().scalar("SELECT count(*) FROM DEVICEINFO"), Cell("320"));
   // Counted after the removal's reset: the next head starts one attempt ahead.
   EXPECT_EQ(queueProcessCount, 1);
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
   EXPECT_EQ(capacityOf("extra"), Cell("1"));
-  EXPECT_EQ(queueProcessCount, 0);
 }
 
 TEST_F(QueueTest, RelatedEntriesShareFamilyAndKeyPrefix) {
   park("aa:bb:cc", "1");
-  Values none{nullptr, "1"};
-  Values empty{"", "1"};
-  EXPECT_EQ(db_checkTableEntry("DEVICEINFO", Values{"aa:bb:cc"}.data(), 1), 1);
-  EXPECT_EQ(db_checkTableEntry("DEVICEINFO", Values{"aa:bb"}.data(), 1), 1);
-  EXPECT_EQ(db_checkTableEntry("DEVICEINFO", Values{"aa:bb:cc:dd"}.data(), 1), 0);
-  EXPECT_EQ(db_checkTableEntry("DEVICEINFO", Values{"cc:dd"}.data(), 1), 0);
-  EXPECT_EQ(db_checkTableEntry("DEVICEINFO", nullptr, 0), 1);  // a whole-table request
-  EXPECT_EQ(db_checkTableEntry("DEVICEINFO", none.data(), 2), 1);
-  EXPECT_EQ(db_checkTableEntry("DEVICEINFO", empty.data(), 2), 1);
-  EXPECT_EQ(db_checkTableEntry("DEVICEINFOX", Values{"aa:bb:cc"}.data(), 1), 1);
-  EXPECT_EQ(db_checkTableEntry("MESHTOPO", Values{"aa:bb:cc"}.data(), 1), 0);
-  EXPECT_EQ(db_checkTableEntry(nullptr, Values{"aa:bb:cc"}.data(), 1), 0);
+  // Key prefixes either way relate, as do whole-table requests (no, a NULL or an empty key).
+  struct {
+    const char *table;
+    Values key;
+    int32_t related;
+  } cases[] = {{"DEVICEINFO", {"aa:bb:cc"}, 1},    {"DEVICEINFO", {"aa:bb"}, 1},
+               {"DEVICEINFO", {"aa:bb:cc:dd"}, 0}, {"DEVICEINFO", {"cc:dd"}, 0},
+               {"DEVICEINFO", {nullptr}, 1},       {"DEVICEINFO", {""}, 1},
+               {"DEVICEINFOX", {"aa:bb:cc"}, 1},   {"MESHTOPO", {"aa:bb:cc"}, 0},
+               {nullptr, {"aa:bb:cc"}, 0}};
+  for (auto &c : cases) EXPECT_EQ(db_checkTableEntry(c.table, c.key.data(), 1), c.related);
+  EXPECT_EQ(db_checkTableEntry("DEVICEINFO", nullptr, 0), 1);
   EXPECT_TRUE(
       log().has(RYX_LOG_ERROR, "[analyticsDB]  Table Name to be checked in queue is empty\n"));
 
@@ -301,7 +276,6 @@ TEST_F(QueueTest, DumpRepeatsEarlierValuesOnEveryLine) {
   printQueueNode(nullptr);
   ASSERT_EQ(log().lines().size(), 3u);
   EXPECT_TRUE(log().has(RYX_LOG_DEBUG, "\nFunction [9], Table [MESHTOPO], FieldCount [2], "));
-  EXPECT_TRUE(log().has(RYX_LOG_DEBUG, "Field[0]: [m1], "));
   EXPECT_TRUE(log().has(RYX_LOG_DEBUG, "Field[1]: [NULL], "));
 
   // An empty field-values column reads NULL; a full one stops at 2047 characters.
@@ -329,7 +303,6 @@ TEST_F(QueueTest, FindMatchComparesIdCountAndValuePrefixes) {
   EXPECT_EQ(db_findMatch(capacity, 4, Values{"aa:bb", "8"}.data(), 2), 0);
   EXPECT_EQ(db_findMatch(capacity, 4, Values{nullptr, "7"}.data(), 2), 0);
   EXPECT_EQ(db_findMatch(capacity, 5, Values{"aa:bb", "7"}.data(), 2), 0);
-  EXPECT_EQ(db_findMatch(capacity, 4, Values{"aa:bb", "7", "x"}.data(), 3), 0);
   EXPECT_EQ(db_findMatch(capacity->next, 9, Values{"m1", nullptr}.data(), 2), 1);
   EXPECT_EQ(db_findMatch(capacity->next, 9, nullptr, 2), 0);
   EXPECT_EQ(db_findMatch(nullptr, 4, nullptr, 0), 0);

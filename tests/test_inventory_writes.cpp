@@ -1,6 +1,4 @@
-/*
- * test_inventory_writes.cpp - the sixteen inventory writers, through the write queue's gate.
- */
+// The sixteen inventory writers, through the write queue's gate.
 #include <string>
 #include <vector>
 
@@ -12,106 +10,8 @@ using adbtest::Cell;
 using adbtest::Rows;
 using adbtest::Values;
 
-const char *const kDeviceInfo[] = {"MAC_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE",
-                                   "APID_S TEXT",
-                                   "IPADDR_S TEXT",
-                                   "CATEGORY_S TEXT",
-                                   "HOST_S TEXT",
-                                   "MODEL_S TEXT",
-                                   "MANUFACTURER_S TEXT",
-                                   "SERIALNUMBER_S TEXT",
-                                   "INTERFACE_S TEXT",
-                                   "ACTIVE INTEGER",
-                                   "BAND_S TEXT",
-                                   "INTF_NAME_S TEXT",
-                                   "INTF_INDEX INTEGER",
-                                   "RSSI INTEGER",
-                                   "TXRATE REAL",
-                                   "RXRATE REAL",
-                                   "TXCNT INTEGER",
-                                   "RXCNT INTEGER",
-                                   "CAPACITY INTEGER",
-                                   "DEVBWREQD REAL",
-                                   "DEVSTREAMCAPABILITY_S TEXT",
-                                   "NAME_S TEXT",
-                                   "FRIENDLYNAME_S TEXT",
-                                   "PORTABLE INTEGER DEFAULT 1",
-                                   "DEVCRITICAL INTEGER",
-                                   "DEVTIMESTAMP REAL",
-                                   "ADDED_TS REAL",
-                                   "LASTONLINE_TS REAL",
-                                   "LASTOFFLINE_TS REAL",
-                                   "BEACONSTATE INTEGER DEFAULT 0",
-                                   "PREFERRED_BAND_S TEXT DEFAULT 'NA'",
-                                   "DEV_FP_DONE INTEGER",
-                                   "OUI_S TEXT",
-                                   "PRODUCTCLASS_S TEXT",
-                                   "LASTREBOOTTXCNT INTEGER",
-                                   "LASTREBOOTRXCNT INTEGER",
-                                   "BANDSTEERING_STATE INTEGER DEFAULT 0",
-                                   "IS_BRIDGED INTEGER DEFAULT 0"};
-const char *const kMeshTopo[] = {"MAC_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE",
-                                 "ID_S TEXT",
-                                 "PARENTID_S TEXT",
-                                 "IPADDR_S TEXT",
-                                 "ROLE_S TEXT",
-                                 "OPERMODE_S TEXT",
-                                 "BACKHAULINTFTYPE_S TEXT",
-                                 "STATUS_S TEXT",
-                                 "HEALTHSTATUS_S TEXT"};
-const char *const kClients[] = {"MAC_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE",
-                                "ASSOC_BSSID_S TEXT",
-                                "ASSOC_MEDIUM_S TEXT",
-                                "CAP_BSS_TRANS INTEGER",
-                                "CAP_FAST_BSS_TRANS INTEGER",
-                                "CAP_RADIO_MEASURE INTEGER",
-                                "CAP_24GHZ INTEGER",
-                                "CAP_5GHZ INTEGER",
-                                "CATEGORY_S TEXT",
-                                "TYPE_S TEXT",
-                                "MIMO_S TEXT",
-                                "VENDOR_MFG_S TEXT",
-                                "VENDOR_MNAME_S TEXT",
-                                "VENDOR_MNUMBER_S TEXT",
-                                "VENDOR_DNAME_S TEXT",
-                                "CAP_MODE_S TEXT",
-                                "CAP_24CSA INTEGER",
-                                "CAP_24ECSA INTEGER",
-                                "CAP_5CSA INTEGER",
-                                "CAP_5ECSA INTEGER",
-                                "CAP_DFS INTEGER",
-                                "ISTAVEXFPDONE INTEGER",
-                                "CAP_24GHZN INTEGER",
-                                "CAP_5GHZAC INTEGER"};
-const char *const kSubscriberInfo[] = {"SERIALNUMBER_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE",
-                                       "DOWNSTREAMBANDWIDTH INTEGER"};
-const char *const kCmaInfo[] = {"TABLENAME_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE",
-                                "TIMESTAMP REAL"};
-const char *const kDeviceThreshold[] = {"DEVICECLASS_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE",
-                                        "DEVFILTERLEVEL INTEGER",
-                                        "STREAMINGTHRESHOLD INTEGER",
-                                        "INACTIVITYFILTER INTEGER",
-                                        "RSSIGOODSTART INTEGER",
-                                        "RSSIGOODEND INTEGER",
-                                        "RSSIAVGSTART INTEGER",
-                                        "RSSIAVGEND INTEGER",
-                                        "RSSIBADSTART INTEGER",
-                                        "RSSIBADEND INTEGER",
-                                        "LONGPOLLTHRESHOLD INTEGER",
-                                        "SHORTPOLLTHRESHOLD INTEGER",
-                                        "VERSION REAL",
-                                        "WAN_FILTER_LEVEL INTEGER",
-                                        "INACTIVITY_FILTER_LEVEL INTEGER"};
-
 const char *const kTables[] = {"DEVICEINFO",     "MESHTOPO", "CLIENTS",
                                "SUBSCRIBERINFO", "CMAINFO",  "DEVICETHRESHOLD"};
-
-template <size_t N>
-std::string createStatement(const char *table, const char *const (&columns)[N]) {
-  std::string sql = std::string("CREATE TABLE ") + table + " (";
-  for (size_t i = 0; i < N; ++i) sql += (i > 0 ? ", " : "") + std::string(columns[i]);
-  return sql + ")";
-}
 
 bool isTextColumn(const std::string &column) {
   return column.size() > 2 && column.compare(column.size() - 2, 2, "_S") == 0;
@@ -139,12 +39,7 @@ class InventoryWriteTest : public adbtest::DbTest {
  protected:
   void SetUp() override {
     DbTest::SetUp();
-    raw().exec(createStatement("DEVICEINFO", kDeviceInfo));
-    raw().exec(createStatement("MESHTOPO", kMeshTopo));
-    raw().exec(createStatement("CLIENTS", kClients));
-    raw().exec(createStatement("SUBSCRIBERINFO", kSubscriberInfo));
-    raw().exec(createStatement("CMAINFO", kCmaInfo));
-    raw().exec(createStatement("DEVICETHRESHOLD", kDeviceThreshold));
+    createInventoryTables();
   }
 
   // Number of rows of `table` whose columns hold exactly these values (the key without case).
@@ -177,69 +72,41 @@ struct WriterCase {
   std::vector<std::string> columns;  // empty: every column of the table, in order
 };
 
+// clang-format off
 const std::vector<WriterCase> &writerCases() {
   static const std::vector<WriterCase> cases = {
       {"db_updateDeviceInfoTable", db_updateDeviceInfoTable, 1, "DEVICEINFO", {}},
-      {"db_updateDeviceInfoPrimitiveFields",
-       db_updateDeviceInfoPrimitiveFields,
-       2,
-       "DEVICEINFO",
+      {"db_updateDeviceInfoPrimitiveFields", db_updateDeviceInfoPrimitiveFields, 2, "DEVICEINFO",
        {"MAC_S", "IPADDR_S", "HOST_S", "MODEL_S", "MANUFACTURER_S", "SERIALNUMBER_S", "INTERFACE_S",
         "ACTIVE", "CATEGORY_S", "DEVBWREQD", "DEVSTREAMCAPABILITY_S", "NAME_S", "FRIENDLYNAME_S",
         "PORTABLE", "DEVCRITICAL", "DEVTIMESTAMP", "ADDED_TS", "LASTONLINE_TS", "LASTOFFLINE_TS"}},
-      {"db_updateDeviceInfoLanFields",
-       db_updateDeviceInfoLanFields,
-       3,
-       "DEVICEINFO",
+      {"db_updateDeviceInfoLanFields", db_updateDeviceInfoLanFields, 3, "DEVICEINFO",
        {"MAC_S", "APID_S", "INTF_NAME_S", "TXRATE", "RXRATE", "TXCNT", "RXCNT"}},
-      {"db_updateDeviceInfoCapacity",
-       db_updateDeviceInfoCapacity,
-       4,
-       "DEVICEINFO",
+      {"db_updateDeviceInfoCapacity", db_updateDeviceInfoCapacity, 4, "DEVICEINFO",
        {"MAC_S", "CAPACITY"}},
-      {"db_updateDeviceInfoRssiFields",
-       db_updateDeviceInfoRssiFields,
-       5,
-       "DEVICEINFO",
+      {"db_updateDeviceInfoRssiFields", db_updateDeviceInfoRssiFields, 5, "DEVICEINFO",
        {"MAC_S", "TXCNT", "RXCNT", "RSSI", "APID_S"}},
-      {"db_updateDeviceInfoBeaconFields",
-       db_updateDeviceInfoBeaconFields,
-       6,
-       "DEVICEINFO",
+      {"db_updateDeviceInfoBeaconFields", db_updateDeviceInfoBeaconFields, 6, "DEVICEINFO",
        {"MAC_S", "BEACONSTATE", "MODEL_S", "SERIALNUMBER_S", "MANUFACTURER_S", "FRIENDLYNAME_S"}},
-      {"db_updateDeviceInfoOpsFields",
-       db_updateDeviceInfoOpsFields,
-       7,
-       "DEVICEINFO",
+      {"db_updateDeviceInfoOpsFields", db_updateDeviceInfoOpsFields, 7, "DEVICEINFO",
        {"MAC_S", "APID_S", "INTF_INDEX", "BAND_S"}},
-      {"db_updateDeviceInfoPreferredBandFields",
-       db_updateDeviceInfoPreferredBandFields,
-       8,
-       "DEVICEINFO",
-       {"MAC_S", "PREFERRED_BAND_S"}},
+      {"db_updateDeviceInfoPreferredBandFields", db_updateDeviceInfoPreferredBandFields, 8,
+       "DEVICEINFO", {"MAC_S", "PREFERRED_BAND_S"}},
       {"db_updateMeshTopoTable", db_updateMeshTopoTable, 9, "MESHTOPO", {}},
       {"db_updateSubscriberInfoTable", db_updateSubscriberInfoTable, 19, "SUBSCRIBERINFO", {}},
       {"db_updateDeviceThresholdTable", db_updateDeviceThresholdTable, 20, "DEVICETHRESHOLD", {}},
       {"db_updateCmaInfoTable", db_updateCmaInfoTable, 21, "CMAINFO", {}},
       {"db_updateClientsTable", db_updateClientsTable, 22, "CLIENTS", {}},
-      {"db_updateDeviceInfoBeaconFName",
-       db_updateDeviceInfoBeaconFName,
-       23,
-       "DEVICEINFO",
+      {"db_updateDeviceInfoBeaconFName", db_updateDeviceInfoBeaconFName, 23, "DEVICEINFO",
        {"MAC_S", "FRIENDLYNAME_S"}},
-      {"db_updateDeviceInfoBandSteeringFields",
-       db_updateDeviceInfoBandSteeringFields,
-       24,
-       "DEVICEINFO",
-       {"MAC_S", "BANDSTEERING_STATE"}},
-      {"db_updateDeviceInfoIsBridgedFields",
-       db_updateDeviceInfoIsBridgedFields,
-       25,
-       "DEVICEINFO",
+      {"db_updateDeviceInfoBandSteeringFields", db_updateDeviceInfoBandSteeringFields, 24,
+       "DEVICEINFO", {"MAC_S", "BANDSTEERING_STATE"}},
+      {"db_updateDeviceInfoIsBridgedFields", db_updateDeviceInfoIsBridgedFields, 25, "DEVICEINFO",
        {"MAC_S", "IS_BRIDGED"}},
   };
   return cases;
 }
+// clang-format on
 
 TEST_F(InventoryWriteTest, EachWriterWritesItsColumnsAndQueuesUnderItsFunctionId) {
   for (const WriterCase &writer : writerCases()) {

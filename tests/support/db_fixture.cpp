@@ -1,6 +1,4 @@
-/*
- * db_fixture.cpp - shared test fixtures (see db_fixture.h).
- */
+// db_fixture.cpp - shared test fixtures (see db_fixture.h).
 #include "support/db_fixture.h"
 
 #include <sqlite3.h>
@@ -163,6 +161,25 @@ void DbTest::TearDown() {
   log_.reset();
   std::error_code ignored;
   std::filesystem::remove_all(tempDir_, ignored);
+}
+
+void DbTest::createInventoryTables() {
+  for (auto create : {db_createDeviceInfoTable, db_createMeshTopoTable, db_createClientsTable,
+                      db_createSubscriberInfoTable, db_createCmaInfoTable,
+                      db_createDeviceThresholdTable}) {
+    ASSERT_EQ(create(), DB_STATUS_SUCCESS);
+  }
+}
+
+void DbTest::createSeriesTables() {
+  ASSERT_EQ(db_createPrimitiveRssiTable(288), DB_STATUS_SUCCESS);
+  ASSERT_EQ(db_createPrimitiveBandWidthRxTable(288), DB_STATUS_SUCCESS);
+  ASSERT_EQ(db_createPrimitiveBandWidthTxTable(288), DB_STATUS_SUCCESS);
+  for (uint32_t day = 1; day <= 7; ++day) {
+    for (auto create : {db_createRssiTab, db_createRxBandWidth, db_createTxBandWidth}) {
+      ASSERT_EQ(create(day, 288), DB_STATUS_SUCCESS);
+    }
+  }
 }
 
 RawDb &DbTest::raw() {

@@ -1,15 +1,13 @@
-/*
- * db_fixture.h - what every test of the library needs.
- *
- *  - DbTest: a fresh database file per test in its own temporary folder, set through
- *    db_setDatabasePath, with the library's log captured at debug level.
- *  - LogCapture: the lines the library logs, with their levels, through the log hook.
- *  - BusyHolder: a second SQLite connection that holds BEGIN EXCLUSIVE, so that the library's
- *    statements meet a busy database the way they do when another process holds the file.
- *  - RawDb: reads and writes the file directly, past the library.
- *  - The deferred write queue is initialised for every test and emptied after it; queueHead()
- *    and queueLength() look at it.
- */
+// db_fixture.h - what every test of the library needs.
+//
+//  - DbTest: a fresh database file per test in its own temporary folder, set through
+//    db_setDatabasePath, with the library's log captured at debug level.
+//  - LogCapture: the lines the library logs, with their levels, through the log hook.
+//  - BusyHolder: a second SQLite connection that holds BEGIN EXCLUSIVE, so that the library's
+//    statements meet a busy database the way they do when another process holds the file.
+//  - RawDb: reads and writes the file directly, past the library.
+//  - The deferred write queue is initialised for every test and emptied after it; queueHead()
+//    and queueLength() look at it.
 #ifndef ANALYTICSDB_TEST_DB_FIXTURE_H
 #define ANALYTICSDB_TEST_DB_FIXTURE_H
 
@@ -108,6 +106,10 @@ class DbTest : public ::testing::Test {
   const std::string &dbPath() const { return dbPath_; }
   RawDb &raw();
   LogCapture &log() { return *log_; }
+  // The six inventory tables, made by the library's own creators.
+  static void createInventoryTables();
+  // The three index tables and their 21 day tables of 288 slots.
+  static void createSeriesTables();
 
   std::string tempDir_;
   std::string dbPath_;
