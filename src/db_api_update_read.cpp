@@ -71,8 +71,10 @@ constexpr InventoryWriter kInventoryWriters[] = {
     inventoryRow(25, "DEVICEINFO", "MAC_S", devInfoIsBridgedFields, 2, "DEVICEINFO"),
 };
 
-// The writer of a function id; past the end when there is none.
-consteval size_t inventoryWriterRow(int32_t functionId) {
+// The writer of a function id; past the end when there is none. constexpr rather than consteval:
+// clang 14 refuses a consteval call on a template argument here; the constexpr variable that
+// receives the row still makes it a compile-time lookup.
+constexpr size_t inventoryWriterRow(int32_t functionId) {
   size_t row = 0;
   while (row < std::size(kInventoryWriters) && kInventoryWriters[row].functionId != functionId) {
     ++row;

@@ -450,13 +450,18 @@ ADB_API int32_t db_dropTableExec(const char *tableName) {
 
 /* ---------------------------------------------------------------- SELECT pieces ---- */
 
+}  // extern "C"
+
 namespace {
 
+// Outside the C block: a helper returning a C++ type must not carry C language linkage.
 adb::TextBuilder queryEnd(char *query, int32_t size) {
   return adb::TextBuilder::continuing(query, size > 0 ? static_cast<size_t>(size) : 0);
 }
 
 }  // namespace
+
+extern "C" {
 
 ADB_API int32_t db_selectQuery(char *query, int32_t size) {
   if (query == nullptr) return DB_STATUS_FAILURE;

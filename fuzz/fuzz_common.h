@@ -1,0 +1,63 @@
+/*
+ * fuzz_common.h - what the fuzz targets share: a private database folder and a model of how
+ * the writer quotes a text value.
+ */
+#ifndef ANALYTICSDB_FUZZ_COMMON_H
+#define ANALYTICSDB_FUZZ_COMMON_H
+
+#include <stdlib.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace fuzz {
+
+// Stops the run with a message: libFuzzer saves the input that got here.
+[[noreturn]] inline void fail(const char *what, const std::string &detail = {}) {
+  std::fprintf(stderr, "PROPERTY VIOLATED: %s\n%s\n", what, detail.c_str());
+  std::abort();
+}
+
+#define FUZZ_CHECK(condition, detail) \
+  do {                                \
+    if (!(condition)) ::fuzz::fail(#condition, detail); \
+  } while (0)
+
+// A fresh folder under TMPDIR (or /tmp) for this process's database.
+inline std::string temporaryFolder() {
+  const char *base = std::getenv("TMPDIR");
+  std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/adbfuzz.XXXXXX";
+  if (mkdtemp(pattern.data()) == nullptr) fail("mkdtemp");
+  return pattern;
+}
+
+// The body of the literal that the writer composes for a value with a quote: the value cut to
+// 1022 characters, its quotes doubled, cut to 1023 characters without splitting a pair. A value
+// without a quote is written as it stands.
+inline std::string escapedBody(const std::string &value) {
+  std::string out;
+  for (char c : value.substr(0, 1022)) {
+    std::string unit = c == '\'' ? "''" : std::string(1, c);
+    if (out.size() + unit.size() > 1023) break;
+    out += unit;
+  }
+  return out;
+}
+
+inline std::string literalBody(const std::string &value) {
+  return value.find('\'') == std::string::npos ? value : escapedBody(value);
+}
+
+inline std::string unescaped(const std::string &body) {
+  std::string out;
+  for (size_t i = 0; i < body.size(); ++i) {
+    out += body[i];
+    if (body[i] == '\'') ++i;
+  }
+  return out;
+}
+
+}  // namespace fuzz
+
+#endif

@@ -1,0 +1,149 @@
+/*
+ * fuzz_write_composition.cpp - quote escaping and INSERT/UPDATE composition, through the
+ * library against a real database file.
+ *
+ * Input: two values separated by a 0x01 byte (each ends at its first NUL). The first is
+ * escaped on its own, then both are written to the same row (an INSERT, then an UPDATE).
+ * Properties: the escaper never writes past its 1024 bytes and gives the modelled text; every
+ * statement that runs holds exactly the intended string literals (none left open, no statement
+ * separator outside them); a write succeeds exactly when its value list fits, and the file then
+ * holds the value cut to its bound.
+ */
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "analyticsdb.h"
+#include "fuzz_common.h"
+
+namespace {
+
+std::vector<std::string> gStatements;
+
+// Keeps the statements that the access core logs before running them. Only that line counts:
+// other lines may quote a value that itself looks like one.
+void captureWrites(int, const char *line, void *) {
+  constexpr const char kSource[] = "analyticsDB: [db_operation db_execStatement:";
+  constexpr const char kMessage[] = "] [analyticsDB] WRITE QUERY: ";
+  if (std::strncmp(line, kSource, sizeof kSource - 1) != 0) return;
+  const char *end = std::strchr(line + sizeof kSource - 1, ']');
+  if (end == nullptr || std::strncmp(end, kMessage, sizeof kMessage - 1) != 0) return;
+  gStatements.emplace_back(end + sizeof kMessage - 1);
+}
+
+// Number of string literals in `sql`; -1 when one is left open or a ';' stands outside them.
+int literalCount(const std::string &sql) {
+  int count = 0;
+  bool inside = false;
+  for (size_t i = 0; i < sql.size(); ++i) {
+    if (!inside) {
+      if (sql[i] == ';') return -1;
+      if (sql[i] == '\'') {
+        inside = true;
+        ++count;
+      }
+    } else if (sql[i] == '\'') {
+      if (i + 1 < sql.size() && sql[i + 1] == '\'') {
+        ++i;
+      } else {
+        inside = false;
+      }
+    }
+  }
+  return inside ? -1 : count;
+}
+
+const std::string *statementStarting(const char *verb) {
+  for (const std::string &sql : gStatements) {
+    if (sql.rfind(verb, 0) == 0) return &sql;
+  }
+  return nullptr;
+}
+
+// The stored name of the row, or "<none>".
+std::string storedName() {
+  char **cells = nullptr;
+  int32_t rows = 0, columns = 0;
+  if (db_read("SELECT FRIENDLYNAME_S FROM DEVICEINFO WHERE MAC_S = 'fz'", &cells, &rows,
+              &columns) != DB_STATUS_SUCCESS) {
+    fuzz::fail("read back");
+  }
+  std::string value = rows == 1 && cells[1] != nullptr ? cells[1] : "<none>";
+  db_freeResult(&cells);
+  return value;
+}
+
+void initialise() {
+  static bool done = false;
+  if (done) return;
+  done = true;
+  static const std::string folder = fuzz::temporaryFolder();
+  std::atexit([] {
+    db_closeDbConnection();
+    std::error_code ignored;
+    std::filesystem::remove_all(folder, ignored);
+  });
+  std::string path = folder + "/analytics.db";
+  db_setDatabasePath(path.c_str());
+  db_initQueue();
+  db_writeQuery("PRAGMA synchronous = OFF");
+  db_writeQuery("PRAGMA journal_mode = MEMORY");
+  if (db_createDeviceInfoTable() != DB_STATUS_SUCCESS) fuzz::fail("create DEVICEINFO");
+  ryxLogSetHandler(captureWrites, nullptr);
+  ryxLogSetLevel(RYX_LOG_DEBUG);
+}
+
+// The value list of {'fz', 'value'} must fit in 2999 characters.
+bool fits(const std::string &value) { return 4 + 1 + 2 + fuzz::literalBody(value).size() <= 2999; }
+
+void checkEscaper(const std::string &value) {
+  constexpr size_t kOutput = 1024, kGuard = 32;
+  char output[kOutput + kGuard];
+  std::memset(output, 0, kOutput);
+  std::memset(output + kOutput, 0xA5, kGuard);
+  db_frameSplString(value.c_str(), output);
+  for (size_t i = kOutput; i < kOutput + kGuard; ++i) {
+    FUZZ_CHECK(static_cast<unsigned char>(output[i]) == 0xA5, "escaper wrote past its buffer");
+  }
+  FUZZ_CHECK(output == fuzz::escapedBody(value), value);
+}
+
+void writeAndCheck(const std::string &value, bool update) {
+  gStatements.clear();
+  char mac[] = "fz";
+  char *values[] = {mac, const_cast<char *>(value.c_str())};
+  int32_t status = db_updateDeviceInfoBeaconFName(values);
+  if (!fits(value)) {
+    FUZZ_CHECK(status == DB_STATUS_FAILURE, "an over-long value list was not refused");
+    return;
+  }
+  FUZZ_CHECK(status == DB_STATUS_SUCCESS, value);
+  const std::string *insert = statementStarting("INSERT");
+  FUZZ_CHECK(insert != nullptr && literalCount(*insert) == 2, insert ? *insert : "no INSERT");
+  if (update) {
+    const std::string *sql = statementStarting("UPDATE");
+    FUZZ_CHECK(sql != nullptr && literalCount(*sql) == 2, sql ? *sql : "no UPDATE");
+  }
+  FUZZ_CHECK(storedName() == fuzz::unescaped(fuzz::literalBody(value)), value);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  initialise();
+  std::string input(reinterpret_cast<const char *>(data), size);
+  size_t split = input.find('\x01');
+  std::string first = input.substr(0, split);
+  std::string second = split == std::string::npos ? first + "'" : input.substr(split + 1);
+  first = first.c_str();  // values end at their first NUL, as C strings do
+  second = second.c_str();
+
+  checkEscaper(first);
+  if (db_writeQuery("DELETE FROM DEVICEINFO") != DB_STATUS_SUCCESS) fuzz::fail("clear");
+  writeAndCheck(first, false);
+  if (fits(first)) writeAndCheck(second, true);
+  return 0;
+}
