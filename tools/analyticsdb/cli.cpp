@@ -1,0 +1,184 @@
+// cli.cpp - arguments (CLI11), dispatch to the commands, and the mapping of failures to exit
+// statuses and one-line messages.
+#include "cli.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "commands.h"
+#include "session.h"
+
+#ifndef ANALYTICSDB_TOOL_DEFAULT_DB
+#define ANALYTICSDB_TOOL_DEFAULT_DB "/flash/morv/edge_analytics/analytics.db"
+#endif
+#ifndef ANALYTICSDB_TOOL_VERSION
+#define ANALYTICSDB_TOOL_VERSION "0"
+#endif
+
+namespace adbtool {
+
+namespace {
+
+constexpr const char *kDemoDatabase = "analyticsdb-demo.db";
+
+struct Arguments {
+  std::string db;
+  int verbosity = 0;
+  bool json = false;
+  SeriesOptions series;
+  bool rssi = false, rx = false, tx = false, csv = false, seriesJson = false;
+  std::string seriesSpan = "24h";
+  int width = 0;
+  PlotOptions plot;
+  std::string plotSpan = "24h";
+  SimulateOptions simulate;
+};
+
+const CLI::Validator kSpanValidator(
+    [](std::string &text) {
+      SpanOption span;
+      return parseSpan(text, span)
+                 ? std::string()
+                 : "'" + text + "' is not a span from 5m to 7d (like 1h, 24h or 7d)";
+    },
+    "SPAN", "span");
+
+const CLI::Validator kMacValidator(
+    [](std::string &text) {
+      return isMacAddress(text) ? std::string()
+                                : "'" + text + "' is not a MAC address (like 02:ad:b0:00:00:01)";
+    },
+    "MAC", "mac");
+
+int terminalColumns() {
+  winsize size{};
+  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
+    return size.ws_col;
+  return 80;
+}
+
+void addSpanOption(CLI::App *command, std::string &target) {
+  command
+      ->add_option("--last", target, "Span ending at the latest sample: 5m to 7d, e.g. 1h, 24h, 7d")
+      ->check(kSpanValidator)
+      ->capture_default_str();
+}
+
+std::string failureMessage(const CLI::App *, const CLI::Error &error) {
+  return std::string("analyticsdb: ") + error.what() + "\nRun 'analyticsdb --help' for usage.\n";
+}
+
+} // namespace
+
+int runTool(const std::vector<std::string> &args, std::ostream &out, std::ostream &err,
+            bool outIsTerminal) {
+  Arguments a;
+  CLI::App app{"Look into and exercise a gateway's analytics database: device inventory and "
+               "RSSI / bandwidth samples in 5-minute slots over a week.",
+               "analyticsdb"};
+  app.require_subcommand(1);
+  app.fallthrough();
+  app.failure_message(failureMessage);
+  app.set_version_flag("--version", std::string("analyticsdb ") + ANALYTICSDB_TOOL_VERSION);
+  app.add_option("--db", a.db,
+                 std::string("Database file (default ") + ANALYTICSDB_TOOL_DEFAULT_DB +
+                     "; demo: " + kDemoDatabase + ")");
+  app.add_flag("-v,--verbose", a.verbosity,
+               "Show the library's log lines (twice: debug lines too)");
+
+  CLI::App *init = app.add_subcommand("init", "Create every table of a full week");
+
+  CLI::App *devices = app.add_subcommand("devices", "List the device inventory");
+  devices->add_flag("--json", a.json, "JSON for machines");
+
+  CLI::App *series = app.add_subcommand("series", "Show one device's samples over a span");
+  series->add_option("MAC", a.series.mac, "Device MAC address")->required()->check(kMacValidator);
+  auto *rssi = series->add_flag("--rssi", a.rssi, "RSSI in dBm (the default)");
+  auto *rx = series->add_flag("--rx", a.rx, "Receive bandwidth in kbit/s");
+  auto *tx = series->add_flag("--tx", a.tx, "Transmit bandwidth in kbit/s");
+  rssi->excludes(rx)->excludes(tx);
+  rx->excludes(tx);
+  addSpanOption(series, a.seriesSpan);
+  auto *csv = series->add_flag("--csv", a.csv, "Raw slots with their times as CSV");
+  auto *json = series->add_flag("--json", a.seriesJson, "Raw slots with their times as JSON");
+  csv->excludes(json);
+  series->add_option("--width", a.width, "Chart columns (default: the terminal's width)")
+      ->check(CLI::Range(16, 1000));
+  series->add_flag("--ascii", a.series.chart.ascii, "Chart in plain ASCII");
+
+  CLI::App *plot = app.add_subcommand("plot", "Draw a device's RSSI and bandwidth as SVG");
+  plot->add_option("MAC", a.plot.mac, "Device MAC address")->required()->check(kMacValidator);
+  plot->add_option("--out", a.plot.outPath, "SVG file to write")->required();
+  addSpanOption(plot, a.plotSpan);
+
+  CLI::App *simulate =
+      app.add_subcommand("simulate", "Write a synthetic home network through the library");
+  simulate->add_option("--devices", a.simulate.devices, "Number of devices")
+      ->check(CLI::Range(1, 1024))
+      ->capture_default_str();
+  simulate->add_option("--days", a.simulate.days, "Days of 5-minute ticks")
+      ->check(CLI::Range(1, 60))
+      ->capture_default_str();
+  simulate->add_flag("--contend", a.simulate.contend,
+                     "Let a second process hold the database in bursts, so writes are queued");
+  simulate
+      ->add_option("--start", a.simulate.start, "Unix time of the first tick (default: days ago)")
+      ->check(CLI::Range(static_cast<uint32_t>(1), static_cast<uint32_t>(4000000000U)));
+
+  CLI::App *demo =
+      app.add_subcommand("demo", "Simulate a small network into a fresh local file and show it");
+
+  std::vector<std::string> reversed(args.rbegin(), args.rend());
+  try {
+    app.parse(reversed);
+  } catch (const CLI::ParseError &error) {
+    int status = app.exit(error, out, err);
+    return status == 0 ? kExitOk : kExitUsage;
+  }
+
+  const bool isDemo = demo->parsed();
+  const bool defaultPath = a.db.empty();
+  std::string path = !defaultPath ? a.db : isDemo ? kDemoDatabase : ANALYTICSDB_TOOL_DEFAULT_DB;
+
+  a.series.kind = a.rx ? SeriesKind::Rx : a.tx ? SeriesKind::Tx : SeriesKind::Rssi;
+  a.series.format = a.csv          ? SeriesFormat::Csv
+                    : a.seriesJson ? SeriesFormat::Json
+                                   : SeriesFormat::Chart;
+  parseSpan(a.seriesSpan, a.series.span);
+  parseSpan(a.plotSpan, a.plot.span);
+  if (a.width > 0)
+    a.series.chart.width = a.width;
+  else if (outIsTerminal)
+    a.series.chart.width = std::clamp(terminalColumns() - 16, 16, 200);
+
+  try {
+    Session session(path, a.verbosity, err);
+    bool clean = true;
+    if (init->parsed())
+      runInit(session, out);
+    else if (devices->parsed())
+      runDevices(session, a.json, out);
+    else if (series->parsed())
+      runSeries(session, a.series, out);
+    else if (plot->parsed())
+      runPlot(session, a.plot, out);
+    else if (simulate->parsed())
+      clean = runSimulate(session, a.simulate, out);
+    else if (isDemo)
+      clean = runDemo(session, defaultPath, a.series.chart, out);
+    if (!clean)
+      throw ToolError("the simulation lost requests or read back other values than it wrote");
+    return kExitOk;
+  } catch (const ToolError &error) {
+    out.flush();
+    err << "analyticsdb: " << error.what() << '\n';
+  } catch (const std::exception &error) {
+    out.flush();
+    err << "analyticsdb: unexpected failure: " << error.what() << '\n';
+  }
+  return kExitFailure;
+}
+
+} // namespace adbtool

@@ -1,0 +1,339 @@
+// commands.cpp - init, devices, series, plot, simulate and demo.
+#include "commands.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+#include "analyticsdb.h"
+#include "output.h"
+#include "svg.h"
+
+namespace adbtool {
+
+namespace {
+
+// ---- devices: one column description serves the table and the JSON ----------------------
+
+struct Cell {
+  std::string text;
+  std::string json;
+};
+
+Cell textCell(const char *value) { return {value[0] != '\0' ? value : "-", jsonString(value)}; }
+Cell rssiCell(int32_t rssi) {
+  // 0 is what a wired device or a never-measured one reports.
+  if (rssi == 0)
+    return {"-", "null"};
+  return {std::to_string(rssi), std::to_string(rssi)};
+}
+Cell activeCell(int32_t active) { return {active ? "yes" : "no", active ? "true" : "false"}; }
+Cell timeCell(uint32_t epoch) {
+  if (epoch == 0)
+    return {"-", "null"};
+  return {localTime(epoch), std::to_string(epoch)};
+}
+
+struct DeviceColumn {
+  const char *header;
+  const char *jsonKey;
+  Align align;
+  Cell (*cell)(const DeviceInfoRecord &record);
+};
+
+const DeviceColumn kDeviceColumns[] = {
+    {"MAC", "mac", Align::Left, [](const DeviceInfoRecord &r) { return textCell(r.mac); }},
+    {"HOST", "host", Align::Left, [](const DeviceInfoRecord &r) { return textCell(r.host); }},
+    {"IP", "ip", Align::Left, [](const DeviceInfoRecord &r) { return textCell(r.ipAddr); }},
+    {"CATEGORY", "category", Align::Left,
+     [](const DeviceInfoRecord &r) { return textCell(r.category); }},
+    {"BAND", "band", Align::Left, [](const DeviceInfoRecord &r) { return textCell(r.band); }},
+    {"RSSI", "rssi", Align::Right, [](const DeviceInfoRecord &r) { return rssiCell(r.rssi); }},
+    {"ACTIVE", "active", Align::Left,
+     [](const DeviceInfoRecord &r) { return activeCell(r.active); }},
+    {"LAST ONLINE", "lastOnline", Align::Left,
+     [](const DeviceInfoRecord &r) { return timeCell(r.lastOnlineTs); }},
+};
+
+struct DeviceList {
+  DeviceInfoRecord **list = nullptr;
+  int32_t rows = 0;
+  ~DeviceList() {
+    if (list != nullptr)
+      db_freeDeviceInfoResult(&list, rows);
+  }
+};
+
+void printDevicesJson(std::ostream &out, const std::vector<const DeviceInfoRecord *> &devices) {
+  out << "[";
+  for (std::size_t i = 0; i < devices.size(); ++i) {
+    out << (i == 0 ? "\n  {" : ",\n  {");
+    for (std::size_t c = 0; c < std::size(kDeviceColumns); ++c) {
+      const DeviceColumn &column = kDeviceColumns[c];
+      out << (c == 0 ? "" : ", ") << jsonString(column.jsonKey) << ": "
+          << column.cell(*devices[i]).json;
+    }
+    out << "}";
+  }
+  out << (devices.empty() ? "]\n" : "\n]\n");
+}
+
+// ---- series ------------------------------------------------------------------------------
+
+std::string deviceTitle(const std::string &mac, const DeviceSummary &device) {
+  return (device.known ? device.mac : mac) + (device.host.empty() ? "" : "  " + device.host);
+}
+
+Series requireSeries(const SeriesSpec &spec, const std::string &mac, const DeviceSummary &device,
+                     const SpanOption &span) {
+  std::optional<Series> series = readSeries(spec, mac, span.seconds, device.addedTs);
+  if (series)
+    return *series;
+  if (!device.known)
+    throw ToolError("unknown device " + mac + ": not in the inventory and no " + spec.noun +
+                    " samples");
+  throw ToolError("device " + deviceTitle(mac, device) + " has no " + spec.noun + " samples");
+}
+
+std::string statsLine(const Series &series) {
+  SeriesStats stats = statsOf(series);
+  if (stats.count == 0)
+    return "no readings";
+  const SeriesSpec &spec = *series.spec;
+  return "min " + formatValue(spec, static_cast<double>(stats.min)) + "   avg " +
+         formatValue(spec, stats.average) + "   max " +
+         formatValue(spec, static_cast<double>(stats.max));
+}
+
+void printSeriesCsv(std::ostream &out, const Series &series) {
+  out << "timestamp,time,slot," << series.spec->csvColumn << '\n';
+  for (std::size_t i = 0; i < series.values.size(); ++i)
+    out << series.times[i] << ',' << isoTime(series.times[i]) << ',' << series.slots[i] << ','
+        << series.values[i] << '\n';
+}
+
+void printSeriesJson(std::ostream &out, const Series &series, const DeviceSummary &device) {
+  SeriesStats stats = statsOf(series);
+  char average[32];
+  std::snprintf(average, sizeof average, "%.1f", stats.average);
+  out << "{\"mac\": " << jsonString(device.known ? device.mac : series.mac)
+      << ", \"host\": " << jsonString(device.host)
+      << ", \"series\": " << jsonString(series.spec->word)
+      << ", \"unit\": " << jsonString(series.spec->unit) << ", \"slotSeconds\": " << kSlotSeconds
+      << ",\n \"latest\": {\"timestamp\": " << series.latestTime
+      << ", \"slot\": " << series.latestSlot << "}, \"count\": " << series.values.size();
+  if (stats.count > 0)
+    out << ", \"min\": " << stats.min << ", \"avg\": " << average << ", \"max\": " << stats.max;
+  else
+    out << ", \"min\": null, \"avg\": null, \"max\": null";
+  out << ",\n \"samples\": [";
+  for (std::size_t i = 0; i < series.values.size(); ++i) {
+    out << (i == 0 ? "\n  " : ",\n  ") << "{\"timestamp\": " << series.times[i]
+        << ", \"time\": " << jsonString(isoTime(series.times[i]))
+        << ", \"slot\": " << series.slots[i] << ", \"value\": " << series.values[i] << "}";
+  }
+  out << "\n]}\n";
+}
+
+void printSeriesChart(std::ostream &out, const Series &series, const DeviceSummary &device,
+                      const SeriesOptions &options) {
+  out << deviceTitle(series.mac, device) << "  -  " << series.spec->title << ", last "
+      << options.span.text << '\n';
+  std::size_t count = series.values.size();
+  out << count << " slot" << (count == 1 ? "" : "s") << " of 5 min, "
+      << localTime(series.times.front()) << " .. "
+      << localTime(series.times.back(), "%Y-%m-%d %H:%M %Z");
+  if (count * kSlotSeconds < options.span.seconds)
+    out << " (the device is younger than the span)";
+  out << '\n';
+  if (statsOf(series).count > 0)
+    out << statsLine(series) << '\n';
+  printChart(out, series, options.chart);
+}
+
+} // namespace
+
+bool parseSpan(const std::string &text, SpanOption &span) {
+  if (text.size() < 2 || text.size() > 6)
+    return false;
+  if (!std::all_of(text.begin(), text.end() - 1,
+                   [](char c) { return std::isdigit(static_cast<unsigned char>(c)); }))
+    return false;
+  uint32_t unit = 0;
+  switch (text.back()) {
+  case 'm':
+    unit = 60;
+    break;
+  case 'h':
+    unit = 3600;
+    break;
+  case 'd':
+    unit = 86400;
+    break;
+  default:
+    return false;
+  }
+  // Five digits of days overflow 32 bits: compare in 64.
+  uint64_t seconds = std::stoull(text.substr(0, text.size() - 1)) * unit;
+  if (seconds < kSlotSeconds || seconds > 7 * 86400)
+    return false;
+  span.seconds = static_cast<uint32_t>(seconds);
+  span.text = text;
+  return true;
+}
+
+bool isMacAddress(const std::string &text) {
+  if (text.size() != 17)
+    return false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    bool separator = i % 3 == 2;
+    if (separator ? (text[i] != ':' && text[i] != '-')
+                  : !std::isxdigit(static_cast<unsigned char>(text[i])))
+      return false;
+  }
+  return true;
+}
+
+void runInit(Session &session, std::ostream &out) {
+  session.requireCreatableDatabase();
+  int tables = createAllTables(session.path());
+  out << "initialised " << session.path() << ": " << tables
+      << " tables (inventory, 3 index tables, 3 series x 7 day tables of 288 five-minute slots)\n";
+}
+
+void runDevices(Session &session, bool json, std::ostream &out) {
+  session.requireExistingDatabase();
+  DeviceList found;
+  int32_t status = db_readDeviceInfoTable(&found.list, &found.rows);
+  if (status == DB_STATUS_NO_TABLE)
+    throw ToolError("no device table in " + session.path() + " (run 'analyticsdb init' first)");
+  if (status != DB_STATUS_SUCCESS && status != DB_STATUS_EMPTY)
+    throw ToolError("cannot read the devices of " + session.path() + ": " + describeStatus(status));
+
+  std::vector<const DeviceInfoRecord *> devices(
+      found.list, found.list + (status == DB_STATUS_SUCCESS ? found.rows : 0));
+  std::sort(devices.begin(), devices.end(),
+            [](const DeviceInfoRecord *a, const DeviceInfoRecord *b) {
+              return strcasecmp(a->mac, b->mac) < 0;
+            });
+  if (json) {
+    printDevicesJson(out, devices);
+    return;
+  }
+  if (devices.empty()) {
+    out << "no devices in " << session.path() << '\n';
+    return;
+  }
+  std::vector<std::string> headers;
+  std::vector<Align> aligns;
+  for (const DeviceColumn &column : kDeviceColumns) {
+    headers.emplace_back(column.header);
+    aligns.push_back(column.align);
+  }
+  std::vector<std::vector<std::string>> rows;
+  for (const DeviceInfoRecord *device : devices) {
+    std::vector<std::string> row;
+    for (const DeviceColumn &column : kDeviceColumns)
+      row.push_back(column.cell(*device).text);
+    rows.push_back(std::move(row));
+  }
+  printTable(out, headers, aligns, rows);
+}
+
+void runSeries(Session &session, const SeriesOptions &options, std::ostream &out) {
+  session.requireExistingDatabase();
+  DeviceSummary device = lookupDevice(options.mac);
+  Series series = requireSeries(seriesSpec(options.kind), options.mac, device, options.span);
+  switch (options.format) {
+  case SeriesFormat::Csv:
+    printSeriesCsv(out, series);
+    break;
+  case SeriesFormat::Json:
+    printSeriesJson(out, series, device);
+    break;
+  case SeriesFormat::Chart:
+    printSeriesChart(out, series, device, options);
+    break;
+  }
+}
+
+void runPlot(Session &session, const PlotOptions &options, std::ostream &out) {
+  session.requireExistingDatabase();
+  DeviceSummary device = lookupDevice(options.mac);
+  PlotInput input;
+  input.mac = device.known ? device.mac : options.mac;
+  input.host = device.host;
+  input.spanLabel = "last " + options.span.text;
+  std::optional<Series> *targets[] = {&input.rssi, &input.rx, &input.tx};
+  for (const SeriesSpec &spec : allSeries())
+    *targets[static_cast<std::size_t>(spec.kind)] =
+        readSeries(spec, options.mac, options.span.seconds, device.addedTs);
+  if (!input.rssi && !input.rx && !input.tx) {
+    if (!device.known)
+      throw ToolError("unknown device " + options.mac + ": not in the inventory and no samples");
+    throw ToolError("device " + deviceTitle(options.mac, device) + " has no samples");
+  }
+
+  std::string svg = renderSvg(input);
+  std::ofstream file(options.outPath, std::ios::binary | std::ios::trunc);
+  if (!file)
+    throw ToolError("cannot write " + options.outPath + ": " + std::strerror(errno));
+  file << svg;
+  file.close();
+  if (!file)
+    throw ToolError("cannot write " + options.outPath + ": " + std::strerror(errno));
+  out << "wrote " << options.outPath << ": RSSI, receive and transmit bandwidth of "
+      << deviceTitle(options.mac, device) << ", last " << options.span.text << '\n';
+}
+
+bool runSimulate(Session &session, const SimulateOptions &options, std::ostream &out) {
+  SimulateResult result = simulate(session, options, out);
+  return result.lost == 0 && result.mismatches == 0;
+}
+
+bool runDemo(Session &session, bool defaultPath, const ChartOptions &chart, std::ostream &out) {
+  const std::string &path = session.path();
+  struct stat info {};
+  if (stat(path.c_str(), &info) == 0) {
+    // Only the demo's own file is ever replaced; anything else may be someone's data.
+    if (!defaultPath)
+      throw ToolError("the demo needs a fresh database, and " + path +
+                      " exists (delete it or choose another --db)");
+    if (unlink(path.c_str()) != 0)
+      throw ToolError("cannot replace " + path + ": " + std::strerror(errno));
+    unlink((path + "-journal").c_str());
+  }
+
+  SimulateOptions simulation;
+  simulation.devices = 6;
+  simulation.days = 1;
+  simulation.contend = true;
+  out << "libanalyticsdb demo: a home network of " << simulation.devices
+      << " devices over one day, written through the library into " << path
+      << "\nwhile a second process keeps the database busy in bursts (parked writes are "
+         "replayed).\n\n"
+      << "$ analyticsdb simulate --devices 6 --days 1 --contend --db " << path << '\n';
+  bool clean = runSimulate(session, simulation, out);
+
+  out << "\n$ analyticsdb devices --db " << path << '\n';
+  runDevices(session, false, out);
+
+  SeriesOptions series;
+  series.mac = "02:ad:b0:00:00:01";
+  series.kind = SeriesKind::Rx;
+  series.chart = chart;
+  out << "\n$ analyticsdb series " << series.mac << " --rx --last 24h --db " << path << '\n';
+  runSeries(session, series, out);
+  out << "\nNext: 'analyticsdb plot " << series.mac << " --out tv.svg --db " << path
+      << "' draws RSSI and bandwidth as an SVG picture.\n";
+  return clean;
+}
+
+} // namespace adbtool

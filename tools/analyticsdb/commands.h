@@ -1,0 +1,49 @@
+// commands.h - the tool's commands, each over an open Session. Arguments arrive parsed and
+// checked (cli.cpp); failures the user can act on are thrown as ToolError.
+#pragma once
+
+#include <cstdint>
+#include <ostream>
+#include <string>
+
+#include "chart.h"
+#include "series.h"
+#include "session.h"
+#include "simulate.h"
+
+namespace adbtool {
+
+enum class SeriesFormat { Chart, Csv, Json };
+
+struct SpanOption {
+  uint32_t seconds = 24 * 3600;
+  std::string text = "24h";
+};
+
+struct SeriesOptions {
+  std::string mac;
+  SeriesKind kind = SeriesKind::Rssi;
+  SpanOption span;
+  SeriesFormat format = SeriesFormat::Chart;
+  ChartOptions chart;
+};
+
+struct PlotOptions {
+  std::string mac;
+  SpanOption span;
+  std::string outPath;
+};
+
+void runInit(Session &session, std::ostream &out);
+void runDevices(Session &session, bool json, std::ostream &out);
+void runSeries(Session &session, const SeriesOptions &options, std::ostream &out);
+void runPlot(Session &session, const PlotOptions &options, std::ostream &out);
+// Returns false when the simulation lost requests or read back something else than it wrote.
+bool runSimulate(Session &session, const SimulateOptions &options, std::ostream &out);
+bool runDemo(Session &session, bool defaultPath, const ChartOptions &chart, std::ostream &out);
+
+// "1h" -> 3600 seconds; false when the text is not a span of 5m to 7d.
+bool parseSpan(const std::string &text, SpanOption &span);
+bool isMacAddress(const std::string &text);
+
+} // namespace adbtool

@@ -1,0 +1,38 @@
+// output.h - the text forms the tool prints: aligned tables, JSON, CSV and time stamps.
+#pragma once
+
+#include <cstdint>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace adbtool {
+
+enum class Align { Left, Right };
+
+// One aligned plain-text table: a header row, then the rows, columns padded to their widest
+// cell (counted in characters, not bytes) and separated by two blanks.
+void printTable(std::ostream &out, const std::vector<std::string> &headers,
+                const std::vector<Align> &aligns,
+                const std::vector<std::vector<std::string>> &rows);
+
+// Number of characters of UTF-8 text (what a terminal column count needs).
+std::size_t displayWidth(std::string_view text);
+
+// A JSON string literal, quotes included.
+std::string jsonString(std::string_view text);
+// A CSV field, quoted only when it needs to be.
+std::string csvField(std::string_view text);
+
+// Local time for people ("2024-05-01 21:35"), and its zone's abbreviation.
+std::string localTime(uint32_t epoch, const char *format = "%Y-%m-%d %H:%M")
+    __attribute__((format(strftime, 2, 0)));
+// UTC in ISO 8601 for machines ("2024-05-01T19:35:00Z").
+std::string isoTime(uint32_t epoch);
+
+// "1.5 Mbit/s"-style text of a kbit/s figure, and digits grouped by thousands.
+std::string humanRate(double kbits);
+std::string groupDigits(uint64_t value);
+
+} // namespace adbtool

@@ -1,0 +1,33 @@
+# Runs the built tool (under the emulator when cross-compiled) and checks exit statuses and
+# the one-line error messages. Arguments: TOOL, EMULATOR (may be empty), WORK_DIR.
+file(REMOVE_RECURSE "${WORK_DIR}")
+file(MAKE_DIRECTORY "${WORK_DIR}")
+set(db "${WORK_DIR}/x.db")
+
+function(expect status)
+  execute_process(COMMAND ${EMULATOR} "${TOOL}" ${ARGN}
+    RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT result STREQUAL "${status}")
+    message(FATAL_ERROR "analyticsdb ${ARGN}: exit ${result}, expected ${status}\n${out}\n${err}")
+  endif()
+  if(NOT status STREQUAL "0" AND NOT err MATCHES "^analyticsdb: ")
+    message(FATAL_ERROR "analyticsdb ${ARGN}: message not prefixed 'analyticsdb: ': ${err}")
+  endif()
+  if(status STREQUAL "1")
+    string(REGEX MATCHALL "\n" lines "${err}")
+    list(LENGTH lines count)
+    if(NOT count EQUAL 1)
+      message(FATAL_ERROR "analyticsdb ${ARGN}: expected one line on stderr, got:\n${err}")
+    endif()
+  endif()
+endfunction()
+
+expect(0 --help)
+expect(0 --version)
+expect(2)
+expect(2 series 02:ad:b0:00:00:01 --last 2w --db "${db}")
+expect(1 devices --db "${db}")
+expect(1 init --db "${WORK_DIR}/missing/x.db")
+expect(0 init --db "${db}")
+expect(0 devices --db "${db}")
+expect(1 series 02:ad:b0:00:00:01 --db "${db}")

@@ -1,0 +1,142 @@
+// Tests of the tool's read commands and argument handling. The golden outputs come from a
+// small fixed database that the tool itself builds (a deterministic simulation starting
+// 2024-01-01 00:00 UTC); the error cases use databases that cost nothing to make.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "analyticsdb.h"
+#include "tool_test_support.h"
+
+namespace adbtool::test {
+namespace {
+
+const std::string kUplink = "02:ad:b0:00:00:00";
+const std::string kTv = "02:ad:b0:00:00:01";
+
+TEST(ToolCommands, ReadCommandsMatchGolden) {
+  TempDir dir;
+  const std::string db = dir.file("fixture.db");
+  ToolRun sim =
+      runCli({"simulate", "--devices", "3", "--days", "1", "--start", "1704067200", "--db", db});
+  ASSERT_EQ(sim.status, 0) << sim.out << sim.err;
+  auto run = [&db](std::vector<std::string> args) {
+    args.insert(args.end(), {"--db", db});
+    ToolRun result = runCli(args);
+    EXPECT_EQ(result.status, 0) << args[0] << ": " << result.err;
+    EXPECT_EQ(result.err, "");
+    return result.out;
+  };
+
+  expectGolden("devices.txt", run({"devices"}));
+  expectGolden("devices.json", run({"devices", "--json"}));
+  expectGolden("series-uplink-rx-1h.csv",
+               run({"series", kUplink, "--rx", "--last", "1h", "--csv"}));
+  expectGolden("series-tv-tx-30m.json", run({"series", kTv, "--tx", "--last", "30m", "--json"}));
+  expectGolden("series-tv-rssi-24h.txt", run({"series", kTv, "--rssi", "--width", "48"}));
+  expectGolden("series-tv-rx-6h-ascii.txt",
+               run({"series", kTv, "--rx", "--last", "6h", "--ascii"}));
+
+  // The fixture holds one day: a week's span shows that day, not six days of zeros; and a MAC
+  // matches whatever its letter case.
+  std::string week = run({"series", "02:AD:B0:00:00:01", "--rx", "--last", "7d"});
+  EXPECT_NE(week.find("288 slots of 5 min, 2024-01-01 00:00 .. 2024-01-01 23:55 UTC "
+                      "(the device is younger than the span)"),
+            std::string::npos)
+      << week;
+}
+
+TEST(ToolCommands, RuntimeErrorsAreOneLineWithStatusOne) {
+  TempDir dir;
+  const std::string db = dir.file("one-device.db");
+  const std::string missing = dir.file("missing.db");
+  const std::string notDatabase = dir.file("notes.txt");
+  const std::string foreign = dir.file("foreign.db");
+  writeFile(notDatabase, std::string(4096, 'x'));
+  ASSERT_EQ(runCli({"init", "--db", db}).status, 0);
+  // One sample of one device; and a valid SQLite file that holds none of the analytics tables.
+  ASSERT_EQ(0, db_setDatabasePath(db.c_str()));
+  db_initQueue();
+  char *sample[] = {const_cast<char *>(kTv.c_str()), const_cast<char *>("1704067200"),
+                    const_cast<char *>("1"), const_cast<char *>("-60")};
+  ASSERT_EQ(0, db_updateRssi(sample));
+  db_closeDbConnection();
+  ASSERT_EQ(0, db_setDatabasePath(foreign.c_str()));
+  ASSERT_EQ(0, db_writeQuery("CREATE TABLE unrelated (x INTEGER)"));
+  db_closeDbConnection();
+
+  struct Case {
+    std::vector<std::string> args;
+    std::string message;
+  };
+  const std::string unwritable = dir.file("no-such-folder/x.svg");
+  const Case cases[] = {
+      {{"series", "02:ad:b0:00:00:99", "--db", db},
+       "analyticsdb: unknown device 02:ad:b0:00:00:99: not in the inventory and no RSSI samples\n"},
+      {{"series", kTv, "--tx", "--db", db},
+       "analyticsdb: unknown device " + kTv +
+           ": not in the inventory and no transmit bandwidth samples\n"},
+      {{"plot", "02:ad:b0:00:00:99", "--out", dir.file("x.svg"), "--db", db},
+       "analyticsdb: unknown device 02:ad:b0:00:00:99: not in the inventory and no samples\n"},
+      {{"plot", kTv, "--out", unwritable, "--db", db},
+       "analyticsdb: cannot write " + unwritable + ": No such file or directory\n"},
+      {{"devices", "--db", missing},
+       "analyticsdb: no database at " + missing + " (create one with 'analyticsdb init --db " +
+           missing + "')\n"},
+      {{"init", "--db", "/nonexistent-folder/a.db"},
+       "analyticsdb: cannot create /nonexistent-folder/a.db: no folder /nonexistent-folder\n"},
+      {{"devices", "--db", dir.file("")},
+       "analyticsdb: " + dir.file("") + " is a directory, not a database file\n"},
+      {{"devices", "--db", notDatabase},
+       "analyticsdb: cannot read the devices of " + notDatabase +
+           ": SQLite error (not an analytics database, or damaged)\n"},
+      {{"devices", "--db", foreign},
+       "analyticsdb: no device table in " + foreign + " (run 'analyticsdb init' first)\n"},
+      {{"series", kUplink, "--tx", "--db", foreign},
+       "analyticsdb: no table PRIMITIVE_BANDWIDTHTX in the database (run 'analyticsdb init' "
+       "first)\n"},
+  };
+  for (const Case &c : cases) {
+    ToolRun result = runCli(c.args);
+    EXPECT_EQ(result.status, 1) << c.args[0] << " " << c.args[1];
+    EXPECT_EQ(result.err, c.message);
+  }
+  // A read command never creates the file it was pointed at.
+  EXPECT_NE(access(missing.c_str(), F_OK), 0);
+}
+
+TEST(ToolCommands, UsageErrorsExitTwoWithoutTouchingTheDatabase) {
+  TempDir dir;
+  const std::string db = dir.file("never-created.db");
+  const std::vector<std::vector<std::string>> cases = {
+      {},
+      {"frobnicate"},
+      {"series", kTv, "--last", "2w"},
+      {"series", kTv, "--last", "8d"},
+      {"series", kTv, "--last", "1m"},
+      {"series", kTv, "--last", "99999d"},
+      {"series", "not-a-mac"},
+      {"series", "02:ad:b0:00:00:0g"},
+      {"series", kTv, "--rx", "--tx"},
+      {"series", kTv, "--csv", "--json"},
+      {"series", kTv, "--width", "3"},
+      {"series"},
+      {"plot", kTv},
+      {"simulate", "--devices", "0"},
+      {"simulate", "--days", "x"},
+  };
+  for (const auto &args : cases) {
+    std::vector<std::string> withDb = args;
+    withDb.insert(withDb.end(), {"--db", db});
+    ToolRun result = runCli(withDb);
+    EXPECT_EQ(result.status, 2) << (args.empty() ? "(none)" : args[0] + " " + args.back());
+    EXPECT_EQ(result.err.rfind("analyticsdb: ", 0), 0u) << result.err;
+  }
+  EXPECT_NE(access(db.c_str(), F_OK), 0);
+
+  ToolRun help = runCli({"series", "--help"});
+  EXPECT_EQ(help.status, 0);
+  EXPECT_NE(help.out.find("--last"), std::string::npos);
+}
+
+} // namespace
+} // namespace adbtool::test

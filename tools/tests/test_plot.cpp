@@ -1,0 +1,99 @@
+// Tests of the SVG plot and of the escaping of inventory text in every output form.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "analyticsdb.h"
+#include "svg.h"
+#include "tool_test_support.h"
+
+namespace adbtool::test {
+namespace {
+
+std::size_t countOf(const std::string &text, const std::string &what) {
+  std::size_t found = 0;
+  for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+    ++found;
+  return found;
+}
+
+TEST(ToolPlot, SvgIsWellFormedAndCarriesAxesUnitsAndLines) {
+  TempDir dir;
+  const std::string db = dir.file("plot.db");
+  ASSERT_EQ(
+      runCli({"simulate", "--devices", "2", "--days", "1", "--start", "1704067200", "--db", db})
+          .status,
+      0);
+  // A host name that needs escaping in XML and JSON alike.
+  ASSERT_EQ(0, db_setDatabasePath(db.c_str()));
+  char *rename[] = {const_cast<char *>("02:ad:b0:00:00:01"),
+                    const_cast<char *>("Ann's \"TV\" & <den>")};
+  ASSERT_EQ(0, db_updateDeviceInfoBeaconFName(rename));
+  ASSERT_EQ(0, db_writeQuery("UPDATE DEVICEINFO SET HOST_S = FRIENDLYNAME_S"));
+  db_closeDbConnection();
+
+  const std::string svgPath = dir.file("tv.svg");
+  ToolRun plot = runCli({"plot", "02:ad:b0:00:00:01", "--out", svgPath, "--db", db});
+  ASSERT_EQ(plot.status, 0) << plot.err;
+  const std::string svg = readFile(svgPath);
+  EXPECT_EQ(xmlProblem(svg), "");
+  for (const char *expected :
+       {"Ann&apos;s &quot;TV&quot; &amp; &lt;den&gt;", ">dBm<", ">Mbit/s<", ">06:00<", ">Jan 01<",
+        "receive (RX)", "transmit (TX)", "stroke=\"#1f6fb4\""})
+    EXPECT_NE(svg.find(expected), std::string::npos) << expected;
+  EXPECT_EQ(countOf(svg, "<path class=\"line\" d=\"M"), 3u);
+
+#ifdef ANALYTICSDB_TOOL_XMLLINT
+  const std::string command = std::string(ANALYTICSDB_TOOL_XMLLINT) + " --noout '" + svgPath + "'";
+  EXPECT_EQ(std::system(command.c_str()), 0) << command;
+#endif
+
+  ToolRun json = runCli({"devices", "--json", "--db", db});
+  EXPECT_NE(json.out.find("\"host\": \"Ann's \\\"TV\\\" & <den>\""), std::string::npos) << json.out;
+}
+
+TEST(ToolPlot, LongSpansAreGatheredIntoBandsAndGapsBreakTheLine) {
+  // A week of RSSI with a missing stretch: more points than pixels, drawn as means with a
+  // minimum-to-maximum band, and two runs either side of the gap.
+  PlotInput input;
+  input.mac = "02:ad:b0:00:00:07";
+  input.spanLabel = "last 7d";
+  Series rssi;
+  rssi.spec = &seriesSpec(SeriesKind::Rssi);
+  rssi.mac = input.mac;
+  for (uint32_t i = 0; i < 2016; ++i) {
+    rssi.times.push_back(1704067200 + i * 300);
+    rssi.slots.push_back(static_cast<int32_t>(i + 1));
+    rssi.values.push_back(i >= 900 && i < 1000 ? 0 : -50 - static_cast<int64_t>(i % 7));
+  }
+  input.rssi = rssi;
+  std::string svg = renderSvg(input);
+  EXPECT_EQ(xmlProblem(svg), "");
+  EXPECT_EQ(countOf(svg, "<path class=\"line\" d=\"M"), 2u);
+  EXPECT_EQ(countOf(svg, "<path class=\"range\" d=\"M"), 2u);
+  EXPECT_NE(svg.find("no bandwidth readings"), std::string::npos);
+  EXPECT_NE(svg.find(">Tue<"), std::string::npos); // day ticks over a week
+}
+
+TEST(ToolPlot, CheckerRejectsBrokenXml) {
+  // The checker above must be able to fail, or the test proves nothing.
+  EXPECT_EQ(xmlProblem("<svg><g></g></svg>"), "");
+  EXPECT_NE(xmlProblem("<svg><g></svg>"), "");
+  EXPECT_NE(xmlProblem("<svg a=\"1 & 2\"/>"), "");
+  EXPECT_NE(xmlProblem("<svg>a < b</svg>"), "");
+  EXPECT_NE(xmlProblem("<svg/><svg/>"), "");
+  EXPECT_EQ(adbtool::xmlEscape("a<b>&'\"\x01"), "a&lt;b&gt;&amp;&apos;&quot;");
+}
+
+TEST(ToolPlot, DeviceWithoutSamplesStillGetsAPictureOfNothing) {
+  PlotInput input;
+  input.mac = "02:ad:b0:00:00:07";
+  input.spanLabel = "last 1h";
+  std::string svg = renderSvg(input);
+  EXPECT_EQ(xmlProblem(svg), "");
+  EXPECT_NE(svg.find("no RSSI readings"), std::string::npos);
+  EXPECT_NE(svg.find("no bandwidth readings"), std::string::npos);
+}
+
+} // namespace
+} // namespace adbtool::test

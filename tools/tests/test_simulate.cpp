@@ -1,0 +1,96 @@
+// Tests of the synthetic gateway: the week ring, contention with the write queue, and the
+// span reads of devices younger than the span.
+#include <gtest/gtest.h>
+
+#include "analyticsdb.h"
+#include "tool_test_support.h"
+
+namespace adbtool::test {
+namespace {
+
+// The summary line of one label, without its padding.
+std::string summaryValue(const std::string &summary, const std::string &label) {
+  std::size_t at = summary.find("  " + label + " ");
+  if (at == std::string::npos)
+    return "";
+  std::size_t value = summary.find_first_not_of(' ', at + 2 + label.size());
+  return summary.substr(value, summary.find('\n', value) - value);
+}
+
+TEST(ToolSimulate, EightDaysWrapTheWeekAndReadBack) {
+  TempDir dir;
+  const std::string db = dir.file("week.db");
+  ToolRun sim =
+      runCli({"simulate", "--devices", "2", "--days", "8", "--start", "1704067200", "--db", db});
+  ASSERT_EQ(sim.status, 0) << sim.out << sim.err;
+  EXPECT_EQ(summaryValue(sim.out, "lost"), "0");
+  EXPECT_EQ(summaryValue(sim.out, "read-back"),
+            "all 12,098 values match (2 inventory rows, 2 devices x 3 series x 2016 slots)");
+  EXPECT_EQ(summaryValue(sim.out, "queued"),
+            "0 requests parked on a busy database (peak 0 of 320)");
+
+  // The day 8 samples overwrote day 1's: a week's span ends at the last tick and holds a full
+  // ring, oldest first, without a break where the ring wraps.
+  ToolRun week =
+      runCli({"series", "02:ad:b0:00:00:00", "--rx", "--last", "7d", "--csv", "--db", db});
+  ASSERT_EQ(week.status, 0) << week.err;
+  std::vector<std::string> lines;
+  for (std::size_t at = 0, end; (end = week.out.find('\n', at)) != std::string::npos; at = end + 1)
+    lines.push_back(week.out.substr(at, end - at));
+  ASSERT_EQ(lines.size(), 2017u);
+  EXPECT_EQ(lines[1].substr(0, 32), "1704153600,2024-01-02T00:00:00Z,");
+  EXPECT_EQ(lines[2016].substr(0, 32), "1704758100,2024-01-08T23:55:00Z,");
+}
+
+TEST(ToolSimulate, ContentionIsParkedAndReplayedWithoutLoss) {
+  TempDir dir;
+  const std::string db = dir.file("busy.db");
+  ToolRun sim = runCli({"simulate", "--devices", "4", "--days", "1", "--contend", "--db", db});
+  ASSERT_EQ(sim.status, 0) << sim.out << sim.err;
+  EXPECT_EQ(summaryValue(sim.out, "lost"), "0") << sim.out;
+  EXPECT_EQ(summaryValue(sim.out, "read-back").rfind("all ", 0), 0u) << sim.out;
+  // Every parked request was replayed.
+  std::string queued = summaryValue(sim.out, "queued");
+  std::string replayed = summaryValue(sim.out, "replayed");
+  EXPECT_EQ(queued.substr(0, queued.find(' ')), replayed.substr(0, replayed.find(' '))) << sim.out;
+  EXPECT_EQ(queueCount, 0);
+}
+
+TEST(ToolSimulate, SeriesOfADeviceWithoutInventoryFallsBackToTheDayReads) {
+  TempDir dir;
+  const std::string db = dir.file("young.db");
+  ASSERT_EQ(runCli({"init", "--db", db}).status, 0);
+  // Two samples of a device that has no inventory row (so nothing limits the span) and rows in
+  // only one day table: the span read of the library refuses such a span.
+  ASSERT_EQ(0, db_setDatabasePath(db.c_str()));
+  db_initQueue();
+  const std::string mac = "02:ad:b0:00:0f:01";
+  for (const auto &[time, slot, value] :
+       {std::tuple{"1704672900", "2015", "700"}, std::tuple{"1704673200", "2016", "900"}}) {
+    char *values[] = {const_cast<char *>(mac.c_str()), const_cast<char *>("LAN"),
+                      const_cast<char *>(time), const_cast<char *>(slot),
+                      const_cast<char *>(value)};
+    ASSERT_EQ(0, db_updateBandWidthRx(values));
+  }
+  db_closeDbConnection();
+
+  ToolRun csv = runCli({"series", mac, "--rx", "--last", "15m", "--csv", "--db", db});
+  ASSERT_EQ(csv.status, 0) << csv.err;
+  EXPECT_EQ(csv.out, "timestamp,time,slot,rx_kbit_s\n"
+                     "1704672600,2024-01-08T00:10:00Z,2014,0\n"
+                     "1704672900,2024-01-08T00:15:00Z,2015,700\n"
+                     "1704673200,2024-01-08T00:20:00Z,2016,900\n");
+  ToolRun week = runCli({"series", mac, "--rx", "--last", "7d", "--json", "--db", db});
+  ASSERT_EQ(week.status, 0) << week.err;
+  EXPECT_NE(week.out.find("\"count\": 2016, \"min\": 0, \"avg\": 0.8, \"max\": 900"),
+            std::string::npos)
+      << week.out.substr(0, 300);
+
+  ToolRun rssi = runCli({"series", mac, "--db", db});
+  EXPECT_EQ(rssi.status, 1);
+  EXPECT_EQ(rssi.err,
+            "analyticsdb: unknown device " + mac + ": not in the inventory and no RSSI samples\n");
+}
+
+} // namespace
+} // namespace adbtool::test

@@ -1,0 +1,41 @@
+// tool_test_support.h - running the tool in-process, temporary folders, golden files and an
+// XML well-formedness check for the tool's tests.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace adbtool::test {
+
+struct ToolRun {
+  int status;
+  std::string out;
+  std::string err;
+};
+
+// Runs the tool's command line in this process (so it works under an emulator too).
+ToolRun runCli(const std::vector<std::string> &args);
+
+// A fresh folder, removed with everything in it at the end of the scope.
+class TempDir {
+public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir &) = delete;
+  TempDir &operator=(const TempDir &) = delete;
+  std::string file(const std::string &name) const { return path_ + "/" + name; }
+
+private:
+  std::string path_;
+};
+
+std::string readFile(const std::string &path);
+void writeFile(const std::string &path, const std::string &text);
+
+// Compares with tools/tests/golden/<name>; ANALYTICSDB_UPDATE_GOLDEN=1 rewrites the file.
+void expectGolden(const std::string &name, const std::string &actual);
+
+// Empty when `text` is well-formed XML with one root element, else what is wrong.
+std::string xmlProblem(const std::string &text);
+
+} // namespace adbtool::test
