@@ -84,6 +84,7 @@ done
 test -f "$sysroot/usr/include/sqlite3.h"
 test -e "$sysroot/usr/lib/$triplet/libsqlite3.so"
 test -f "$sysroot/usr/lib/$triplet/libgtest.a"
+test -f "$sysroot/usr/include/CLI/CLI.hpp"
 rm -rf "$apt_state" # 18 MB of package lists, fetched again if ever needed
 echo "${packages[*]}" >"$stamp"
 log "done: configure with -DCMAKE_TOOLCHAIN_FILE=$repo/cmake/toolchain-armhf.cmake"
