@@ -15,6 +15,7 @@
 #include "internal/gate.h"
 #include "internal/guards.h"
 #include "internal/log.h"
+#include "internal/memory.h"
 #include "internal/numbers.h"
 #include "internal/text_builder.h"
 
@@ -614,7 +615,7 @@ class DefaultFill {
     if (first <= last) {  // both in one day: at most a day of slots
       int32_t slots = last - first + 1;
       columnNames_ = static_cast<char(*)[kFillColumnCapacity]>(
-          std::calloc(static_cast<size_t>(slots), kFillColumnCapacity));
+          adb::allocateZeroed(static_cast<size_t>(slots), kFillColumnCapacity));
       if (columnNames_ == nullptr) {
         ADB_LOG_ERROR("[analyticsDB] malloc failed\n");
         return Outcome::kNoMemory;

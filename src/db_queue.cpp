@@ -18,6 +18,7 @@
 
 #include "analyticsdb.h"
 #include "internal/log.h"
+#include "internal/memory.h"
 #include "internal/queue.h"
 #include "internal/text_builder.h"
 
@@ -53,34 +54,62 @@ bool fitsInNode(const adb::queue::Request &request) {
 
 // Zero-filled, so that every slot past the copied values is null and next is null.
 WriteRequestNode *newNode() {
-  return static_cast<WriteRequestNode *>(std::calloc(1, sizeof(WriteRequestNode)));
+  return static_cast<WriteRequestNode *>(adb::allocateZeroed(1, sizeof(WriteRequestNode)));
 }
 
 char *copyOf(const char *value) {
   size_t size = std::strlen(value) + 1;
-  char *copy = static_cast<char *>(std::malloc(size));
-  if (copy == nullptr) {
-    // The slot stays null: the replay then leaves this column out.
-    ADB_LOG_ERROR("[analyticsDB] - Add Queue - Memory allocation failed for a field value\n");
-    return nullptr;
-  }
-  std::memcpy(copy, value, size);
+  char *copy = static_cast<char *>(adb::allocate(size));
+  if (copy != nullptr) std::memcpy(copy, value, size);
   return copy;
 }
 
-void fill(WriteRequestNode &node, const adb::queue::Request &request) {
+void freeValues(WriteRequestNode &node) {
+  for (int32_t i = 0; i < adb::queue::valueSlots(node); ++i) {
+    std::free(node.fieldValues[i]);
+    node.fieldValues[i] = nullptr;
+  }
+}
+
+// False when a value could not be copied; the node then holds no copies. A node missing a value
+// would replay a different write than the caller's (the column left out), so it is never queued.
+bool fill(WriteRequestNode &node, const adb::queue::Request &request) {
   node.fieldCount = request.recordedCount;
   node.functionId = request.functionId;
   adb::TextBuilder name(node.tableName, kTableNameCopyBound);
   if (request.tableFamily != nullptr) name.append(request.tableFamily);
-  if (request.values == nullptr) return;
+  if (request.values == nullptr) return true;
   // Never more values than the caller's array holds, than the node records, or than it has.
   int32_t copies =
       request.valueCount < request.recordedCount ? request.valueCount : request.recordedCount;
   if (copies > DB_QUEUE_FIELD_SLOTS) copies = DB_QUEUE_FIELD_SLOTS;
   for (int32_t i = 0; i < copies; ++i) {
-    node.fieldValues[i] = request.values[i] != nullptr ? copyOf(request.values[i]) : nullptr;
+    if (request.values[i] == nullptr) continue;
+    node.fieldValues[i] = copyOf(request.values[i]);
+    if (node.fieldValues[i] == nullptr) {
+      ADB_LOG_ERROR(
+          "[analyticsDB] - Add Queue - Memory allocation failed for a field value of func[%d]: "
+          "not queued\n",
+          request.functionId);
+      freeValues(node);
+      return false;
+    }
   }
+  return true;
+}
+
+// A node made and filled for `request`, or null (logged) when memory ran out.
+WriteRequestNode *filledNode(const adb::queue::Request &request, const char *nodeFailed) {
+  WriteRequestNode *node = newNode();
+  if (node == nullptr) {
+    ADB_LOG_ERROR("%s", nodeFailed);
+    return nullptr;
+  }
+  if (!fill(*node, request)) {
+    std::free(node);
+    return nullptr;
+  }
+  return node;
 }
 
 // Unlinks and frees the head; `lock` must be held and the queue not empty.
@@ -98,14 +127,11 @@ namespace adb::queue {
 
 int32_t append(const Request &request) {
   if (!fitsInNode(request)) return 0;
-  WriteRequestNode *node = newNode();
-  if (node == nullptr) {
-    ADB_LOG_ERROR("[analyticsDB] - AddQueue - Memory allocation failed for Queue entry\n");
-    return 0;
-  }
+  WriteRequestNode *node =
+      filledNode(request, "[analyticsDB] - AddQueue - Memory allocation failed for Queue entry\n");
+  if (node == nullptr) return 0;
   ADB_LOG_ERROR("[analyticsDB] - Add Queue  func[%d]  Table[%s]\n", request.functionId,
                 orNull(request.tableFamily));
-  fill(*node, request);
   ++queueCount;
   if (lastNode == nullptr) {
     for (WriteRequestNode *walk = head(); walk != nullptr; walk = nextOf(walk)) lastNode = walk;
@@ -134,12 +160,9 @@ void appendBusy(const Request &request) {
     return;
   }
   if (!fitsInNode(request)) return;
-  WriteRequestNode *node = newNode();
-  if (node == nullptr) {
-    ADB_LOG_ERROR("[analyticsDB] - Add Queue,1stNode - Memory allocation failed for lock\n");
-    return;
-  }
-  fill(*node, request);
+  WriteRequestNode *node = filledNode(
+      request, "[analyticsDB] - Add Queue,1stNode - Memory allocation failed for lock\n");
+  if (node == nullptr) return;
   ADB_LOG_ERROR("[analyticsDB] - Add Queue,1stNode func[%d] Table[%s]\n", request.functionId,
                 orNull(request.tableFamily));
   lastNode = node;
@@ -172,13 +195,13 @@ ADB_API int32_t db_updateQueue(int32_t functionId, char **values, int32_t count,
 ADB_API int32_t queue_fillDetails(WriteRequestNode *node, int32_t functionId, char **values,
                                   int32_t count, const char *tableName) {
   if (node == nullptr) return DB_STATUS_FAILURE;
-  fill(*node, {functionId, values, count, count, tableName});
-  return DB_STATUS_SUCCESS;
+  return fill(*node, {functionId, values, count, count, tableName}) ? DB_STATUS_SUCCESS
+                                                                    : DB_STATUS_FAILURE;
 }
 
 ADB_API void freeNode(WriteRequestNode *node) {
   if (node == nullptr) return;
-  for (int32_t i = 0; i < adb::queue::valueSlots(*node); ++i) std::free(node->fieldValues[i]);
+  freeValues(*node);
   std::free(node);
 }
 

@@ -16,6 +16,7 @@
 
 #include "analyticsdb.h"
 #include "internal/log.h"
+#include "internal/memory.h"
 #include "internal/numbers.h"
 
 ADB_LOG_MODULE("db_result_api")
@@ -541,7 +542,7 @@ int32_t convertList(char **cells, Record ***list, int32_t rowCount, int32_t colu
   if (list == nullptr) return DB_STATUS_FAILURE;
   // Zero-filled, so that after a record allocation failure the free function still applies.
   Record **records =
-      static_cast<Record **>(std::calloc(static_cast<size_t>(rowCount), sizeof(Record *)));
+      static_cast<Record **>(adb::allocateZeroed(static_cast<size_t>(rowCount), sizeof(Record *)));
   *list = records;
   if (records == nullptr) {
     ADB_LOG_AS(site, RYX_LOG_ERROR, "%s", family.arrayFailed);
@@ -549,7 +550,7 @@ int32_t convertList(char **cells, Record ***list, int32_t rowCount, int32_t colu
   }
   const HeaderRules rules(family.columns, cells, columnCount);
   for (int32_t r = 0; r < rowCount; ++r) {
-    auto *record = static_cast<Record *>(std::calloc(1, sizeof(Record)));
+    auto *record = static_cast<Record *>(adb::allocateZeroed(1, sizeof(Record)));
     if (record == nullptr) {
       ADB_LOG_AS(site, RYX_LOG_ERROR, "%s", family.recordFailed);
       return DB_STATUS_FAILURE;

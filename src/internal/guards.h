@@ -10,6 +10,7 @@
 #include <cstdlib>
 
 #include "analyticsdb.h"
+#include "internal/memory.h"
 
 namespace adb {
 
@@ -52,7 +53,7 @@ class HeapText {
   // Replaces the block with a new zero-filled one; false when it could not be allocated.
   bool allocate(size_t size) {
     std::free(text_);
-    text_ = static_cast<char *>(std::calloc(size, 1));
+    text_ = static_cast<char *>(adb::allocateZeroed(size, 1));
     size_ = text_ != nullptr ? size : 0;
     return text_ != nullptr;
   }
