@@ -25,6 +25,7 @@ for target in fuzz_write_composition fuzz_select_pieces fuzz_record_conversions;
       >"$log" 2>&1; then
     result="FAILED (see $log)"
     status=1
+    tail -n 40 "$log" >&2
   fi
   runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -n 1)
   rate=$(sed -n 's/^stat::average_exec_per_sec: *//p' "$log" | tail -n 1)
