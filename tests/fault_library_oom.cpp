@@ -87,15 +87,7 @@ TEST_F(LibraryOomTest, AQueuedWriteIsParkedWhole) {
         return status;
       },
       {DB_STATUS_BUSY, {DB_STATUS_BUSY, DB_STATUS_FAILURE}, "Before", "Before"});
-  // Its replay: the head stays for a later call or is removed with its status.
-  fail(
-      [&] {
-        db_freeQueue();
-        resetDevice("Before");
-        adbtest::BusyHolder busy(dbPath());
-        ASSERT_EQ(writeName("Replayed"), DB_STATUS_BUSY);
-      },
-      [] { return db_processQueueEntry(); }, {0, {0, 2, 3}, "Before", "Replayed"});
+  points_ += failReplayOfParkedWrite(kLibraryAllocations);
 }
 
 TEST_F(LibraryOomTest, ReadsIntoRecordsAndSlotFillsEndInAStatus) {

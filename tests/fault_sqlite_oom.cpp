@@ -85,16 +85,7 @@ TEST_F(SqliteOomTest, QueuedWritesAndTheirReplayEndInAStatus) {
       [] { return writeName("Parked"); },
       {DB_STATUS_BUSY, {DB_STATUS_BUSY, DB_STATUS_FAILURE, DB_STATUS_OPEN_FAILED},
        "Before", "Before"});
-  // The replay of a parked write: the head stays for a later call or is removed with its status.
-  points += failEachPoint(
-      kSqliteAllocations,
-      [&] {
-        db_freeQueue();
-        resetDevice("Before");
-        adbtest::BusyHolder busy(dbPath());
-        ASSERT_EQ(writeName("Replayed"), DB_STATUS_BUSY);
-      },
-      [] { return db_processQueueEntry(); }, {0, {0, 2, 3}, "Before", "Replayed"});
+  points += failReplayOfParkedWrite(kSqliteAllocations);
   RecordProperty("faultPoints", std::to_string(points));
 }
 

@@ -71,4 +71,16 @@ long FaultTest::failEachPoint(const FaultSource &source, const std::function<voi
   return total;
 }
 
+long FaultTest::failReplayOfParkedWrite(const FaultSource &source) {
+  return failEachPoint(
+      source,
+      [&] {
+        db_freeQueue();
+        resetDevice("Before");
+        BusyHolder busy(dbPath());
+        ASSERT_EQ(writeName("Replayed"), DB_STATUS_BUSY);
+      },
+      [] { return db_processQueueEntry(); }, {0, {0, 2, 3}, "Before", "Replayed"});
+}
+
 }  // namespace adbtest

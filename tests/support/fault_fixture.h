@@ -49,6 +49,10 @@ class FaultTest : public DbTest {
   long failEachPoint(const FaultSource &source, const std::function<void()> &prepare,
                      const std::function<int32_t()> &operation, const Expect &expect);
 
+  // The replay of a parked write with each fault point failing: the head stays for a later
+  // call or is removed with its status.
+  long failReplayOfParkedWrite(const FaultSource &source);
+
   // The stored name of kMac, "<none>" without a row or a table.
   static std::string nameOfDevice(RawDb &file);
   // DEVICEINFO holds exactly kMac, named `name` (none when null).
