@@ -13,64 +13,31 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <functional>
 #include <set>
 #include <string>
 
-#include "support/db_fixture.h"
+#include "support/fault_common.h"
 
 namespace {
 
-using adbtest::Cell;
-using adbtest::Values;
+using adbtest::FaultPlan;
 
 sqlite3_mem_methods gSystem;
-std::atomic<long> gCount{0};      // allocations seen since arming
-std::atomic<long> gFailAt{-1};    // the allocation that fails; -1: none, 0: only count
-std::atomic<bool> gFailed{false};
+adbtest::FaultCounter gAllocations;
 
-bool failThisOne() {
-  long failAt = gFailAt.load();
-  if (failAt < 0) return false;
-  long n = ++gCount;
-  if (n != failAt) return false;
-  gFailed = true;
-  return true;
-}
-
-void *faultyMalloc(int size) { return failThisOne() ? nullptr : gSystem.xMalloc(size); }
+void *faultyMalloc(int size) { return gAllocations.strikes() ? nullptr : gSystem.xMalloc(size); }
 void *faultyRealloc(void *old, int size) {
-  return failThisOne() ? nullptr : gSystem.xRealloc(old, size);
+  return gAllocations.strikes() ? nullptr : gSystem.xRealloc(old, size);
 }
 
-void arm(long failAt) {
-  gCount = 0;
-  gFailed = false;
-  gFailAt = failAt;
-}
-long disarm() {
-  gFailAt = -1;
-  return gCount.load();
-}
-
-class SqliteOomTest : public adbtest::DbTest {
+class SqliteOomTest : public adbtest::FaultTest {
  protected:
   void SetUp() override {
-    DbTest::SetUp();
+    FaultTest::SetUp();
     ASSERT_EQ(db_createDeviceInfoTable(), DB_STATUS_SUCCESS);
     ryxLogSetLevel(RYX_LOG_NOTICE);  // thousands of runs; keep only the error lines
-  }
-
-  // The stored name of the test's device ("<none>" without a row), from a connection of its own
-  // after checking the whole file.
-  std::string checkFile() {
-    EXPECT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
-    adbtest::RawDb check(dbPath());
-    EXPECT_EQ(check.scalar("PRAGMA integrity_check"), Cell("ok"));
-    return check.scalar("SELECT FRIENDLYNAME_S FROM DEVICEINFO WHERE MAC_S = '11:22:33:44:55:66'")
-        .value_or("<none>");
   }
 
   // Runs `operation` with every allocation failing in turn. `prepare` sets the file up before
@@ -80,46 +47,24 @@ class SqliteOomTest : public adbtest::DbTest {
                            const std::function<int32_t()> &operation, int32_t clean,
                            const std::set<int32_t> &allowed,
                            const std::set<std::string> &outcomes) {
-    prepare();
-    ASSERT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);  // the open is part of the operation
-    arm(0);
-    int32_t status = operation();
-    const long total = disarm();
-    busy_.reset();
-    ASSERT_EQ(status, clean) << "the operation fails without any fault";
-    ASSERT_GT(total, 0);
-    RecordProperty("allocations" + std::to_string(++operations_), std::to_string(total));
-    for (long n = 1; n <= total; ++n) {
-      SCOPED_TRACE("allocation " + std::to_string(n) + " of " + std::to_string(total));
-      prepare();
-      ASSERT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
-      arm(n);
-      status = operation();
-      disarm();
-      busy_.reset();
-      EXPECT_TRUE(allowed.count(status) == 1) << "status " << status;
-      EXPECT_TRUE(outcomes.count(checkFile()) == 1) << checkFile();
-      // Whatever the fault left parked is replayed, or dropped as the queue specifies.
+    FaultPlan plan;
+    plan.prepare = prepare;
+    plan.operation = operation;
+    plan.clean = clean;
+    plan.allowed = allowed;
+    plan.settle = [&](int32_t) { busy_.reset(); };
+    plan.observe = storedName;
+    plan.outcomes = outcomes;
+    // Whatever the fault left parked is replayed, or dropped as the queue specifies.
+    plan.cleanup = [] {
       for (int i = 0; i < 4 && queueCount > 0; ++i) db_processQueueEntry();
       db_freeQueue();
-      if (HasFailure()) return;
-    }
-  }
-
-  void resetRow(const char *name) {
-    raw().exec("DELETE FROM DEVICEINFO");
-    if (name != nullptr) {
-      raw().exec(std::string("INSERT INTO DEVICEINFO (MAC_S, FRIENDLYNAME_S) VALUES "
-                             "('11:22:33:44:55:66', '") + name + "')");
-    }
+    };
+    failEach(gAllocations, plan, "allocations" + std::to_string(++operations_));
   }
 
   int operations_ = 0;
   std::optional<adbtest::BusyHolder> busy_;  // held during a run, released after it
-
-  static int32_t writeName(const char *name) {
-    return db_updateDeviceInfoBeaconFName(Values{"11:22:33:44:55:66", name}.data());
-  }
 };
 
 TEST_F(SqliteOomTest, WritesEndInAStatusAndLeaveTheOldOrTheNewRow) {
