@@ -11,6 +11,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 
@@ -19,6 +20,7 @@
 #include "internal/log.h"
 #include "internal/numbers.h"
 #include "internal/text_builder.h"
+#include "internal/transaction.h"
 
 ADB_LOG_MODULE("db_operation")
 
@@ -42,6 +44,16 @@ int32_t storePath(char (&target)[kPathCapacity], const char *path) {
   }
   adb::TextBuilder(target, sizeof target).append(path);
   return DB_STATUS_SUCCESS;
+}
+
+// Set while the caller's transaction (BEGIN ... COMMIT) is open on the shared connection, which
+// every thread of the process shares.
+std::atomic<bool> gTransactionOpen{false};
+
+// The caller began a transaction that SQLite has since rolled back.
+bool transactionLost() {
+  return gTransactionOpen && database_connection != nullptr &&
+         sqlite3_get_autocommit(database_connection) != 0;
 }
 
 const char *orNull(const char *text) { return text != nullptr ? text : "NULL"; }
@@ -90,6 +102,11 @@ bool profilingOn() {
 }
 
 }  // namespace
+
+void adb::noteTransactionState() {
+  gTransactionOpen =
+      database_connection != nullptr && sqlite3_get_autocommit(database_connection) == 0;
+}
 
 extern "C" {
 
@@ -150,7 +167,9 @@ ADB_API int32_t db_close_connection(sqlite3 **handle) {
 
 ADB_API int32_t db_close(void) {
   if (database_connection == nullptr) return DB_STATUS_SUCCESS;
-  return db_close_connection(&database_connection);
+  int32_t status = db_close_connection(&database_connection);
+  adb::noteTransactionState();  // closing ends (rolls back) an open transaction
+  return status;
 }
 
 ADB_API int32_t db_closeConnection(void) { return db_close(); }
@@ -201,6 +220,11 @@ ADB_API int32_t db_retrieveTableData(const char *sql, char ***cells, int32_t *ro
 }
 
 ADB_API int32_t db_write(const char *sql) {
+  if (transactionLost()) {
+    ADB_LOG_ERROR("[analyticsDB] WRITE refused: the transaction was rolled back by an earlier "
+                  "error, COMMIT ends it \n Query : %s \n", orNull(sql));
+    return DB_STATUS_FAILURE;
+  }
   if (!profilingOn()) return db_execStatement(sql, &database_connection);
   ProfileSample start = ProfileSample::take();
   int32_t status = db_execStatement(sql, &database_connection);

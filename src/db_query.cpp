@@ -15,6 +15,7 @@
 #include "internal/log.h"
 #include "internal/statement.h"
 #include "internal/text_builder.h"
+#include "internal/transaction.h"
 
 ADB_LOG_MODULE("db_query")
 
@@ -557,11 +558,18 @@ ADB_API int32_t db_beginTrans(void) {
     ADB_LOG_ERROR("[analyticsDB] db open failed on BEGIN transaction\n");
     return status;
   }
-  return db_write("BEGIN");
+  status = db_write("BEGIN");
+  adb::noteTransactionState();
+  return status;
 }
 
-// No open here: a commit belongs to the connection that began the transaction.
-ADB_API int32_t db_commitTrans(void) { return db_write("COMMIT"); }
+// No open here: a commit belongs to the connection that began the transaction. A busy commit
+// leaves the transaction open for another try.
+ADB_API int32_t db_commitTrans(void) {
+  int32_t status = db_write("COMMIT");
+  adb::noteTransactionState();
+  return status;
+}
 
 ADB_API int32_t db_beginTransaction(void) { return db_beginTrans(); }
 

@@ -1,80 +1,99 @@
 /*
  * fault_library_oom.cpp - every operation with the library's own N-th allocation failing.
  *
- * Built only with ANALYTICSDB_FAULT_INJECTION, whose hook (internal/memory.h) fails the N-th
- * block the library itself asks for: statement texts, slot-name blocks, queue nodes and their
- * value copies, record lists. Every allocation site is reached by one of the operations here;
- * see support/fault_fixture.h for what every run must leave.
+ * Built only with ANALYTICSDB_FAULT_INJECTION, whose hook (internal/memory.h) is asked before
+ * every block the library itself allocates: statement texts, slot-name blocks, queue nodes and
+ * their value copies, record lists. Each allocation site is reached by one of the operations
+ * here (see support/fault_common.h for what each run must leave).
  */
 #include <string>
 #include <vector>
 
 #include "internal/memory.h"
-#include "support/fault_fixture.h"
+#include "support/fault_common.h"
 
 namespace {
 
 using adbtest::Cell;
-using adbtest::FaultTest;
+using adbtest::FaultPlan;
 using adbtest::RawDb;
 using adbtest::Values;
 
-const adbtest::FaultSource kLibraryAllocations{"library allocation", adb_faultFailAllocation,
-                                               adb_faultAllocationCount};
+adbtest::FaultCounter gAllocations;
 
-class LibraryOomTest : public FaultTest {
+class LibraryOomTest : public adbtest::FaultTest {
  protected:
-  long points_ = 0;
+  void SetUp() override {
+    FaultTest::SetUp();
+    adb_faultSetAllocationHook([] { return gAllocations.strikes(); });
+  }
   void TearDown() override {
-    RecordProperty("faultPoints", std::to_string(points_));
+    adb_faultSetAllocationHook(nullptr);
     FaultTest::TearDown();
   }
-  long fail(const std::function<void()> &prepare, const std::function<int32_t()> &operation,
-            const Expect &expect) {
-    long n = failEachPoint(kLibraryAllocations, prepare, operation, expect);
-    points_ += n;
-    return n;
+
+  // A plan whose state is `observe`, not the test device's name.
+  FaultPlan statePlan(std::function<void()> prepare, std::function<int32_t()> operation,
+                      std::function<std::string(RawDb &)> observe, std::string before,
+                      std::string after) {
+    FaultPlan plan = namePlan(std::move(prepare), std::move(operation), DB_STATUS_SUCCESS,
+                              {DB_STATUS_SUCCESS, DB_STATUS_FAILURE}, {before, after});
+    plan.observe = std::move(observe);
+    plan.committed = std::move(after);
+    return plan;
   }
 };
 
-// "<columns>" of a table: all of them or none.
-FaultTest::State columnsOf(const char *table) {
+// The number of columns of a table: all of them or none.
+std::function<std::string(RawDb &)> columnsOf(const char *table) {
   return [table](RawDb &file) { return std::to_string(file.columns(table).size()); };
 }
 
 TEST_F(LibraryOomTest, TableCreationIsWholeOrAbsent) {
-  const std::set<int32_t> statuses{DB_STATUS_SUCCESS, DB_STATUS_FAILURE};
-  fail([&] { raw().exec("DROP TABLE IF EXISTS DEVICEINFO"); }, db_createDeviceInfoTable,
-       {0, statuses, "0", "38", columnsOf("DEVICEINFO")});
+  failEach(gAllocations,
+           statePlan([&] { raw().exec("DROP TABLE IF EXISTS DEVICEINFO"); },
+                     db_createDeviceInfoTable, columnsOf("DEVICEINFO"), "0", "38"),
+           "table creation allocations");
   // A day table: its 288 slot names share one block.
-  fail([&] { raw().exec("DROP TABLE IF EXISTS RSSI1"); }, [] { return db_createRssiTab(1, 288); },
-       {0, statuses, "0", "289", columnsOf("RSSI1")});
+  failEach(gAllocations,
+           statePlan([&] { raw().exec("DROP TABLE IF EXISTS RSSI1"); },
+                     [] { return db_createRssiTab(1, 288); }, columnsOf("RSSI1"), "0", "289"),
+           "day table creation allocations");
 }
 
 TEST_F(LibraryOomTest, WritesDeletesAndDropsEndInAStatusAndLeaveTheOldOrTheNewState) {
-  const std::set<int32_t> statuses{DB_STATUS_SUCCESS, DB_STATUS_FAILURE};
-  fail([&] { resetDevice(nullptr); }, [] { return writeName("Kitchen TV"); },
-       {0, statuses, "<none>", "Kitchen TV"});
-  fail([&] { resetDevice("Old name"); }, [] { return writeName("New name"); },
-       {0, statuses, "Old name", "New name"});
-  fail([&] { resetDevice("Doomed"); }, [] { return db_deleteMacDeviceInfo(kMac); },
-       {0, statuses, "Doomed", "<none>"});
-  fail(
-      [&] {
-        if (!raw().tableExists("DEVICEINFO")) {
-          ASSERT_EQ(db_createDeviceInfoTable(), 0);
-        }
-        resetDevice("Dropped");
-      },
-      db_dropDeviceInfoTable, {0, statuses, "Dropped", "<none>"});
+  const struct {
+    const char *what;
+    const char *before;  // the row's name before the operation; null: no row
+    int32_t (*operation)();
+    const char *after;
+  } cases[] = {
+      {"insert", nullptr, [] { return writeName("Kitchen TV"); }, "Kitchen TV"},
+      {"update", "Old name", [] { return writeName("New name"); }, "New name"},
+      {"delete", "Doomed", [] { return db_deleteMacDeviceInfo(kMac); }, "<none>"},
+      {"drop", "Dropped", db_dropDeviceInfoTable, "<none>"},
+  };
+  for (const auto &c : cases) {
+    FaultPlan plan = namePlan(
+        [&] {
+          if (!raw().tableExists("DEVICEINFO")) {
+            ASSERT_EQ(db_createDeviceInfoTable(), DB_STATUS_SUCCESS);
+          }
+          resetRow(c.before);
+        },
+        c.operation, DB_STATUS_SUCCESS, {DB_STATUS_SUCCESS, DB_STATUS_FAILURE},
+        {c.before != nullptr ? c.before : "<none>", c.after});
+    plan.committed = c.after;
+    failEach(gAllocations, plan, std::string(c.what) + " allocations");
+  }
 }
 
 TEST_F(LibraryOomTest, AQueuedWriteIsParkedWhole) {
   // A node that could not hold every value would replay another write than the caller's, so
   // the queue holds the complete request or nothing.
-  fail(
+  FaultPlan parked = namePlan(
       [&] {
-        resetDevice("Before");
+        resetRow("Before");
         busy_.emplace(dbPath());
       },
       [] {
@@ -86,39 +105,47 @@ TEST_F(LibraryOomTest, AQueuedWriteIsParkedWhole) {
         EXPECT_EQ(queueCount, head != nullptr ? 1 : 0);
         return status;
       },
-      {DB_STATUS_BUSY, {DB_STATUS_BUSY, DB_STATUS_FAILURE}, "Before", "Before"});
-  points_ += failReplayOfParkedWrite(kLibraryAllocations);
+      DB_STATUS_BUSY, {DB_STATUS_BUSY, DB_STATUS_FAILURE}, {"Before"});
+  failEach(gAllocations, parked, "parked write allocations");
+  failEach(gAllocations, replayPlan(), "replay allocations");
 }
 
 TEST_F(LibraryOomTest, ReadsIntoRecordsAndSlotFillsEndInAStatus) {
-  fail(
-      [&] {
-        resetDevice("Reader");
-        raw().exec("INSERT INTO DEVICEINFO (MAC_S, FRIENDLYNAME_S) VALUES ('a', 'A'), ('b', 'B')");
-      },
-      [] {
-        DeviceInfoRecord **list = nullptr;
-        int32_t rows = 0;
-        int32_t status = db_readDeviceInfoTable(&list, &rows);
-        if (status == DB_STATUS_SUCCESS) {
-          EXPECT_EQ(rows, 3);
-          for (int32_t r = 0; r < rows; ++r) EXPECT_NE(list[r], nullptr);
-        }
-        // A failed conversion hands out the records made so far; the caller frees them alike.
-        if (list != nullptr) db_freeDeviceInfoResult(&list, rows);
-        EXPECT_EQ(list, nullptr);
-        return status;
-      },
-      {0, {DB_STATUS_SUCCESS, DB_STATUS_FAILURE}, "Reader", "Reader"});
-  // Slots 3..5 of day 1 set to 0 in one write whose column names are one block.
+  failEach(gAllocations,
+           namePlan(
+               [&] {
+                 resetRow("Reader");
+                 raw().exec("INSERT INTO DEVICEINFO (MAC_S) VALUES ('a'), ('b')");
+               },
+               [] {
+                 DeviceInfoRecord **list = nullptr;
+                 int32_t rows = 0;
+                 int32_t status = db_readDeviceInfoTable(&list, &rows);
+                 if (status == DB_STATUS_SUCCESS) {
+                   EXPECT_EQ(rows, 3);
+                   for (int32_t r = 0; r < rows; ++r) EXPECT_NE(list[r], nullptr);
+                 }
+                 // A failed conversion hands out the records made so far; they are freed alike.
+                 if (list != nullptr) db_freeDeviceInfoResult(&list, rows);
+                 EXPECT_EQ(list, nullptr);
+                 return status;
+               },
+               DB_STATUS_SUCCESS, {DB_STATUS_SUCCESS, DB_STATUS_FAILURE}, {"Reader"}),
+           "read allocations");
+  // Slots 3..5 of day 1 set to 0 in one write whose column names share one block.
   createSeriesTables();
-  const auto slots = [](RawDb &file) {
-    return file.scalar("SELECT SLOT3 || SLOT4 || SLOT5 FROM RSSI1 WHERE MAC_S = 'm'").value_or("");
-  };
-  fail([&] { raw().exec("INSERT OR REPLACE INTO RSSI1 (MAC_S, SLOT3, SLOT4, SLOT5) "
-                        "VALUES ('m', 7, 7, 7)"); },
-       [] { return db_updateRssiSlotDefaultValue(Values{"m", "3", "5"}.data()); },
-       {0, {DB_STATUS_SUCCESS, DB_STATUS_FAILURE}, "777", "000", slots});
+  failEach(gAllocations,
+           statePlan(
+               [&] {
+                 raw().exec("INSERT OR REPLACE INTO RSSI1 (MAC_S, SLOT3, SLOT4, SLOT5) "
+                            "VALUES ('m', 7, 7, 7)");
+               },
+               [] { return db_updateRssiSlotDefaultValue(Values{"m", "3", "5"}.data()); },
+               [](RawDb &file) {
+                 return file.scalar("SELECT SLOT3 || SLOT4 || SLOT5 FROM RSSI1").value_or("");
+               },
+               "777", "000"),
+           "slot fill allocations");
 }
 
 }  // namespace

@@ -1,63 +1,50 @@
 /*
  * fault_sqlite_oom.cpp - every operation with SQLite's N-th allocation failing.
  *
- * SQLite's allocator can only be replaced before the first connection exists, so these tests
- * are a program of their own whose main() installs a counting allocator first. For a write
- * that inserts, one that updates, a read into records, a queued write and its replay, each
- * allocation fails in turn (see support/fault_fixture.h for what every run must leave).
+ * SQLite's allocator can only be replaced before the first connection exists, so the fault
+ * tests are a program of their own whose main() installs a counting allocator first. A write
+ * that inserts, one that updates, a read into records, a queued write and its replay each run
+ * with every allocation failing in turn (see support/fault_common.h for what each run must
+ * leave).
  */
 #include <sqlite3.h>
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdlib>
 
-#include "support/fault_fixture.h"
+#include "support/fault_common.h"
 
 namespace {
 
-using adbtest::FaultTest;
-
 sqlite3_mem_methods gSystem;
-std::atomic<long> gCount{0};
-std::atomic<long> gFailAt{-1};
+adbtest::FaultCounter gAllocations;
 
-bool failThisOne() {
-  long failAt = gFailAt.load();
-  return failAt >= 0 && ++gCount == failAt;
-}
-
-void *faultyMalloc(int size) { return failThisOne() ? nullptr : gSystem.xMalloc(size); }
+void *faultyMalloc(int size) { return gAllocations.strikes() ? nullptr : gSystem.xMalloc(size); }
 void *faultyRealloc(void *old, int size) {
-  return failThisOne() ? nullptr : gSystem.xRealloc(old, size);
+  return gAllocations.strikes() ? nullptr : gSystem.xRealloc(old, size);
 }
 
-const adbtest::FaultSource kSqliteAllocations{
-    "SQLite allocation",
-    [](long failAt) {
-      gCount = 0;
-      gFailAt = failAt;
-    },
-    [] { return gCount.load(); }};
-
-class SqliteOomTest : public FaultTest {};
+using SqliteOomTest = adbtest::FaultTest;
 
 TEST_F(SqliteOomTest, WritesEndInAStatusAndLeaveTheOldOrTheNewRow) {
   const std::set<int32_t> statuses{DB_STATUS_SUCCESS, DB_STATUS_FAILURE, DB_STATUS_OPEN_FAILED};
-  long points = failEachPoint(
-      kSqliteAllocations, [&] { resetDevice(nullptr); }, [] { return writeName("Kitchen TV"); },
-      {0, statuses, "<none>", "Kitchen TV"});
+  adbtest::FaultPlan insert = namePlan([&] { resetRow(nullptr); },
+                                       [] { return writeName("Kitchen TV"); }, 0, statuses,
+                                       {"<none>", "Kitchen TV"});
+  insert.committed = "Kitchen TV";
+  failEach(gAllocations, insert, "insert allocations");
   // An update: the failed INSERT, then the UPDATE.
-  points += failEachPoint(
-      kSqliteAllocations, [&] { resetDevice("Old name"); }, [] { return writeName("New name"); },
-      {0, statuses, "Old name", "New name"});
-  RecordProperty("faultPoints", std::to_string(points));
+  adbtest::FaultPlan update = namePlan([&] { resetRow("Old name"); },
+                                       [] { return writeName("New name"); }, 0, statuses,
+                                       {"Old name", "New name"});
+  update.committed = "New name";
+  failEach(gAllocations, update, "update allocations");
 }
 
 TEST_F(SqliteOomTest, ReadsIntoRecordsEndInAStatusAndHandOutNothingHalfBuilt) {
-  long points = failEachPoint(
-      kSqliteAllocations, [&] { resetDevice("Reader"); },
+  adbtest::FaultPlan read = namePlan(
+      [&] { resetRow("Reader"); },
       [] {
         DeviceInfoRecord **list = nullptr;
         int32_t rows = 0;
@@ -69,31 +56,31 @@ TEST_F(SqliteOomTest, ReadsIntoRecordsEndInAStatusAndHandOutNothingHalfBuilt) {
         if (list != nullptr) db_freeDeviceInfoResult(&list, rows);
         return status;
       },
-      {0, {DB_STATUS_SUCCESS, DB_STATUS_FAILURE, DB_STATUS_EMPTY, DB_STATUS_OPEN_FAILED},
-       "Reader", "Reader"});
-  RecordProperty("faultPoints", std::to_string(points));
+      0, {DB_STATUS_SUCCESS, DB_STATUS_FAILURE, DB_STATUS_EMPTY, DB_STATUS_OPEN_FAILED},
+      {"Reader"});
+  failEach(gAllocations, read, "read allocations");
 }
 
 TEST_F(SqliteOomTest, QueuedWritesAndTheirReplayEndInAStatus) {
   // The write meets a busy file and is parked; faults hit the write's attempt.
-  long points = failEachPoint(
-      kSqliteAllocations,
+  adbtest::FaultPlan parked = namePlan(
       [&] {
-        resetDevice("Before");
+        resetRow("Before");
         busy_.emplace(dbPath());
       },
-      [] { return writeName("Parked"); },
-      {DB_STATUS_BUSY, {DB_STATUS_BUSY, DB_STATUS_FAILURE, DB_STATUS_OPEN_FAILED},
-       "Before", "Before"});
-  points += failReplayOfParkedWrite(kSqliteAllocations);
-  RecordProperty("faultPoints", std::to_string(points));
+      [] { return writeName("Parked"); }, DB_STATUS_BUSY,
+      {DB_STATUS_BUSY, DB_STATUS_FAILURE, DB_STATUS_OPEN_FAILED}, {"Before"});
+  failEach(gAllocations, parked, "parked write allocations");
+  failEach(gAllocations, replayPlan(), "replay allocations");
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
   // Thousands of short transactions: on a memory file system their syncs cost nothing.
-  if (std::getenv("TMPDIR") == nullptr && access("/dev/shm", W_OK) == 0) setenv("TMPDIR", "/dev/shm", 1);
+  if (std::getenv("TMPDIR") == nullptr && access("/dev/shm", W_OK) == 0) {
+    setenv("TMPDIR", "/dev/shm", 1);
+  }
   sqlite3_config(SQLITE_CONFIG_GETMALLOC, &gSystem);
   sqlite3_mem_methods faulty = gSystem;
   faulty.xMalloc = faultyMalloc;

@@ -3,7 +3,7 @@
  *
  * Every block the library keeps or hands to a caller (statement texts, queue nodes and their
  * value copies, record lists) is allocated here, so that a test build
- * (ANALYTICSDB_FAULT_INJECTION) can make the N-th allocation fail and check that each path
+ * (ANALYTICSDB_FAULT_INJECTION) can make any one allocation fail and check that each path
  * reports it, frees what it holds and leaves the file alone. In other builds the hook is a
  * constant and the functions are plain malloc and calloc.
  */
@@ -17,10 +17,9 @@
 
 #if defined(ANALYTICSDB_FAULT_INJECTION)
 extern "C" {
-// Test builds only. failAt > 0: the failAt-th allocation from now fails (once); 0: count only;
-// negative: off. The count returned is the number of allocations since the last arming.
-ADB_API void adb_faultFailAllocation(long failAt);
-ADB_API long adb_faultAllocationCount(void);
+// Test builds only: `fails` is asked before every allocation and makes it fail by returning
+// true; null removes the hook.
+ADB_API void adb_faultSetAllocationHook(bool (*fails)(void));
 }
 #endif
 

@@ -1,0 +1,104 @@
+// fault_common.cpp - see fault_common.h.
+#include "support/fault_common.h"
+
+#include <cstdio>
+
+namespace adbtest {
+
+void FaultTest::SetUp() {
+  DbTest::SetUp();
+  ASSERT_EQ(db_createDeviceInfoTable(), DB_STATUS_SUCCESS);
+  ryxLogSetLevel(RYX_LOG_ERROR);
+}
+
+std::string FaultTest::checkFile(const std::function<std::string(RawDb &)> &observe) {
+  EXPECT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
+  RawDb check(dbPath());
+  EXPECT_EQ(check.scalar("PRAGMA integrity_check"), Cell("ok"));
+  return observe(check);
+}
+
+long FaultTest::failEach(FaultCounter &fault, const FaultPlan &plan, const std::string &property) {
+  long total = 0;
+  // Run 0 only counts the passes; it must succeed.
+  for (long n = 0; n <= total; ++n) {
+    SCOPED_TRACE(property + ": pass " + std::to_string(n) + " of " + std::to_string(total));
+    plan.prepare();
+    EXPECT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
+    log().clear();
+    fault.arm(n);
+    const int32_t status = plan.operation();
+    const long seen = fault.disarm();
+    if (plan.settle) plan.settle(status);
+    const std::string state = checkFile(plan.observe);
+    if (n == 0) {
+      total = seen;
+      EXPECT_EQ(status, plan.clean) << "the operation fails without any fault";
+      EXPECT_GT(total, 0) << "no fault point to try";
+    } else {
+      EXPECT_TRUE(plan.allowed.count(status) == 1) << "status " << status;
+      if (status != plan.clean && fault.struck()) {
+        EXPECT_GT(log().lines().size(), 0u) << "a failed run logs nothing";
+      }
+      EXPECT_TRUE(plan.outcomes.count(state) == 1) << state;
+    }
+    if (status == plan.clean && !plan.committed.empty()) {
+      EXPECT_EQ(state, plan.committed) << "a run reports success but lost its write";
+    }
+    if (plan.cleanup) plan.cleanup();
+    if (HasFailure()) break;
+  }
+  RecordProperty(property, std::to_string(total));
+  std::printf("[ fault    ] %s: %ld fault points\n", property.c_str(), total);
+  return total;
+}
+
+FaultPlan FaultTest::namePlan(std::function<void()> prepare, std::function<int32_t()> operation,
+                              int32_t clean, std::set<int32_t> allowed,
+                              std::set<std::string> outcomes) {
+  FaultPlan plan;
+  plan.prepare = std::move(prepare);
+  plan.operation = std::move(operation);
+  plan.clean = clean;
+  plan.allowed = std::move(allowed);
+  plan.settle = [this](int32_t) { busy_.reset(); };
+  plan.observe = storedName;
+  plan.outcomes = std::move(outcomes);
+  plan.cleanup = [] {
+    for (int i = 0; i < 4 && queueCount > 0; ++i) db_processQueueEntry();
+    db_freeQueue();
+  };
+  return plan;
+}
+
+FaultPlan FaultTest::replayPlan() {
+  return namePlan(
+      [this] {
+        db_freeQueue();
+        resetRow("Before");
+        BusyHolder busy(dbPath());
+        ASSERT_EQ(writeName("Replayed"), DB_STATUS_BUSY);
+      },
+      [] { return db_processQueueEntry(); }, 0, {0, 2, 3}, {"Before", "Replayed"});
+}
+
+std::string FaultTest::storedName(RawDb &db) {
+  if (!db.tableExists("DEVICEINFO")) return "<none>";
+  return db
+      .scalar(std::string("SELECT FRIENDLYNAME_S FROM DEVICEINFO WHERE MAC_S = '") + kMac + "'")
+      .value_or("<none>");
+}
+
+void FaultTest::resetRow(const char *name) {
+  raw().exec("DELETE FROM DEVICEINFO");
+  if (name != nullptr) {
+    raw().exec(std::string("INSERT INTO DEVICEINFO (MAC_S, FRIENDLYNAME_S) VALUES ('") + kMac +
+               "', '" + name + "')");
+  }
+}
+
+int32_t FaultTest::writeName(const char *name) {
+  return db_updateDeviceInfoBeaconFName(Values{kMac, name}.data());
+}
+
+}  // namespace adbtest

@@ -1,0 +1,250 @@
+// A writer process killed at a random point: every tick it reported as committed is in the
+// file in full, no tick is there in part, the file passes integrity_check, and the library
+// writes on in it afterwards.
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "support/db_fixture.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using adbtest::Cell;
+using adbtest::RawDb;
+using adbtest::Rows;
+using adbtest::Values;
+
+constexpr int kDevices = 4;
+constexpr int kSlotsPerDay = 288;
+constexpr int kDays = 7;
+constexpr int kWeek = kSlotsPerDay * kDays;
+// One pass through the week's slots at most, so no tick overwrites an earlier tick's cell.
+constexpr int kMaxTicks = kWeek;
+constexpr int kRounds = 6;
+constexpr int kMaxTicksBeforeKill = 6;  // ticks the parent waits for before its random delay
+constexpr double kMaxTickShare = 1.5;   // the delay, in ticks of the writer's measured pace
+constexpr long kFallbackKillDelayMicros = 3000;  // where the pace is not known yet
+constexpr int kReportTimeoutMillis = 30000;      // a writer that stays silent this long is stuck
+
+std::string macOf(int device) { return "AA:BB:CC:DD:EE:0" + std::to_string(device); }
+// Ticks walk the week with a stride prime to it: every day table is written, no slot twice.
+int slotOf(int tick) { return ((tick - 1) * 37) % kWeek + 1; }
+uint32_t timestampOf(int tick) { return 1700000000u + static_cast<uint32_t>(tick) * 300u; }
+// Never 0, which an unwritten slot reads.
+std::string valueOf(int tick, int device) { return std::to_string(tick * 10 + device); }
+
+// The child: one transaction per tick with one RSSI sample per device; a tick is reported
+// through `report` once its commit returned 0. Only library calls, then _exit.
+[[noreturn]] void writeTicks(int report) {
+  ryxLogSetLevel(RYX_LOG_ERROR);
+  for (int tick = 1; tick <= kMaxTicks; ++tick) {
+    if (db_beginTransaction() != DB_STATUS_SUCCESS) _exit(10);
+    std::string time = std::to_string(timestampOf(tick));
+    std::string slot = std::to_string(slotOf(tick));
+    for (int device = 0; device < kDevices; ++device) {
+      std::string mac = macOf(device);
+      std::string value = valueOf(tick, device);
+      Values sample{mac.c_str(), time.c_str(), slot.c_str(), value.c_str()};
+      if (db_updateRssi(sample.data()) != DB_STATUS_SUCCESS) _exit(11);
+    }
+    if (db_commitTransaction() != DB_STATUS_SUCCESS) _exit(12);
+    int32_t committed = tick;
+    if (write(report, &committed, sizeof committed) != sizeof committed) _exit(13);
+  }
+  _exit(0);
+}
+
+// The next reported tick: 1 and the tick, 0 at the end of the pipe, -1 on a timeout.
+int readReport(int fd, int timeoutMillis, int32_t *tick) {
+  char *bytes = reinterpret_cast<char *>(tick);
+  size_t have = 0;
+  while (have < sizeof *tick) {
+    pollfd ready{fd, POLLIN, 0};
+    if (poll(&ready, 1, timeoutMillis) <= 0) return -1;
+    ssize_t got = read(fd, bytes + have, sizeof *tick - have);
+    if (got <= 0) return 0;
+    have += static_cast<size_t>(got);
+  }
+  return 1;
+}
+
+class CrashSafety : public adbtest::DbTest {
+ protected:
+  // Runs a writer on `path`, waits for `ticksBeforeKill` reports, then for `tickShare` of the
+  // time a tick takes, and kills it. Returns the last tick it reported (ticks are reported in
+  // order).
+  int writeAndKill(const std::string &path, int ticksBeforeKill, double tickShare) {
+    EXPECT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);  // a connection must not cross fork
+    EXPECT_EQ(database_connection, nullptr);
+    EXPECT_EQ(db_setDatabasePath(path.c_str()), DB_STATUS_SUCCESS);
+    int pipeFds[2];
+    if (pipe(pipeFds) != 0) {
+      ADD_FAILURE() << "pipe";
+      return 0;
+    }
+    pid_t writer = fork();
+    if (writer == 0) {
+      close(pipeFds[0]);
+      writeTicks(pipeFds[1]);
+    }
+    close(pipeFds[1]);
+    if (writer < 0) {
+      close(pipeFds[0]);
+      ADD_FAILURE() << "fork";
+      return 0;
+    }
+    int reported = 0;
+    int32_t tick = 0;
+    Clock::time_point firstReport{};
+    while (reported < ticksBeforeKill) {
+      int got = readReport(pipeFds[0], kReportTimeoutMillis, &tick);
+      if (got != 1) {
+        EXPECT_NE(got, -1) << "the writer reported nothing for " << kReportTimeoutMillis << " ms";
+        break;
+      }
+      EXPECT_EQ(tick, reported + 1);
+      reported = tick;
+      if (reported == 1) firstReport = Clock::now();
+    }
+    // The delay is a share of one tick's time where the writer's pace could be measured, so
+    // that the kill lands anywhere in a tick on a fast host and under emulation alike.
+    long delayMicros = kFallbackKillDelayMicros;
+    if (reported >= 2) {
+      delayMicros =
+          std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - firstReport)
+              .count() /
+          (reported - 1);
+    }
+    delayMicros = static_cast<long>(static_cast<double>(delayMicros) * tickShare);
+    if (delayMicros > 0) usleep(static_cast<useconds_t>(delayMicros));
+    kill(writer, SIGKILL);
+    int status = 0;
+    EXPECT_EQ(waitpid(writer, &status, 0), writer);
+    // The reports it made before it died.
+    while (readReport(pipeFds[0], 0, &tick) == 1) {
+      EXPECT_EQ(tick, reported + 1);
+      reported = tick;
+    }
+    close(pipeFds[0]);
+    bool killed = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+    bool finished = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    EXPECT_TRUE(killed || finished)
+        << "the writer failed (exit status " << (WIFEXITED(status) ? WEXITSTATUS(status) : -1)
+        << ") at tick " << reported + 1;
+    return reported;
+  }
+
+  // Checks the file after the writer's death; returns the number of complete ticks in it.
+  int checkTicks(const std::string &path, int reported) {
+    RawDb db(path);
+    EXPECT_EQ(db.scalar("PRAGMA integrity_check"), Cell("ok"));
+    // cells[device][slot]: the stored value, "0" where nothing was written.
+    std::vector<std::vector<std::string>> cells(kDevices, std::vector<std::string>(kWeek + 1, "0"));
+    std::map<std::string, int> deviceOf;
+    for (int device = 0; device < kDevices; ++device) deviceOf[macOf(device)] = device;
+    for (int day = 1; day <= kDays; ++day) {
+      for (const adbtest::Row &row : db.query("SELECT * FROM RSSI" + std::to_string(day))) {
+        auto found = deviceOf.find(row[0].value_or(""));
+        if (found == deviceOf.end()) continue;
+        for (int j = 1; j <= kSlotsPerDay && j < static_cast<int>(row.size()); ++j) {
+          cells[found->second][(day - 1) * kSlotsPerDay + j] = row[j].value_or("<null>");
+        }
+      }
+    }
+    int complete = 0;  // ticks 1..complete are all in the file
+    for (int tick = 1; tick <= kMaxTicks; ++tick) {
+      int present = 0;
+      for (int device = 0; device < kDevices; ++device) {
+        const std::string &cell = cells[device][slotOf(tick)];
+        if (cell == valueOf(tick, device)) {
+          ++present;
+        } else {
+          EXPECT_EQ(cell, "0") << "tick " << tick << " device " << device;
+        }
+      }
+      EXPECT_TRUE(present == 0 || present == kDevices)
+          << "tick " << tick << " is in the file for " << present << " of " << kDevices
+          << " devices";
+      if (present == kDevices) {
+        EXPECT_EQ(complete, tick - 1) << "tick " << tick << " is there, an earlier one is not";
+        complete = tick;
+      }
+    }
+    EXPECT_GE(complete, reported) << "a tick reported as committed is lost";
+    EXPECT_LE(complete, reported + 1) << "more than the one unreported tick is in the file";
+    // The index rows name the latest complete tick.
+    Rows indexRows =
+        db.query("SELECT MAC_S, TIMESTAMP, SLT_IND FROM PRIMITIVE_RSSI ORDER BY MAC_S");
+    if (complete == 0) {
+      EXPECT_TRUE(indexRows.empty());
+    } else if (indexRows.size() != static_cast<size_t>(kDevices)) {
+      ADD_FAILURE() << indexRows.size() << " index rows";
+    } else {
+      for (int device = 0; device < kDevices; ++device) {
+        EXPECT_EQ(indexRows[device],
+                  (adbtest::Row{macOf(device), std::to_string(timestampOf(complete)),
+                                std::to_string(slotOf(complete))}));
+      }
+    }
+    return complete;
+  }
+};
+
+TEST_F(CrashSafety, AKilledWriterLosesNoCommittedTickAndLeavesNoHalfTick) {
+  createSeriesTables();
+  ASSERT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
+  const std::string pristine = dbPath();
+
+  const char *fixedSeed = std::getenv("ADB_CRASH_SEED");
+  const unsigned seed = fixedSeed != nullptr
+                            ? static_cast<unsigned>(std::strtoul(fixedSeed, nullptr, 10))
+                            : std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed) +
+               " (rerun with ADB_CRASH_SEED=" + std::to_string(seed) + ")");
+  std::mt19937 random(seed);
+  std::uniform_int_distribution<int> ticksBeforeKill(0, kMaxTicksBeforeKill);
+  std::uniform_real_distribution<double> tickShare(0.0, kMaxTickShare);
+
+  for (int round = 1; round <= kRounds; ++round) {
+    const int ticks = ticksBeforeKill(random);
+    const double share = tickShare(random);
+    SCOPED_TRACE("round " + std::to_string(round) + ": killed after " + std::to_string(ticks) +
+                 " reported ticks and " + std::to_string(share) + " of a tick");
+    const std::string path = tempDir_ + "/round" + std::to_string(round) + ".db";
+    std::filesystem::copy_file(pristine, path);
+
+    const int reported = writeAndKill(path, ticks, share);
+    const int complete = checkTicks(path, reported);
+
+    // A fresh run of the library on the file writes on: the next tick of a device.
+    const int next = complete + 1;
+    const std::string mac = macOf(0);
+    const std::string time = std::to_string(timestampOf(next));
+    const std::string slot = std::to_string(slotOf(next));
+    const std::string value = valueOf(next, 0);
+    EXPECT_EQ(db_updateRssi(Values{mac.c_str(), time.c_str(), slot.c_str(), value.c_str()}.data()),
+              DB_STATUS_SUCCESS)
+        << log().dump();
+    ASSERT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
+    const int day = (slotOf(next) - 1) / kSlotsPerDay + 1;
+    RawDb db(path);
+    EXPECT_EQ(db.scalar("SELECT SLOT" + slot + " FROM RSSI" + std::to_string(day) +
+                        " WHERE MAC_S = '" + mac + "'"),
+              Cell(value));
+    if (HasFailure()) break;
+  }
+  ASSERT_EQ(db_setDatabasePath(dbPath().c_str()), DB_STATUS_SUCCESS);
+}
+
+}  // namespace
