@@ -172,6 +172,11 @@ ADB_API int32_t db_selectUnion(char *query, int32_t size);
 ADB_API int32_t db_readTableContent(const char *query, char ***cells, int32_t *rowCount,
                                     int32_t *columnCount);
 
+/* BEGIN and COMMIT on the shared connection. When an error (a failed file write or sync, no
+ * memory, a full disk) makes SQLite roll the transaction back by itself, every later write is
+ * refused with status 1 and an error line until db_commitTransaction(), which then returns 1
+ * too: the caller learns that nothing of the transaction was kept, and no write of it is
+ * committed on its own. */
 ADB_API int32_t db_beginTransaction(void);
 ADB_API int32_t db_commitTransaction(void);
 ADB_API int32_t db_beginTrans(void);
