@@ -1,15 +1,10 @@
 /*
  * fault_io_vfs.cpp - writes with the N-th file write or the N-th file sync failing.
  *
- * A shim VFS wraps the default one and is made the default while a test runs, so the library's
- * own connection (opened with no VFS name) reaches its files through it: the database file,
- * its rollback journal and any temporary file. For each operation (an insert, an update, a
- * sample into the series tables, a transaction of several writes) the operation runs once to
- * count its writes and syncs, then once for every N up to each count with the N-th write, or
- * the N-th sync, failing. Each run must end in a failure status with an error line; the
- * library must go on working on the same connection afterwards; and the file, checked from a
- * fresh connection, must pass integrity_check and hold the old rows or the new ones, never a
- * mix (for the transaction: all of its rows or none).
+ * A shim VFS, made the default while a test runs, wraps the default one, so the library's own
+ * connection reaches the database, its journal and any temporary file through it. Each run must
+ * end in a failure status with an error line, the library must write on on the same connection,
+ * and the file must hold the old rows or the new ones, never a mix (see support/fault_common.h).
  */
 #include <sqlite3.h>
 
@@ -46,83 +41,53 @@ constexpr size_t kRealFileOffset = (sizeof(ShimFile) + 15) & ~static_cast<size_t
 sqlite3_file *realOf(sqlite3_file *file) { return reinterpret_cast<ShimFile *>(file)->real; }
 const sqlite3_io_methods *methodsOf(sqlite3_file *file) { return realOf(file)->pMethods; }
 
-int shimClose(sqlite3_file *f) { return methodsOf(f)->xClose(realOf(f)); }
-int shimRead(sqlite3_file *f, void *out, int amount, sqlite3_int64 offset) {
-  return methodsOf(f)->xRead(realOf(f), out, amount, offset);
-}
-int shimWrite(sqlite3_file *f, const void *data, int amount, sqlite3_int64 offset) {
-  if (gWrites.strikes()) return SQLITE_IOERR_WRITE;
-  return methodsOf(f)->xWrite(realOf(f), data, amount, offset);
-}
-int shimTruncate(sqlite3_file *f, sqlite3_int64 size) {
-  return methodsOf(f)->xTruncate(realOf(f), size);
-}
-int shimSync(sqlite3_file *f, int flags) {
-  if (gSyncs.strikes()) return SQLITE_IOERR_FSYNC;
-  return methodsOf(f)->xSync(realOf(f), flags);
-}
-int shimFileSize(sqlite3_file *f, sqlite3_int64 *size) {
-  return methodsOf(f)->xFileSize(realOf(f), size);
-}
-int shimLock(sqlite3_file *f, int level) { return methodsOf(f)->xLock(realOf(f), level); }
-int shimUnlock(sqlite3_file *f, int level) { return methodsOf(f)->xUnlock(realOf(f), level); }
-int shimCheckReservedLock(sqlite3_file *f, int *out) {
-  return methodsOf(f)->xCheckReservedLock(realOf(f), out);
-}
-int shimFileControl(sqlite3_file *f, int op, void *arg) {
-  return methodsOf(f)->xFileControl(realOf(f), op, arg);
-}
-int shimSectorSize(sqlite3_file *f) { return methodsOf(f)->xSectorSize(realOf(f)); }
-int shimDeviceCharacteristics(sqlite3_file *f) {
-  return methodsOf(f)->xDeviceCharacteristics(realOf(f));
-}
-int shimShmMap(sqlite3_file *f, int page, int size, int extend, void volatile **out) {
-  if (methodsOf(f)->iVersion < 2) return SQLITE_IOERR_SHMMAP;
-  return methodsOf(f)->xShmMap(realOf(f), page, size, extend, out);
-}
-int shimShmLock(sqlite3_file *f, int offset, int n, int flags) {
-  if (methodsOf(f)->iVersion < 2) return SQLITE_IOERR_SHMLOCK;
-  return methodsOf(f)->xShmLock(realOf(f), offset, n, flags);
-}
-void shimShmBarrier(sqlite3_file *f) {
-  if (methodsOf(f)->iVersion >= 2) methodsOf(f)->xShmBarrier(realOf(f));
-}
-int shimShmUnmap(sqlite3_file *f, int deleteFlag) {
-  if (methodsOf(f)->iVersion < 2) return SQLITE_OK;
-  return methodsOf(f)->xShmUnmap(realOf(f), deleteFlag);
-}
-int shimFetch(sqlite3_file *f, sqlite3_int64 offset, int amount, void **out) {
-  if (methodsOf(f)->iVersion < 3) {
-    *out = nullptr;
-    return SQLITE_OK;
-  }
-  return methodsOf(f)->xFetch(realOf(f), offset, amount, out);
-}
-int shimUnfetch(sqlite3_file *f, sqlite3_int64 offset, void *page) {
-  if (methodsOf(f)->iVersion < 3) return SQLITE_OK;
-  return methodsOf(f)->xUnfetch(realOf(f), offset, page);
-}
+// A method that hands its call on to the wrapped file, or to the wrapped VFS.
+#define ADB_TO_FILE(method) \
+  [](sqlite3_file *f, auto... args) { return methodsOf(f)->method(realOf(f), args...); }
+#define ADB_TO_VFS(method) [](sqlite3_vfs *, auto... args) { return gReal->method(gReal, args...); }
 
 const sqlite3_io_methods kShimMethods = {
     .iVersion = 3,
-    .xClose = shimClose,
-    .xRead = shimRead,
-    .xWrite = shimWrite,
-    .xTruncate = shimTruncate,
-    .xSync = shimSync,
-    .xFileSize = shimFileSize,
-    .xLock = shimLock,
-    .xUnlock = shimUnlock,
-    .xCheckReservedLock = shimCheckReservedLock,
-    .xFileControl = shimFileControl,
-    .xSectorSize = shimSectorSize,
-    .xDeviceCharacteristics = shimDeviceCharacteristics,
-    .xShmMap = shimShmMap,
-    .xShmLock = shimShmLock,
-    .xShmBarrier = shimShmBarrier,
-    .xShmUnmap = shimShmUnmap,
-    .xFetch = shimFetch,
-    .xUnfetch = shimUnfetch,
+    .xClose = ADB_TO_FILE(xClose),
+    .xRead = ADB_TO_FILE(xRead),
+    .xWrite = [](sqlite3_file *f, const void *data, int amount, sqlite3_int64 offset) {
+      return gWrites.strikes() ? SQLITE_IOERR_WRITE
+                               : methodsOf(f)->xWrite(realOf(f), data, amount, offset);
+    },
+    .xTruncate = ADB_TO_FILE(xTruncate),
+    .xSync = [](sqlite3_file *f, int flags) {
+      return gSyncs.strikes() ? SQLITE_IOERR_FSYNC : methodsOf(f)->xSync(realOf(f), flags);
+    },
+    .xFileSize = ADB_TO_FILE(xFileSize),
+    .xLock = ADB_TO_FILE(xLock),
+    .xUnlock = ADB_TO_FILE(xUnlock),
+    .xCheckReservedLock = ADB_TO_FILE(xCheckReservedLock),
+    .xFileControl = ADB_TO_FILE(xFileControl),
+    .xSectorSize = ADB_TO_FILE(xSectorSize),
+    .xDeviceCharacteristics = ADB_TO_FILE(xDeviceCharacteristics),
+    // The wrapped file may have older methods than the shim declares.
+    .xShmMap = [](sqlite3_file *f, int page, int size, int extend, void volatile **out) {
+      if (methodsOf(f)->iVersion < 2) return SQLITE_IOERR_SHMMAP;
+      return methodsOf(f)->xShmMap(realOf(f), page, size, extend, out);
+    },
+    .xShmLock = [](sqlite3_file *f, int offset, int n, int flags) {
+      if (methodsOf(f)->iVersion < 2) return SQLITE_IOERR_SHMLOCK;
+      return methodsOf(f)->xShmLock(realOf(f), offset, n, flags);
+    },
+    .xShmBarrier = [](sqlite3_file *f) {
+      if (methodsOf(f)->iVersion >= 2) methodsOf(f)->xShmBarrier(realOf(f));
+    },
+    .xShmUnmap = [](sqlite3_file *f, int deleteFlag) {
+      return methodsOf(f)->iVersion < 2 ? SQLITE_OK : methodsOf(f)->xShmUnmap(realOf(f), deleteFlag);
+    },
+    .xFetch = [](sqlite3_file *f, sqlite3_int64 offset, int amount, void **out) {
+      if (methodsOf(f)->iVersion >= 3) return methodsOf(f)->xFetch(realOf(f), offset, amount, out);
+      *out = nullptr;
+      return SQLITE_OK;
+    },
+    .xUnfetch = [](sqlite3_file *f, sqlite3_int64 offset, void *page) {
+      return methodsOf(f)->iVersion < 3 ? SQLITE_OK : methodsOf(f)->xUnfetch(realOf(f), offset, page);
+    },
 };
 
 int shimOpen(sqlite3_vfs *, sqlite3_filename name, sqlite3_file *file, int flags, int *outFlags) {
@@ -133,55 +98,35 @@ int shimOpen(sqlite3_vfs *, sqlite3_filename name, sqlite3_file *file, int flags
   if (shim->real->pMethods != nullptr) shim->base.pMethods = &kShimMethods;
   return result;
 }
-int shimDelete(sqlite3_vfs *, const char *name, int syncDir) {
-  return gReal->xDelete(gReal, name, syncDir);
-}
-int shimAccess(sqlite3_vfs *, const char *name, int flags, int *out) {
-  return gReal->xAccess(gReal, name, flags, out);
-}
-int shimFullPathname(sqlite3_vfs *, const char *name, int size, char *out) {
-  return gReal->xFullPathname(gReal, name, size, out);
-}
-void *shimDlOpen(sqlite3_vfs *, const char *name) { return gReal->xDlOpen(gReal, name); }
-void shimDlError(sqlite3_vfs *, int size, char *out) { gReal->xDlError(gReal, size, out); }
-void (*shimDlSym(sqlite3_vfs *, void *library, const char *symbol))(void) {
-  return gReal->xDlSym(gReal, library, symbol);
-}
-void shimDlClose(sqlite3_vfs *, void *library) { gReal->xDlClose(gReal, library); }
-int shimRandomness(sqlite3_vfs *, int size, char *out) {
-  return gReal->xRandomness(gReal, size, out);
-}
-int shimSleep(sqlite3_vfs *, int micros) { return gReal->xSleep(gReal, micros); }
-int shimCurrentTime(sqlite3_vfs *, double *now) { return gReal->xCurrentTime(gReal, now); }
-int shimGetLastError(sqlite3_vfs *, int size, char *out) {
-  return gReal->xGetLastError(gReal, size, out);
-}
-int shimCurrentTimeInt64(sqlite3_vfs *, sqlite3_int64 *now) {
-  return gReal->xCurrentTimeInt64(gReal, now);
-}
 
 // Makes the shim the default VFS; false when there is no default to wrap.
 bool installShim() {
   gReal = sqlite3_vfs_find(nullptr);
   if (gReal == nullptr || gReal->iVersion < 2) return false;
-  gShim = sqlite3_vfs{};
-  gShim.iVersion = 2;
-  gShim.szOsFile = static_cast<int>(kRealFileOffset) + gReal->szOsFile;
-  gShim.mxPathname = gReal->mxPathname;
-  gShim.zName = "adbtest-faulty-io";
-  gShim.xOpen = shimOpen;
-  gShim.xDelete = shimDelete;
-  gShim.xAccess = shimAccess;
-  gShim.xFullPathname = shimFullPathname;
-  gShim.xDlOpen = shimDlOpen;
-  gShim.xDlError = shimDlError;
-  gShim.xDlSym = shimDlSym;
-  gShim.xDlClose = shimDlClose;
-  gShim.xRandomness = shimRandomness;
-  gShim.xSleep = shimSleep;
-  gShim.xCurrentTime = shimCurrentTime;
-  gShim.xGetLastError = shimGetLastError;
-  gShim.xCurrentTimeInt64 = shimCurrentTimeInt64;
+  gShim = sqlite3_vfs{
+      .iVersion = 2,
+      .szOsFile = static_cast<int>(kRealFileOffset) + gReal->szOsFile,
+      .mxPathname = gReal->mxPathname,
+      .pNext = nullptr,
+      .zName = "adbtest-faulty-io",
+      .pAppData = nullptr,
+      .xOpen = shimOpen,
+      .xDelete = ADB_TO_VFS(xDelete),
+      .xAccess = ADB_TO_VFS(xAccess),
+      .xFullPathname = ADB_TO_VFS(xFullPathname),
+      .xDlOpen = ADB_TO_VFS(xDlOpen),
+      .xDlError = ADB_TO_VFS(xDlError),
+      .xDlSym = ADB_TO_VFS(xDlSym),
+      .xDlClose = ADB_TO_VFS(xDlClose),
+      .xRandomness = ADB_TO_VFS(xRandomness),
+      .xSleep = ADB_TO_VFS(xSleep),
+      .xCurrentTime = ADB_TO_VFS(xCurrentTime),
+      .xGetLastError = ADB_TO_VFS(xGetLastError),
+      .xCurrentTimeInt64 = ADB_TO_VFS(xCurrentTimeInt64),
+      .xSetSystemCall = nullptr,
+      .xGetSystemCall = nullptr,
+      .xNextSystemCall = nullptr,
+  };
   return sqlite3_vfs_register(&gShim, 1) == SQLITE_OK;
 }
 
@@ -224,24 +169,15 @@ class IoFaultTest : public adbtest::FaultTest {
   FaultPlan withChecks(FaultPlan plan, FaultCounter &fault) {
     plan.settle = [this, &fault](int32_t) {
       if (fault.struck()) {
-        EXPECT_GT(errorLines(), 0u) << "a failed write or sync is not logged";
+        EXPECT_GT(log().countAt(RYX_LOG_ERROR), 0u) << "a failed write or sync is not logged";
       }
       raw().exec(std::string("DELETE FROM DEVICEINFO WHERE MAC_S = '") + kOtherMac + "'");
       EXPECT_EQ(db_updateDeviceInfoBeaconFName(Values{kOtherMac, "After"}.data()),
                 DB_STATUS_SUCCESS)
           << "the library fails on after the fault";
-      EXPECT_EQ(raw().scalar(std::string("SELECT FRIENDLYNAME_S FROM DEVICEINFO WHERE MAC_S = '") +
-                             kOtherMac + "'"),
-                Cell("After"))
-          << "a later write is not committed";
+      EXPECT_EQ(nameOf(raw(), kOtherMac), "After") << "a later write is not committed";
     };
     return plan;
-  }
-
-  size_t errorLines() {
-    size_t n = 0;
-    for (const adbtest::LogLine &line : log().lines()) n += (line.level == RYX_LOG_ERROR);
-    return n;
   }
 };
 
@@ -281,22 +217,9 @@ TEST_F(IoFaultTest, ATransactionThatSqliteRolledBackRefusesWritesUntilItsCommit)
 }
 
 TEST_F(IoFaultTest, InventoryWritesFailWholeAndLeaveTheOldOrTheNewRow) {
-  FaultPlan insert;
-  insert.prepare = [&] { resetRow(nullptr); };
-  insert.operation = [] { return writeName("Kitchen TV"); };
-  insert.allowed = {DB_STATUS_FAILURE};
-  insert.observe = storedName;
-  insert.outcomes = {"<none>", "Kitchen TV"};
-  insert.committed = "Kitchen TV";
-  failEveryWriteAndSync(insert, "insert");
-
-  // The INSERT meets the key, then the UPDATE writes.
-  FaultPlan update = insert;
-  update.prepare = [&] { resetRow("Old name"); };
-  update.operation = [] { return writeName("New name"); };
-  update.outcomes = {"Old name", "New name"};
-  update.committed = "New name";
-  failEveryWriteAndSync(update, "update");
+  for (const NameWrite &write : kNameWrites) {
+    failEveryWriteAndSync(writePlan(write, {DB_STATUS_FAILURE}), write.what);
+  }
 }
 
 TEST_F(IoFaultTest, SampleWritesLeaveEachRowOldOrNew) {
@@ -346,12 +269,7 @@ TEST_F(IoFaultTest, TransactionsCommitAllTheirWritesOrNone) {
   transaction.allowed = {DB_STATUS_FAILURE};
   transaction.observe = [](RawDb &db) {
     std::string names;
-    for (const char *mac : kTransactionMacs) {
-      names += (names.empty() ? "" : ",") +
-               db.scalar(std::string("SELECT FRIENDLYNAME_S FROM DEVICEINFO WHERE MAC_S = '") +
-                         mac + "'")
-                   .value_or("<none>");
-    }
+    for (const char *mac : kTransactionMacs) names += (names.empty() ? "" : ",") + nameOf(db, mac);
     return names;
   };
   transaction.outcomes = {"Old name,<none>,<none>", "New name,Second,Third"};

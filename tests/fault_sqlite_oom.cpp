@@ -28,18 +28,11 @@ void *faultyRealloc(void *old, int size) {
 using SqliteOomTest = adbtest::FaultTest;
 
 TEST_F(SqliteOomTest, WritesEndInAStatusAndLeaveTheOldOrTheNewRow) {
-  const std::set<int32_t> statuses{DB_STATUS_SUCCESS, DB_STATUS_FAILURE, DB_STATUS_OPEN_FAILED};
-  adbtest::FaultPlan insert = namePlan([&] { resetRow(nullptr); },
-                                       [] { return writeName("Kitchen TV"); }, 0, statuses,
-                                       {"<none>", "Kitchen TV"});
-  insert.committed = "Kitchen TV";
-  failEach(gAllocations, insert, "insert allocations");
-  // An update: the failed INSERT, then the UPDATE.
-  adbtest::FaultPlan update = namePlan([&] { resetRow("Old name"); },
-                                       [] { return writeName("New name"); }, 0, statuses,
-                                       {"Old name", "New name"});
-  update.committed = "New name";
-  failEach(gAllocations, update, "update allocations");
+  for (const NameWrite &write : kNameWrites) {
+    failEach(gAllocations,
+             writePlan(write, {DB_STATUS_SUCCESS, DB_STATUS_FAILURE, DB_STATUS_OPEN_FAILED}),
+             std::string(write.what) + " allocations");
+  }
 }
 
 TEST_F(SqliteOomTest, ReadsIntoRecordsEndInAStatusAndHandOutNothingHalfBuilt) {

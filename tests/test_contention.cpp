@@ -15,10 +15,7 @@
 //    drain never meets another process's lock.
 // ADB_CONTENTION_SEED=<n> repeats a run's random choices (pauses, key order, bursts); the
 // timing of the processes, and so the figures, differ from run to run.
-#include <poll.h>
-#include <signal.h>
 #include <sqlite3.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -35,11 +32,15 @@
 #include <thread>
 #include <vector>
 
+#include "support/child_process.h"
 #include "support/db_fixture.h"
 
 namespace {
 
 using adbtest::Cell;
+using adbtest::Child;
+using adbtest::receiveByte;
+using adbtest::sendBytes;
 using adbtest::Row;
 using adbtest::Values;
 using Clock = std::chrono::steady_clock;
@@ -121,58 +122,19 @@ struct Figures {
   int32_t skippedCalls = 0;   // calls left out because the file stayed busy
   int32_t leftInQueue = 0;    // after the final drain
 
+  static constexpr size_t kCount = 13;  // the figures above, all int32_t
+
   int32_t replayed() const { return removed - dropped; }
   Figures &operator+=(const Figures &other) {
-    writes += other.writes;
-    busy += other.busy;
-    failed += other.failed;
-    queued += other.queued;
-    removed += other.removed;
-    dropped += other.dropped;
-    attempts += other.attempts;
-    lost += other.lost;
-    stalls += other.stalls;
-    plainCalls += other.plainCalls;
-    reservedCalls += other.reservedCalls;
-    skippedCalls += other.skippedCalls;
-    leftInQueue += other.leftInQueue;
+    int32_t mine[kCount], theirs[kCount];
+    std::memcpy(mine, this, sizeof mine);
+    std::memcpy(theirs, &other, sizeof theirs);
+    for (size_t i = 0; i < kCount; ++i) mine[i] += theirs[i];
+    std::memcpy(this, mine, sizeof mine);
     return *this;
   }
 };
-
-/* ---------------------------------------------------------------- pipes ---- */
-
-bool sendBytes(int fd, const void *data, size_t size) {
-  const char *bytes = static_cast<const char *>(data);
-  while (size > 0) {
-    ssize_t sent = write(fd, bytes, size);
-    if (sent <= 0) return false;
-    bytes += sent;
-    size -= static_cast<size_t>(sent);
-  }
-  return true;
-}
-
-// False on end of file, error or when `timeoutMs` passes first.
-bool receiveBytes(int fd, void *data, size_t size, int timeoutMs) {
-  char *bytes = static_cast<char *>(data);
-  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (size > 0) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-    pollfd ready{fd, POLLIN, 0};
-    if (left.count() <= 0 || poll(&ready, 1, static_cast<int>(left.count())) <= 0) return false;
-    ssize_t got = read(fd, bytes, size);
-    if (got <= 0) return false;
-    bytes += got;
-    size -= static_cast<size_t>(got);
-  }
-  return true;
-}
-
-bool receiveByte(int fd, char expected, int timeoutMs) {
-  char byte = 0;
-  return receiveBytes(fd, &byte, 1, timeoutMs) && byte == expected;
-}
+static_assert(sizeof(Figures) == Figures::kCount * sizeof(int32_t), "a figure that is not summed");
 
 /* ---------------------------------------------------------------- a writer process ---- */
 
@@ -313,95 +275,6 @@ class Writer {
 
 /* ---------------------------------------------------------------- the parent's side ---- */
 
-struct Child {
-  pid_t pid = -1;
-  int reportFd = -1;  // read end
-  int goFd = -1;      // write end
-};
-
-// The writer processes; any still running when the test ends early are killed and reaped.
-class Writers {
- public:
-  ~Writers() {
-    for (Child &child : children_) {
-      if (child.pid > 0) {
-        kill(child.pid, SIGKILL);
-        waitpid(child.pid, nullptr, 0);
-      }
-      if (child.reportFd >= 0) close(child.reportFd);
-      if (child.goFd >= 0) close(child.goFd);
-    }
-  }
-
-  // False when the fork or a pipe fails.
-  bool start(int writer, uint32_t seed) {
-    int report[2];
-    int go[2];
-    if (pipe(report) != 0) return false;
-    if (pipe(go) != 0) {
-      close(report[0]);
-      close(report[1]);
-      return false;
-    }
-    pid_t pid = fork();
-    if (pid == 0) {
-      // The parent's ends of every pipe stay with the parent, so that a writer sees the end of
-      // file when the parent dies and stops waiting.
-      for (const Child &other : children_) {
-        close(other.reportFd);
-        close(other.goFd);
-      }
-      close(report[0]);
-      close(go[1]);
-      Writer(writer, seed).run(report[1], go[0]);
-    }
-    close(report[1]);
-    close(go[0]);
-    children_.push_back({pid, report[0], go[1]});
-    return pid > 0;
-  }
-
-  std::vector<Child> &children() { return children_; }
-
-  // True when the child ended by itself with status 0.
-  static bool reap(Child &child) {
-    int status = 0;
-    bool reaped = waitpid(child.pid, &status, 0) == child.pid;
-    child.pid = -1;
-    return reaped && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-  }
-
- private:
-  std::vector<Child> children_;
-};
-
-// A connection that holds the file with BEGIN EXCLUSIVE in bursts; it waits for the writers'
-// short locks itself, so that each burst begins.
-class BurstHolder {
- public:
-  explicit BurstHolder(const std::string &path) {
-    sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE, nullptr);
-    // Short waits: SQLite's own busy timeout sleeps in steps of up to 100 ms.
-    sqlite3_busy_handler(
-        db_,
-        [](void *, int waits) {
-          std::this_thread::sleep_for(std::chrono::microseconds(kHolderWaitUs));
-          return waits < kHolderWaits ? 1 : 0;
-        },
-        nullptr);
-  }
-  ~BurstHolder() { sqlite3_close_v2(db_); }
-  BurstHolder(const BurstHolder &) = delete;
-  BurstHolder &operator=(const BurstHolder &) = delete;
-  bool hold() {
-    return sqlite3_exec(db_, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr) == SQLITE_OK;
-  }
-  void release() { sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr); }
-
- private:
-  sqlite3 *db_ = nullptr;
-};
-
 uint32_t seedOfRun() {
   if (const char *given = std::getenv("ADB_CONTENTION_SEED")) {
     return static_cast<uint32_t>(std::strtoul(given, nullptr, 10));
@@ -454,18 +327,6 @@ class Contention : public adbtest::DbTest {
     }
   }
 
-  // Empty when the file holds exactly the writes; otherwise where it first departs from them.
-  static std::string departure(const std::vector<std::string> &written,
-                               const std::vector<std::string> &inFile) {
-    if (inFile == written) return {};
-    size_t i = 0;
-    while (i < written.size() && i < inFile.size() && written[i] == inFile[i]) ++i;
-    return "write #" + std::to_string(i) + ": written " +
-           (i < written.size() ? written[i] : "nothing") + ", in the file " +
-           (i < inFile.size() ? inFile[i] : "nothing") + " (" + std::to_string(written.size()) +
-           " written, " + std::to_string(inFile.size()) + " in the file)";
-  }
-
   std::vector<std::string> column(const std::string &sql) {
     std::vector<std::string> values;
     for (const Row &row : raw().query(sql)) values.push_back(row.at(0).value_or("NULL"));
@@ -494,12 +355,9 @@ class Contention : public adbtest::DbTest {
                     Cell(std::to_string(valueOf(writer, key, step))))
               << mac << " step " << step;
         }
-        EXPECT_EQ(departure(names, column("SELECT NAME FROM AUDIT_NAMES" + where)), "") << mac;
-        EXPECT_EQ(departure(index, column("SELECT TS || '@' || SLOT FROM AUDIT_INDEX" + where)), "")
-            << mac;
-        EXPECT_EQ(
-            departure(slots, column("SELECT DAY || ':' || INDEXSLOT FROM AUDIT_SLOTS" + where)), "")
-            << mac;
+        EXPECT_EQ(column("SELECT NAME FROM AUDIT_NAMES" + where), names) << mac;
+        EXPECT_EQ(column("SELECT TS || '@' || SLOT FROM AUDIT_INDEX" + where), index) << mac;
+        EXPECT_EQ(column("SELECT DAY || ':' || INDEXSLOT FROM AUDIT_SLOTS" + where), slots) << mac;
         EXPECT_EQ(raw().scalar("SELECT FRIENDLYNAME_S FROM DEVICEINFO WHERE MAC_S = '" + mac + "'"),
                   Cell(names.back()));
         EXPECT_EQ(raw().scalar("SELECT TIMESTAMP || '@' || SLT_IND FROM PRIMITIVE_RSSI "
@@ -524,35 +382,38 @@ TEST_F(Contention, WritersUnderBurstsOfABusyFileLoseNothingAndKeepEachKeysOrder)
   // A connection must not cross a fork: each writer opens its own.
   ASSERT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
 
-  // A writer that dies must not take the test with it through a write to its pipe.
-  struct sigaction ignore {};
-  struct sigaction previous {};
-  ignore.sa_handler = SIG_IGN;
-  sigaction(SIGPIPE, &ignore, &previous);
-  struct RestoreSigpipe {
-    struct sigaction saved;
-    ~RestoreSigpipe() { sigaction(SIGPIPE, &saved, nullptr); }
-  } restore{previous};
-
   const Clock::time_point started = Clock::now();
-  Writers writers;
-  for (int writer = 0; writer < kWriters; ++writer) ASSERT_TRUE(writers.start(writer, seed));
+  adbtest::Children writers;
+  for (int writer = 0; writer < kWriters; ++writer) {
+    ASSERT_TRUE(writers.start([&](int report, int go) { Writer(writer, seed).run(report, go); }));
+  }
 
   int bursts = 0;
   {
-    BurstHolder holder(dbPath());
+    // The holder's connection waits for the writers' short locks in short steps (SQLite's own
+    // busy timeout sleeps up to 100 ms at a time), so that each burst begins.
+    adbtest::RawDb holder(dbPath());
+    sqlite3_busy_handler(
+        holder.handle(),
+        [](void *, int waits) {
+          std::this_thread::sleep_for(std::chrono::microseconds(kHolderWaitUs));
+          return waits < kHolderWaits ? 1 : 0;
+        },
+        nullptr);
+    auto hold = [&holder] { return holder.tryExec("BEGIN EXCLUSIVE") == SQLITE_OK; };
+    auto release = [&holder] { holder.tryExec("COMMIT"); };
     // Every writer's first step meets the held file, so that contention is certain.
-    ASSERT_TRUE(holder.hold());
-    for (Child &child : writers.children()) ASSERT_TRUE(sendBytes(child.goFd, &kStart, 1));
-    for (Child &child : writers.children()) {
+    ASSERT_TRUE(hold());
+    for (Child &child : writers.all()) ASSERT_TRUE(sendBytes(child.goFd, &kStart, 1));
+    for (Child &child : writers.all()) {
       ASSERT_TRUE(receiveByte(child.reportFd, kFirstStepDone, kHangGuardMs));
     }
-    holder.release();
-    for (Child &child : writers.children()) ASSERT_TRUE(sendBytes(child.goFd, &kReleased, 1));
+    release();
+    for (Child &child : writers.all()) ASSERT_TRUE(sendBytes(child.goFd, &kReleased, 1));
     // Then bursts of a few milliseconds held and free, until every writer has written all.
     int written = 0;
     std::vector<pollfd> reports;
-    for (Child &child : writers.children()) reports.push_back({child.reportFd, POLLIN, 0});
+    for (Child &child : writers.all()) reports.push_back({child.reportFd, POLLIN, 0});
     while (written < kWriters) {
       ASSERT_LT(Clock::now() - started, std::chrono::milliseconds(kHangGuardMs)) << "writers hang";
       int freeMs = kMinFreeMs + static_cast<int>(random() % (kMaxFreeMs - kMinFreeMs + 1));
@@ -566,22 +427,24 @@ TEST_F(Contention, WritersUnderBurstsOfABusyFileLoseNothingAndKeepEachKeysOrder)
       }
       if (written == kWriters) break;
       // A burst that could not begin (the writers kept the file) is simply left out.
-      if (!holder.hold()) continue;
+      if (!hold()) continue;
       std::this_thread::sleep_for(
           std::chrono::microseconds(kMinHoldUs + random() % (kMaxHoldUs - kMinHoldUs + 1)));
-      holder.release();
+      release();
       ++bursts;
     }
   }
 
   // The final drains, one writer at a time on a file nobody else touches.
   Figures total;
-  for (Child &child : writers.children()) {
+  for (Child &child : writers.all()) {
     Figures figures;
     ASSERT_TRUE(sendBytes(child.goFd, &kDrain, 1));
-    ASSERT_TRUE(receiveBytes(child.reportFd, &figures, sizeof figures, kHangGuardMs))
+    ASSERT_EQ(adbtest::receiveBytes(child.reportFd, &figures, sizeof figures, kHangGuardMs),
+              adbtest::Received::kAll)
         << "no figures from writer " << child.pid;
-    ASSERT_TRUE(Writers::reap(child)) << "a writer did not end cleanly";
+    const int status = adbtest::Children::reap(child);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "a writer did not end cleanly";
     total += figures;
   }
   const auto elapsed =

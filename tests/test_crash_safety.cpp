@@ -1,11 +1,6 @@
 // A writer process killed at a random point: every tick it reported as committed is in the
 // file in full, no tick is there in part, the file passes integrity_check, and the library
 // writes on in it afterwards.
-#include <poll.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -15,12 +10,14 @@
 #include <string>
 #include <vector>
 
+#include "support/child_process.h"
 #include "support/db_fixture.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using adbtest::Cell;
+using adbtest::Received;
 using adbtest::RawDb;
 using adbtest::Rows;
 using adbtest::Values;
@@ -65,20 +62,6 @@ std::string valueOf(int tick, int device) { return std::to_string(tick * 10 + de
   _exit(0);
 }
 
-// The next reported tick: 1 and the tick, 0 at the end of the pipe, -1 on a timeout.
-int readReport(int fd, int timeoutMillis, int32_t *tick) {
-  char *bytes = reinterpret_cast<char *>(tick);
-  size_t have = 0;
-  while (have < sizeof *tick) {
-    pollfd ready{fd, POLLIN, 0};
-    if (poll(&ready, 1, timeoutMillis) <= 0) return -1;
-    ssize_t got = read(fd, bytes + have, sizeof *tick - have);
-    if (got <= 0) return 0;
-    have += static_cast<size_t>(got);
-  }
-  return 1;
-}
-
 class CrashSafety : public adbtest::DbTest {
  protected:
   // Runs a writer on `path`, waits for `ticksBeforeKill` reports, then for `tickShare` of the
@@ -88,33 +71,30 @@ class CrashSafety : public adbtest::DbTest {
     EXPECT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);  // a connection must not cross fork
     EXPECT_EQ(database_connection, nullptr);
     EXPECT_EQ(db_setDatabasePath(path.c_str()), DB_STATUS_SUCCESS);
-    int pipeFds[2];
-    if (pipe(pipeFds) != 0) {
-      ADD_FAILURE() << "pipe";
-      return 0;
-    }
-    pid_t writer = fork();
-    if (writer == 0) {
-      close(pipeFds[0]);
-      writeTicks(pipeFds[1]);
-    }
-    close(pipeFds[1]);
-    if (writer < 0) {
-      close(pipeFds[0]);
+    adbtest::Children children;
+    if (!children.start([](int report, int) { writeTicks(report); })) {
       ADD_FAILURE() << "fork";
       return 0;
     }
+    adbtest::Child &writer = children.all().front();
     int reported = 0;
-    int32_t tick = 0;
+    auto nextReport = [&](int timeoutMillis) {
+      int32_t tick = 0;
+      Received got = adbtest::receiveBytes(writer.reportFd, &tick, sizeof tick, timeoutMillis);
+      if (got == Received::kAll) {
+        EXPECT_EQ(tick, reported + 1);
+        reported = tick;
+      }
+      return got;
+    };
     Clock::time_point firstReport{};
     while (reported < ticksBeforeKill) {
-      int got = readReport(pipeFds[0], kReportTimeoutMillis, &tick);
-      if (got != 1) {
-        EXPECT_NE(got, -1) << "the writer reported nothing for " << kReportTimeoutMillis << " ms";
+      Received got = nextReport(kReportTimeoutMillis);
+      if (got != Received::kAll) {
+        EXPECT_NE(got, Received::kTimeout)
+            << "the writer reported nothing for " << kReportTimeoutMillis << " ms";
         break;
       }
-      EXPECT_EQ(tick, reported + 1);
-      reported = tick;
       if (reported == 1) firstReport = Clock::now();
     }
     // The delay is a share of one tick's time where the writer's pace could be measured, so
@@ -128,20 +108,15 @@ class CrashSafety : public adbtest::DbTest {
     }
     delayMicros = static_cast<long>(static_cast<double>(delayMicros) * tickShare);
     if (delayMicros > 0) usleep(static_cast<useconds_t>(delayMicros));
-    kill(writer, SIGKILL);
-    int status = 0;
-    EXPECT_EQ(waitpid(writer, &status, 0), writer);
+    kill(writer.pid, SIGKILL);
+    const int status = adbtest::Children::reap(writer);
     // The reports it made before it died.
-    while (readReport(pipeFds[0], 0, &tick) == 1) {
-      EXPECT_EQ(tick, reported + 1);
-      reported = tick;
+    while (nextReport(0) == Received::kAll) {
     }
-    close(pipeFds[0]);
     bool killed = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
     bool finished = WIFEXITED(status) && WEXITSTATUS(status) == 0;
     EXPECT_TRUE(killed || finished)
-        << "the writer failed (exit status " << (WIFEXITED(status) ? WEXITSTATUS(status) : -1)
-        << ") at tick " << reported + 1;
+        << "the writer failed (wait status " << status << ") at tick " << reported + 1;
     return reported;
   }
 
@@ -184,19 +159,13 @@ class CrashSafety : public adbtest::DbTest {
     EXPECT_GE(complete, reported) << "a tick reported as committed is lost";
     EXPECT_LE(complete, reported + 1) << "more than the one unreported tick is in the file";
     // The index rows name the latest complete tick.
-    Rows indexRows =
-        db.query("SELECT MAC_S, TIMESTAMP, SLT_IND FROM PRIMITIVE_RSSI ORDER BY MAC_S");
-    if (complete == 0) {
-      EXPECT_TRUE(indexRows.empty());
-    } else if (indexRows.size() != static_cast<size_t>(kDevices)) {
-      ADD_FAILURE() << indexRows.size() << " index rows";
-    } else {
-      for (int device = 0; device < kDevices; ++device) {
-        EXPECT_EQ(indexRows[device],
-                  (adbtest::Row{macOf(device), std::to_string(timestampOf(complete)),
-                                std::to_string(slotOf(complete))}));
-      }
+    Rows expectedIndex;
+    for (int device = 0; complete > 0 && device < kDevices; ++device) {
+      expectedIndex.push_back({macOf(device), std::to_string(timestampOf(complete)),
+                               std::to_string(slotOf(complete))});
     }
+    EXPECT_EQ(db.query("SELECT MAC_S, TIMESTAMP, SLT_IND FROM PRIMITIVE_RSSI ORDER BY MAC_S"),
+              expectedIndex);
     return complete;
   }
 };

@@ -101,10 +101,7 @@ TEST_F(Delete, DropsDayAndIndexTablesAlsoWhenMissing) {
 
 TEST_F(Delete, WaitsBehindAQueuedWriteOfTheSameKeyAndReplaysInOrder) {
   Values device{"aa:bb", "5"};
-  {
-    adbtest::BusyHolder holder(dbPath());
-    EXPECT_EQ(db_updateDeviceInfoCapacity(device.data()), DB_STATUS_BUSY);
-  }
+  EXPECT_EQ(whileBusy([&] { return db_updateDeviceInfoCapacity(device.data()); }), DB_STATUS_BUSY);
   EXPECT_EQ(queueCount, 1);
   // Same key: queued behind the write; another key goes straight to the file. (The queue
   // compares keys as given, letter case included.)
@@ -142,8 +139,7 @@ TEST_F(Delete, ReplaysOfDropsKeepTheirHistoricNames) {
   EXPECT_FALSE(raw().tableExists("PRIMITIVE_BANDWIDTHRX"));
 
   // A queued day drop without its day is removed without dropping anything.
-  Values noDay{nullptr, nullptr};
-  ASSERT_EQ(db_manageQueue(DB_STATUS_BUSY, 33, noDay.data(), 2, "RSSI"), 0);
+  ASSERT_EQ(db_manageQueue(DB_STATUS_BUSY, 33, Values{nullptr, nullptr}.data(), 2, "RSSI"), 0);
   ASSERT_EQ(queueCount, 1);
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
   EXPECT_EQ(queueCount, 0);

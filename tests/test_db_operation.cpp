@@ -15,17 +15,11 @@ using adbtest::DbTest;
 
 class Operation : public DbTest {
  protected:
-  int32_t openAndWrite(const char *sql) {
-    EXPECT_EQ(db_open(), DB_STATUS_SUCCESS);
-    return db_write(sql);
-  }
   void createDevices() {
-    ASSERT_EQ(openAndWrite("CREATE TABLE T (MAC_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE, V INTEGER)"),
-              DB_STATUS_SUCCESS);
-  }
-  size_t errorLines() {
-    return std::count_if(log().lines().begin(), log().lines().end(),
-                         [](const adbtest::LogLine &line) { return line.level == RYX_LOG_ERROR; });
+    ASSERT_EQ(db_open(), DB_STATUS_SUCCESS);
+    ASSERT_EQ(
+        db_write("CREATE TABLE T (MAC_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE, V INTEGER)"),
+        DB_STATUS_SUCCESS);
   }
 };
 
@@ -60,11 +54,13 @@ TEST_F(Operation, OpensLazilyOnceAndAgainAfterClose) {
 }
 
 TEST_F(Operation, OpenFailureReturns6AndStaysClosed) {
-  ASSERT_EQ(db_setDatabasePath((tempDir_ + "/missing/dir/analytics.db").c_str()), DB_STATUS_SUCCESS);
+  ASSERT_EQ(db_setDatabasePath((tempDir_ + "/missing/dir/analytics.db").c_str()),
+            DB_STATUS_SUCCESS);
   EXPECT_EQ(db_open(), DB_STATUS_OPEN_FAILED);
   EXPECT_EQ(database_connection, nullptr);
-  EXPECT_TRUE(log().has(RYX_LOG_ERROR,
-                        "[analyticsDB] Opening connection failed ret 14 message: unable to open database file\n"))
+  EXPECT_TRUE(log().has(
+      RYX_LOG_ERROR,
+      "[analyticsDB] Opening connection failed ret 14 message: unable to open database file\n"))
       << log().dump();
   EXPECT_EQ(db_writeQuery("CREATE TABLE X (A)"), DB_STATUS_OPEN_FAILED);
 }
@@ -78,20 +74,20 @@ TEST_F(Operation, PathSettersRefuseBadPaths) {
   EXPECT_EQ(db_setProfileMarkerPath(std::string(300, 'b').c_str()), DB_STATUS_FAILURE);
 }
 
-TEST_F(Operation, StatusOfEveryOutcome) {
+TEST_F(Operation, StatusOfEveryOutcomeAndABusyDatabaseAtOnce) {
   createDevices();
   EXPECT_EQ(db_write("INSERT INTO T VALUES('aa', 1)"), DB_STATUS_SUCCESS);
 
   // Duplicate key: 4, and only a debug line, since insert-or-update expects it.
   log().clear();
   EXPECT_EQ(db_write("INSERT INTO T VALUES('AA', 2)"), DB_STATUS_CONSTRAINT);
-  EXPECT_EQ(errorLines(), 0u) << log().dump();
+  EXPECT_EQ(log().countAt(RYX_LOG_ERROR), 0u) << log().dump();
   EXPECT_EQ(log().countContaining("WRITE Error: UNIQUE constraint failed: T.MAC_S ret : 19"), 1u);
 
   // Another constraint (NOT NULL) is an error line and still 4.
   log().clear();
   EXPECT_EQ(db_write("INSERT INTO T VALUES(NULL, 2)"), DB_STATUS_CONSTRAINT);
-  EXPECT_EQ(errorLines(), 1u);
+  EXPECT_EQ(log().countAt(RYX_LOG_ERROR), 1u);
 
   // A missing table is 5 for writes and reads, with its own line.
   log().clear();
@@ -111,14 +107,10 @@ TEST_F(Operation, StatusOfEveryOutcome) {
   ASSERT_EQ(db_read("SELECT * FROM T WHERE V > 100", &cells, &rows, &columns), DB_STATUS_SUCCESS);
   EXPECT_EQ(rows, 0);
   db_freeResult(&cells);
-}
 
-TEST_F(Operation, BusyDatabaseReturns3AtOnce) {
-  createDevices();
+  // A database held by another connection: 3 at once, for writes and reads.
   adbtest::BusyHolder holder(dbPath());
   EXPECT_EQ(db_write("INSERT INTO T VALUES('bb', 1)"), DB_STATUS_BUSY);
-  char **cells = nullptr;
-  int32_t rows = 0, columns = 0;
   EXPECT_EQ(db_read("SELECT * FROM T", &cells, &rows, &columns), DB_STATUS_BUSY);
   EXPECT_EQ(cells, nullptr);
   holder.release();
@@ -135,11 +127,9 @@ TEST_F(Operation, ProfilesStatementsOnlyWhileTheMarkerExists) {
   log().clear();
   EXPECT_EQ(db_write("INSERT INTO T VALUES('cc', 1)"), DB_STATUS_CONSTRAINT);  // measured too
   ASSERT_EQ(log().countContaining("Profile"), 1u) << log().dump();
-  const adbtest::LogLine *line = nullptr;
-  for (const auto &l : log().lines()) {
-    if (l.text.find("Profile") != std::string::npos) line = &l;
-  }
-  ASSERT_NE(line, nullptr);
+  auto line = std::find_if(log().lines().begin(), log().lines().end(), [](const auto &l) {
+    return l.text.find("Profile") != std::string::npos;
+  });
   EXPECT_EQ(line->level, RYX_LOG_INFO);
   EXPECT_EQ(line->where(), "db_operation db_write");
   std::string message(line->message());

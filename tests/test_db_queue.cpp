@@ -45,11 +45,10 @@ class QueueTest : public adbtest::DbTest {
 
 TEST_F(QueueTest, OnlyBusyWritesParkAPrivateCopyThatHoldsBackItsKey) {
   Values values0{"aa:bb", "1"};
-  EXPECT_EQ(db_manageQueue(-1, kCapacityId, values0.data(), 2, "DEVICEINFO"), 0);
-  EXPECT_TRUE(log().has(RYX_LOG_DEBUG, "[analyticsDB] Queue: Status -1 Func 4\n"));
-  for (int32_t status : {0, 1, 2, 4, 5, 6}) {
+  for (int32_t status : {-1, 0, 1, 2, 4, 5, 6}) {
     EXPECT_EQ(db_manageQueue(status, kCapacityId, values0.data(), 2, "DEVICEINFO"), 0);
   }
+  EXPECT_TRUE(log().has(RYX_LOG_DEBUG, "[analyticsDB] Queue: Status -1 Func 4\n"));
   EXPECT_EQ(adbtest::queueHead(), nullptr);
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
   db_deleteQueueEntry();
@@ -58,10 +57,7 @@ TEST_F(QueueTest, OnlyBusyWritesParkAPrivateCopyThatHoldsBackItsKey) {
   char mac[] = "aa:bb:cc:00:00:01";
   char capacity[] = "7";
   char *values[] = {mac, capacity};
-  {
-    adbtest::BusyHolder holder(dbPath());
-    EXPECT_EQ(db_updateDeviceInfoCapacity(values), DB_STATUS_BUSY);
-  }
+  EXPECT_EQ(whileBusy([&] { return db_updateDeviceInfoCapacity(values); }), DB_STATUS_BUSY);
   WriteRequestNode *head = adbtest::queueHead();
   ASSERT_NE(head, nullptr);
   EXPECT_EQ(lastNode, head);
@@ -82,8 +78,8 @@ TEST_F(QueueTest, OnlyBusyWritesParkAPrivateCopyThatHoldsBackItsKey) {
   EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] - Add Queue  func[4]  Table[DEVICEINFO]\n"));
   EXPECT_TRUE(log().has(RYX_LOG_INFO, "[analyticsDB] Added Queue func[4]  Table[DEVICEINFO]\n"));
   EXPECT_EQ(capacityOf("aa:bb:cc:00:00:01"), std::nullopt);
-  Values other{"aa:bb:cc:00:00:02", "5"};
-  EXPECT_EQ(db_updateDeviceInfoCapacity(other.data()), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_updateDeviceInfoCapacity(Values{"aa:bb:cc:00:00:02", "5"}.data()),
+            DB_STATUS_SUCCESS);
   EXPECT_EQ(capacityOf("aa:bb:cc:00:00:02"), Cell("5"));
   EXPECT_EQ(db_manageQueue(-1, 9, values, 1, "MESHTOPO"), 0);  // same key, another family
   EXPECT_EQ(queueCount, 2);
@@ -171,16 +167,14 @@ TEST_F(QueueTest, LimitsOfEntriesAndOfAttemptsPerCall) {
   EXPECT_TRUE(log().has(RYX_LOG_ERROR,
                         "Queue has MAX number of entries. Queue count [320] MAX value [320]\n"));
   // Before writing, a full queue lets the request past it, even behind a waiting key.
-  Values waiting{"k0", "9"};
-  EXPECT_EQ(db_manageQueue(-1, kCapacityId, waiting.data(), 2, "DEVICEINFO"), 0);
+  EXPECT_EQ(db_manageQueue(-1, kCapacityId, Values{"k0", "9"}.data(), 2, "DEVICEINFO"), 0);
   EXPECT_TRUE(log().has(RYX_LOG_ERROR,
                         "Queue has MAX number of entries. Queue count [320] MAX value [320]"));
   EXPECT_EQ(queueCount, 320);
 
   // The append itself has no limit; one call replays 320 requests and leaves the rest.
-  Values extra{"extra", "1"};
   pthread_mutex_lock(&lock);
-  EXPECT_EQ(db_updateQueue(kCapacityId, extra.data(), 2, "DEVICEINFO"), 1);
+  EXPECT_EQ(db_updateQueue(kCapacityId, Values{"extra", "1"}.data(), 2, "DEVICEINFO"), 1);
   pthread_mutex_unlock(&lock);
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_EMPTY);
   EXPECT_TRUE(
@@ -209,10 +203,8 @@ TEST_F(QueueTest, RelatedEntriesShareFamilyAndKeyPrefix) {
   EXPECT_TRUE(
       log().has(RYX_LOG_ERROR, "[analyticsDB]  Table Name to be checked in queue is empty\n"));
 
-  Values sameKey{"aa:bb:cc", "2"};
-  Values otherKey{"cc:dd", "2"};
-  EXPECT_EQ(db_manageQueue(-1, kCapacityId, sameKey.data(), 2, "DEVICEINFO"), 1);
-  EXPECT_EQ(db_manageQueue(-1, kCapacityId, otherKey.data(), 2, "DEVICEINFO"), 0);
+  EXPECT_EQ(db_manageQueue(-1, kCapacityId, Values{"aa:bb:cc", "2"}.data(), 2, "DEVICEINFO"), 1);
+  EXPECT_EQ(db_manageQueue(-1, kCapacityId, Values{"cc:dd", "2"}.data(), 2, "DEVICEINFO"), 0);
   EXPECT_EQ(adbtest::queueLength(), 2);
 
   // A queued request without a key holds back every request of its family.
@@ -239,8 +231,7 @@ TEST_F(QueueTest, NodeNeverHoldsMoreThanItsCapacity) {
   EXPECT_EQ(queueCount, 1);
 
   // Filling by hand copies no more than the node holds, whatever count it records.
-  std::vector<std::string> sixty(60, "x");
-  Values values(sixty);
+  Values values(std::vector<std::string>(60, "x"));
   auto *node = static_cast<WriteRequestNode *>(std::calloc(1, sizeof(WriteRequestNode)));
   std::string longName(200, 'T');
   EXPECT_EQ(queue_fillDetails(node, 3, values.data(), 60, longName.c_str()), 0);
@@ -256,8 +247,7 @@ TEST_F(QueueTest, NodeNeverHoldsMoreThanItsCapacity) {
 
 TEST_F(QueueTest, DumpRepeatsEarlierValuesOnEveryLine) {
   park("aa", "1");
-  Values mesh{"m1", nullptr};
-  db_manageQueue(DB_STATUS_BUSY, 9, mesh.data(), 2, "MESHTOPO");
+  db_manageQueue(DB_STATUS_BUSY, 9, Values{"m1", nullptr}.data(), 2, "MESHTOPO");
   db_manageQueue(DB_STATUS_BUSY, 34, nullptr, 0, "DEVICEINFO");
   log().clear();
   db_printQueue();
@@ -295,8 +285,7 @@ TEST_F(QueueTest, DumpRepeatsEarlierValuesOnEveryLine) {
 
 TEST_F(QueueTest, FindMatchComparesIdCountAndValuePrefixes) {
   park("aa:bb", "7");
-  Values mesh{"m1", nullptr};
-  db_manageQueue(DB_STATUS_BUSY, 9, mesh.data(), 2, "MESHTOPO");
+  db_manageQueue(DB_STATUS_BUSY, 9, Values{"m1", nullptr}.data(), 2, "MESHTOPO");
   WriteRequestNode *capacity = adbtest::queueHead();
 
   EXPECT_EQ(db_findMatch(capacity, 4, Values{"aa", "7"}.data(), 2), 1);

@@ -1,7 +1,6 @@
 // Raw results into typed records: each conversion kind and cut, the slot records, the conversions
 // into caller storage, and the free functions.
 #include <cstring>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -239,81 +238,63 @@ TEST_F(ResultApi, SlotRecordsPlaceSlotsByNumberOrByColumnOrder) {
 
 namespace {
 
-// Converts into a list variable that holds a sentinel, checks the sentinel survived.
+// An empty result for each conversion, and a null list for its free function: the conversion
+// returns 2 and leaves the caller's list variable alone; both log with `level`, the conversion
+// as `label` and the free function as "<freed> struct is already NULL<end>".
 template <typename Record>
-int32_t convertKeepingList(int32_t (*convert)(char **, Record ***, int32_t, int32_t), char **cells,
-                           int32_t rows, int32_t columns) {
-  Record *sentinel[1] = {nullptr};
-  Record **list = sentinel;
-  int32_t status = convert(cells, &list, rows, columns);
-  EXPECT_EQ(list, sentinel);
-  return status;
-}
-
-struct ListCase {
-  const char *label;  // as it stands in the conversion's messages
-  int level;
-  std::function<int32_t(char **, int32_t, int32_t)> convert;
-  const char *alreadyFreed;
-  std::function<void()> freeNullList;
-};
-
-#define ADB_LIST_CASE(label, level, convert, Record, freeFunction, freed, end) \
-  ListCase {                                                                   \
-    label, level,                                                              \
-        [](char **cells, int32_t rows, int32_t columns) {                      \
-          return convertKeepingList(convert, cells, rows, columns);            \
-        },                                                                     \
-        "[analyticsDB] " freed " struct is already NULL" end, [] {             \
-          Record **list = nullptr;                                             \
-          freeFunction(&list, 3);                                              \
-          freeFunction(nullptr, 0);                                            \
-        }                                                                      \
+void expectEmptyAndNull(adbtest::LogCapture &log, const char *label, int level,
+                        int32_t (*convert)(char **, Record ***, int32_t, int32_t),
+                        void (*free)(Record ***, int32_t), const std::string &freed) {
+  SCOPED_TRACE(label);
+  Values header{"MAC_S", "aa:bb"};
+  const struct {
+    char **cells;
+    int32_t rows, columns;
+  } empties[] = {{nullptr, 3, 4}, {header.data(), 0, 1}, {header.data(), 1, 0}};
+  for (const auto &empty : empties) {
+    log.clear();
+    Record *sentinel[1] = {nullptr};
+    Record **list = sentinel;
+    EXPECT_EQ(convert(empty.cells, &list, empty.rows, empty.columns), 2);
+    EXPECT_EQ(list, sentinel);
+    EXPECT_TRUE(log.has(level, std::string("[analyticsDB] ") + label +
+                                   " result array NULL / rowcount " + std::to_string(empty.rows) +
+                                   " columcount " + std::to_string(empty.columns) + "\n"))
+        << log.dump();
   }
+  log.clear();
+  Record **list = nullptr;
+  free(&list, 3);
+  free(nullptr, 0);
+  EXPECT_EQ(log.count(level, "[analyticsDB] " + freed), 2u) << log.dump();
+}
 
 }  // namespace
 
 TEST_F(ResultApi, EmptyResultsAndNullListsAreReportedWithTheirOwnMessages) {
-  const ListCase cases[] = {
-      ADB_LIST_CASE("Meshtopo", RYX_LOG_ERROR, db_structMeshTopo, MeshTopoRecord,
-                    db_freeMeshTopoResult, "Meshtopo", " \n"),
-      ADB_LIST_CASE("DeviceInfo", RYX_LOG_ERROR, db_structDeviceInfo, DeviceInfoRecord,
-                    db_freeDeviceInfoResult, "DeviceInfo", "\n"),
-      ADB_LIST_CASE("clients", RYX_LOG_DEBUG, db_structClientsCapability, ClientCapabilityRecord,
-                    db_freeClientsResult, "Client capability", " \n"),
-      ADB_LIST_CASE("DeviceThreshold", RYX_LOG_ERROR, db_structDeviceThreshold,
-                    DeviceThresholdRecord, db_freeDeviceThresholdResult, "DeviceThreshold", "\n"),
-      ADB_LIST_CASE("SubscriberInfo", RYX_LOG_ERROR, db_structSubscriberInfo, SubscriberInfoRecord,
-                    db_freeSubscriberInfoResult, "SubscriberInfo", "\n"),
-      ADB_LIST_CASE("DeviceTimestamp", RYX_LOG_ERROR, db_readTimestampResult, DeviceTimestampRecord,
-                    db_freeDpClientHandleResult, "DeviceTimestamp", "\n"),
-      ADB_LIST_CASE("primtive bandwidth", RYX_LOG_ERROR, db_structPrimitiveDayTable,
-                    PrimitiveDayTableRecord, db_freePrimitiveDayTable, "primitive bandwidth tbl",
-                    "\n"),
-      ADB_LIST_CASE("BandWidth", RYX_LOG_ERROR, db_structBandWidth, BandWidthRecord,
-                    db_freeBandWidthResult, "BandWidth", "\n"),
-      ADB_LIST_CASE("perday", RYX_LOG_ERROR, db_readRateStruct, RateRecord, db_freeRateResult,
-                    "Bandwidth per day", "\n"),
-  };
-  Values header{"MAC_S", "aa:bb"};
-  for (const ListCase &c : cases) {
-    SCOPED_TRACE(c.label);
-    log().clear();
-    EXPECT_EQ(c.convert(nullptr, 3, 4), 2);
-    EXPECT_EQ(c.convert(header.data(), 0, 1), 2);  // a header row without data rows
-    EXPECT_EQ(c.convert(header.data(), 1, 0), 2);
-    const std::string prefix = std::string("[analyticsDB] ") + c.label + " result array NULL";
-    EXPECT_TRUE(log().has(c.level, prefix + " / rowcount 3 columcount 4\n")) << log().dump();
-    EXPECT_TRUE(log().has(c.level, prefix + " / rowcount 0 columcount 1\n"));
-    EXPECT_TRUE(log().has(c.level, prefix + " / rowcount 1 columcount 0\n"));
-    log().clear();
-    c.freeNullList();
-    EXPECT_EQ(log().count(c.level, c.alreadyFreed), 2u) << log().dump();
-  }
+  expectEmptyAndNull(log(), "Meshtopo", RYX_LOG_ERROR, db_structMeshTopo, db_freeMeshTopoResult,
+                     "Meshtopo struct is already NULL \n");
+  expectEmptyAndNull(log(), "DeviceInfo", RYX_LOG_ERROR, db_structDeviceInfo,
+                     db_freeDeviceInfoResult, "DeviceInfo struct is already NULL\n");
+  expectEmptyAndNull(log(), "clients", RYX_LOG_DEBUG, db_structClientsCapability,
+                     db_freeClientsResult, "Client capability struct is already NULL \n");
+  expectEmptyAndNull(log(), "DeviceThreshold", RYX_LOG_ERROR, db_structDeviceThreshold,
+                     db_freeDeviceThresholdResult, "DeviceThreshold struct is already NULL\n");
+  expectEmptyAndNull(log(), "SubscriberInfo", RYX_LOG_ERROR, db_structSubscriberInfo,
+                     db_freeSubscriberInfoResult, "SubscriberInfo struct is already NULL\n");
+  expectEmptyAndNull(log(), "DeviceTimestamp", RYX_LOG_ERROR, db_readTimestampResult,
+                     db_freeDpClientHandleResult, "DeviceTimestamp struct is already NULL\n");
+  expectEmptyAndNull(log(), "primtive bandwidth", RYX_LOG_ERROR, db_structPrimitiveDayTable,
+                     db_freePrimitiveDayTable, "primitive bandwidth tbl struct is already NULL\n");
+  expectEmptyAndNull(log(), "BandWidth", RYX_LOG_ERROR, db_structBandWidth, db_freeBandWidthResult,
+                     "BandWidth struct is already NULL\n");
+  expectEmptyAndNull(log(), "perday", RYX_LOG_ERROR, db_readRateStruct, db_freeRateResult,
+                     "Bandwidth per day struct is already NULL\n");
   // The lines name the exported function that was called.
   ASSERT_FALSE(log().lines().empty());
   EXPECT_EQ(log().lines().back().where(), "db_result_api db_freeRateResult");
   // A list variable the caller did not give cannot take a list.
+  Values header{"MAC_S", "aa:bb"};
   EXPECT_EQ(db_structMeshTopo(header.data(), nullptr, 1, 1), 1);
 }
 

@@ -8,15 +8,12 @@
  * name itself, or, when it holds a quote, the name cut to the escaper's bound; the library's reads
  * hand back the same text cut to their record fields.
  */
-#include <sqlite3.h>
-
 #include <algorithm>
-#include <cstring>
 #include <map>
 #include <string>
 #include <vector>
 
-#include "support/db_fixture.h"
+#include "support/inventory_writers.h"
 
 namespace {
 
@@ -57,51 +54,16 @@ std::string renderedValue(const std::string &column, const std::string &value) {
   return isTextColumn(column) ? "'" + renderedBody(value) + "'" : value;
 }
 
-struct Writer {
-  const char *name;
-  int32_t (*write)(char **);
-  const char *table;
-  char **fields;
-  int32_t count;
-};
+using adbtest::InventoryWriter;
 
-const Writer kWriters[] = {
-    {"db_updateDeviceInfoTable", db_updateDeviceInfoTable, "DEVICEINFO", deviceInfoFields, 38},
-    {"db_updateDeviceInfoPrimitiveFields", db_updateDeviceInfoPrimitiveFields, "DEVICEINFO",
-     devInfoAddedStatusUpdate, 19},
-    {"db_updateDeviceInfoLanFields", db_updateDeviceInfoLanFields, "DEVICEINFO", devInfoLanUpdate,
-     7},
-    {"db_updateDeviceInfoCapacity", db_updateDeviceInfoCapacity, "DEVICEINFO",
-     devInfoCapacityUpdate, 2},
-    {"db_updateDeviceInfoRssiFields", db_updateDeviceInfoRssiFields, "DEVICEINFO",
-     devInfoRssiFields, 5},
-    {"db_updateDeviceInfoBeaconFields", db_updateDeviceInfoBeaconFields, "DEVICEINFO",
-     devInfoBeaconFields, 6},
-    {"db_updateDeviceInfoOpsFields", db_updateDeviceInfoOpsFields, "DEVICEINFO", devInfoOpsFields,
-     4},
-    {"db_updateDeviceInfoPreferredBandFields", db_updateDeviceInfoPreferredBandFields,
-     "DEVICEINFO", devInfoPreferredBandFields, 2},
-    {"db_updateDeviceInfoBeaconFName", db_updateDeviceInfoBeaconFName, "DEVICEINFO",
-     devInfoBeaconFnameFields, 2},
-    {"db_updateDeviceInfoBandSteeringFields", db_updateDeviceInfoBandSteeringFields, "DEVICEINFO",
-     devInfoBandSteeringFields, 2},
-    {"db_updateDeviceInfoIsBridgedFields", db_updateDeviceInfoIsBridgedFields, "DEVICEINFO",
-     devInfoIsBridgedFields, 2},
-    {"db_updateMeshTopoTable", db_updateMeshTopoTable, "MESHTOPO", meshTopoFields, 9},
-    {"db_updateClientsTable", db_updateClientsTable, "CLIENTS", clientsFields, 24},
-    {"db_updateSubscriberInfoTable", db_updateSubscriberInfoTable, "SUBSCRIBERINFO",
-     subscriberInfoFields, 2},
-    {"db_updateDeviceThresholdTable", db_updateDeviceThresholdTable, "DEVICETHRESHOLD",
-     deviceThresholdFields, 15},
-    {"db_updateCmaInfoTable", db_updateCmaInfoTable, "CMAINFO", cmaInfoFields, 2},
-};
-
-const char *const kTables[] = {"DEVICEINFO", "MESHTOPO", "CLIENTS",
+const char *const kTables[] = {"DEVICEINFO",     "MESHTOPO",        "CLIENTS",
                                "SUBSCRIBERINFO", "DEVICETHRESHOLD", "CMAINFO"};
-const std::map<std::string, std::string> kKeyColumn = {
-    {"DEVICEINFO", "MAC_S"},        {"MESHTOPO", "MAC_S"},
-    {"CLIENTS", "MAC_S"},           {"SUBSCRIBERINFO", "SERIALNUMBER_S"},
-    {"DEVICETHRESHOLD", "DEVICECLASS_S"}, {"CMAINFO", "TABLENAME_S"}};
+const std::map<std::string, std::string> kKeyColumn = {{"DEVICEINFO", "MAC_S"},
+                                                       {"MESHTOPO", "MAC_S"},
+                                                       {"CLIENTS", "MAC_S"},
+                                                       {"SUBSCRIBERINFO", "SERIALNUMBER_S"},
+                                                       {"DEVICETHRESHOLD", "DEVICECLASS_S"},
+                                                       {"CMAINFO", "TABLENAME_S"}};
 // Every table holds this row before each write; only a LIKE pattern may reach it.
 constexpr const char *kBystanderKey = "aa:bb:cc:dd:ee:ff";
 
@@ -120,7 +82,8 @@ std::vector<std::string> hostileNames() {
       "'",
       "''",
       "\\'; --",
-      "Wohnzimmer-TV \xe2\x80\x9e" "Bravia\xe2\x80\x9c \xe2\x80\x94 \xe6\x97\xa5\xe6\x9c\xac "
+      "Wohnzimmer-TV \xe2\x80\x9e"
+      "Bravia\xe2\x80\x9c \xe2\x80\x94 \xe6\x97\xa5\xe6\x9c\xac "
       "\xf0\x9f\x99\x82 l'\xc3\xa9t\xc3\xa9",
       std::string(4096, 'x'),
       // With the key and one text column these fill the INSERT value list exactly, and by one
@@ -151,53 +114,45 @@ std::vector<std::string> hostileNames() {
   return names;
 }
 
-std::vector<std::string> columnsOf(const Writer &writer) {
-  return std::vector<std::string>(writer.fields, writer.fields + writer.count);
-}
-
 // Values of one write: `key` first, then `text` in text columns and `number` elsewhere.
-std::vector<std::string> valuesFor(const Writer &writer, const std::string &key,
+std::vector<std::string> valuesFor(const InventoryWriter &writer, const std::string &key,
                                    const std::string &text, const std::string &number) {
   std::vector<std::string> values{key};
-  for (int32_t i = 1; i < writer.count; ++i) {
-    values.push_back(isTextColumn(writer.fields[i]) ? text : number);
+  for (size_t i = 1; i < writer.columns.size(); ++i) {
+    values.push_back(isTextColumn(writer.columns[i]) ? text : number);
   }
   return values;
 }
 
-bool insertFits(const Writer &writer, const std::vector<std::string> &values) {
+bool insertFits(const InventoryWriter &writer, const std::vector<std::string> &values) {
   size_t length = 0;
-  for (int32_t i = 0; i < writer.count; ++i) {
-    length += (i > 0 ? 1 : 0) + renderedValue(writer.fields[i], values[i]).size();
+  for (size_t i = 0; i < writer.columns.size(); ++i) {
+    length += (i > 0 ? 1 : 0) + renderedValue(writer.columns[i], values[i]).size();
   }
   return length <= kInsertListRoom;
 }
 
-bool updateFits(const Writer &writer, const std::vector<std::string> &values) {
+bool updateFits(const InventoryWriter &writer, const std::vector<std::string> &values) {
   // The condition is sized from the unescaped key: a key whose escaped form is longer loses
   // its closing quote.
-  if (isTextColumn(writer.fields[0]) && renderedBody(values[0]).size() > values[0].size()) {
+  if (isTextColumn(writer.columns[0]) && renderedBody(values[0]).size() > values[0].size()) {
     return false;
   }
   size_t length = 0;
-  for (int32_t i = 1; i < writer.count; ++i) {
-    length += (i > 1 ? 1 : 0) + std::strlen(writer.fields[i]) + 1 +
-              renderedValue(writer.fields[i], values[i]).size();
+  for (size_t i = 1; i < writer.columns.size(); ++i) {
+    length += (i > 1 ? 1 : 0) + writer.columns[i].size() + 1 +
+              renderedValue(writer.columns[i], values[i]).size();
   }
   return length <= kUpdateListRoom;
 }
+
+using Snapshot = std::map<std::string, Rows>;
 
 class HostileInputTest : public adbtest::DbTest {
  protected:
   void SetUp() override {
     DbTest::SetUp();
-    ASSERT_EQ(db_createDeviceInfoTable(), DB_STATUS_SUCCESS);
-    ASSERT_EQ(db_createMeshTopoTable(), DB_STATUS_SUCCESS);
-    ASSERT_EQ(db_createClientsTable(), DB_STATUS_SUCCESS);
-    ASSERT_EQ(db_createSubscriberInfoTable(), DB_STATUS_SUCCESS);
-    ASSERT_EQ(db_createDeviceThresholdTable(), DB_STATUS_SUCCESS);
-    ASSERT_EQ(db_createCmaInfoTable(), DB_STATUS_SUCCESS);
-    ASSERT_EQ(sqlite3_open(dbPath().c_str(), &db_), SQLITE_OK);
+    createInventoryTables();
     // Hundreds of writes: durability is not what this test is about, composition is.
     ASSERT_EQ(db_writeQuery("PRAGMA synchronous = OFF"), DB_STATUS_SUCCESS);
     ASSERT_EQ(db_writeQuery("PRAGMA journal_mode = MEMORY"), DB_STATUS_SUCCESS);
@@ -205,39 +160,13 @@ class HostileInputTest : public adbtest::DbTest {
     // Statements of several KiB each would pile up in the captured debug lines.
     ryxLogSetLevel(RYX_LOG_NOTICE);
   }
-  void TearDown() override {
-    sqlite3_close(db_);
-    DbTest::TearDown();
-  }
 
-  // Rows of a query with one bound text parameter (when given), in rowid order.
-  Rows query(const std::string &sql, const std::string *parameter = nullptr) {
-    sqlite3_stmt *statement = nullptr;
-    Rows rows;
-    EXPECT_EQ(sqlite3_prepare_v2(db_, sql.c_str(), -1, &statement, nullptr), SQLITE_OK) << sql;
-    if (parameter != nullptr) {
-      sqlite3_bind_text(statement, 1, parameter->data(), static_cast<int>(parameter->size()),
-                        SQLITE_TRANSIENT);
-    }
-    while (sqlite3_step(statement) == SQLITE_ROW) {
-      adbtest::Row row;
-      for (int c = 0; c < sqlite3_column_count(statement); ++c) {
-        const auto *text = reinterpret_cast<const char *>(sqlite3_column_text(statement, c));
-        row.push_back(text ? Cell(std::string(text, sqlite3_column_bytes(statement, c)))
-                           : Cell());
-      }
-      rows.push_back(row);
-    }
-    sqlite3_finalize(statement);
-    return rows;
-  }
-
-  std::map<std::string, Rows> snapshot() {
-    std::map<std::string, Rows> tables;
+  Snapshot snapshot() {
+    Snapshot tables{
+        {"schema", raw().query("SELECT type, name, sql FROM sqlite_master ORDER BY name")}};
     for (const char *table : kTables) {
-      tables[table] = query(std::string("SELECT rowid, * FROM ") + table + " ORDER BY rowid");
+      tables[table] = raw().query(std::string("SELECT rowid, * FROM ") + table + " ORDER BY rowid");
     }
-    tables["schema"] = query("SELECT type, name, sql FROM sqlite_master ORDER BY name");
     return tables;
   }
 
@@ -251,118 +180,106 @@ class HostileInputTest : public adbtest::DbTest {
     raw().exec(sql + "COMMIT;");
   }
 
-  // The written columns of the rows of `table` whose key matches `pattern` with LIKE.
-  Rows writtenColumns(const Writer &writer, const std::string &where, const std::string &key) {
+  // Columns `from`.. of the writer's rows whose key compares with `key` through `match`.
+  Rows rowsByKey(const InventoryWriter &writer, size_t from, const char *match,
+                 const std::string &key) {
     std::string list;
-    for (int32_t i = 0; i < writer.count; ++i) list += (i > 0 ? "," : "") + std::string(writer.fields[i]);
-    return query("SELECT " + list + " FROM " + writer.table + " WHERE " + kKeyColumn.at(writer.table) +
-                     where + " ORDER BY rowid",
-                 &key);
+    for (size_t i = from; i < writer.columns.size(); ++i) {
+      list += (i > from ? "," : "") + writer.columns[i];
+    }
+    return raw().query("SELECT " + list + " FROM " + writer.table + " WHERE " +
+                           kKeyColumn.at(writer.table) + match + " ORDER BY rowid",
+                       {key});
   }
 
   // One write followed by the UPDATE of the same key, with every check of the file.
-  void writeTwice(const Writer &writer, const std::vector<std::string> &first,
+  void writeTwice(const InventoryWriter &writer, const std::vector<std::string> &first,
                   const std::vector<std::string> &second) {
-    const std::vector<std::string> columns = columnsOf(writer);
     resetTables();
-    auto before = snapshot();
+    Snapshot before = snapshot();
+    auto othersAsBefore = [&](Snapshot &now) {
+      for (const char *table : kTables) {
+        if (table != std::string(writer.table)) {
+          EXPECT_EQ(now[table], before[table]) << table;
+        }
+      }
+    };
 
     const bool inserted = insertFits(writer, first);
     EXPECT_EQ(writer.write(Values(first).data()), inserted ? DB_STATUS_SUCCESS : DB_STATUS_FAILURE);
-    auto afterInsert = snapshot();
+    Snapshot afterInsert = snapshot();
     if (!inserted) {
       EXPECT_EQ(afterInsert, before) << "a refused INSERT changed the file";
       return;
     }
-    for (const char *table : kTables) {
-      if (table != std::string(writer.table)) {
-        EXPECT_EQ(afterInsert[table], before[table]) << table;
-      }
-    }
+    othersAsBefore(afterInsert);
     EXPECT_EQ(afterInsert["schema"], before["schema"]);
     ASSERT_EQ(afterInsert[writer.table].size(), before[writer.table].size() + 1);
     EXPECT_EQ(afterInsert[writer.table].front(), before[writer.table].front())
         << "the bystander row changed";
     const std::string storedKey = storedText(first[0]);
-    Rows row = writtenColumns(writer, " = ?", storedKey);
+    Rows row = rowsByKey(writer, 0, " = ?", storedKey);
     ASSERT_EQ(row.size(), 1u) << "the new row is not found by its key";
-    for (int32_t i = 0; i < writer.count; ++i) {
-      if (isTextColumn(columns[i])) {
-        EXPECT_EQ(row[0][i], storedText(first[i])) << columns[i];
+    for (size_t i = 0; i < writer.columns.size(); ++i) {
+      if (isTextColumn(writer.columns[i])) {
+        EXPECT_EQ(row[0][i], storedText(first[i])) << writer.columns[i];
       }
     }
 
     // The UPDATE reaches every row whose key matches the stored key as a LIKE pattern.
-    Rows matched = query(std::string("SELECT rowid FROM ") + writer.table + " WHERE " +
-                             kKeyColumn.at(writer.table) + " LIKE ? ORDER BY rowid",
-                         &storedKey);
+    Rows matched = raw().query(std::string("SELECT rowid FROM ") + writer.table + " WHERE " +
+                                   kKeyColumn.at(writer.table) + " LIKE ? ORDER BY rowid",
+                               {storedKey});
     // The second write composes its INSERT first, so that too must fit before any UPDATE runs.
     const bool updated = insertFits(writer, second) && updateFits(writer, second);
     EXPECT_EQ(writer.write(Values(second).data()), updated ? DB_STATUS_SUCCESS : DB_STATUS_FAILURE);
-    auto afterUpdate = snapshot();
+    Snapshot afterUpdate = snapshot();
     if (!updated) {
       EXPECT_EQ(afterUpdate, afterInsert) << "a refused UPDATE changed the file";
       return;
     }
-    for (const char *table : kTables) {
-      if (table != std::string(writer.table)) {
-        EXPECT_EQ(afterUpdate[table], before[table]) << table;
-      }
-    }
+    othersAsBefore(afterUpdate);
     const Rows &was = afterInsert[writer.table];
     const Rows &is = afterUpdate[writer.table];
     ASSERT_EQ(is.size(), was.size());
     for (size_t r = 0; r < is.size(); ++r) {
-      bool reached = std::find(matched.begin(), matched.end(), adbtest::Row{is[r][0]}) !=
-                     matched.end();
-      if (!reached) {
+      if (std::find(matched.begin(), matched.end(), adbtest::Row{is[r][0]}) == matched.end()) {
         EXPECT_EQ(is[r], was[r]) << "row " << r << " changed without matching the key";
       }
     }
-    Rows reachedRows = query("SELECT " + [&] {
-      std::string list;
-      for (int32_t i = 1; i < writer.count; ++i) list += (i > 1 ? "," : "") + columns[i];
-      return list;
-    }() + " FROM " + writer.table + " WHERE " + kKeyColumn.at(writer.table) + " LIKE ?",
-                             &storedKey);
-    EXPECT_EQ(reachedRows.size(), matched.size());
-    for (const auto &reachedRow : reachedRows) {
-      for (int32_t i = 1; i < writer.count; ++i) {
-        if (isTextColumn(columns[i])) {
-          EXPECT_EQ(reachedRow[i - 1], storedText(second[i])) << columns[i];
+    Rows reached = rowsByKey(writer, 1, " LIKE ?", storedKey);
+    EXPECT_EQ(reached.size(), matched.size());
+    for (const adbtest::Row &reachedRow : reached) {
+      for (size_t i = 1; i < writer.columns.size(); ++i) {
+        if (isTextColumn(writer.columns[i])) {
+          EXPECT_EQ(reachedRow[i - 1], storedText(second[i])) << writer.columns[i];
         }
       }
     }
   }
 
-  sqlite3 *db_ = nullptr;
-};
-
-// A `char **` of values where an empty Cell is a null entry.
-class Nullable {
- public:
-  explicit Nullable(const std::vector<Cell> &cells) {
-    for (const Cell &cell : cells) storage_.push_back(cell.value_or(""));
-    for (size_t i = 0; i < cells.size(); ++i) {
-      pointers_.push_back(cells[i] ? storage_[i].data() : nullptr);
-    }
+  // A whole-table read: as many records as `expected` rows, each handed to `check`.
+  template <typename Record, typename Check>
+  void eachRecord(int32_t (*read)(Record ***, int32_t *), void (*free)(Record ***, int32_t),
+                  const Rows &expected, Check check) {
+    Record **list = nullptr;
+    int32_t rows = 0;
+    ASSERT_EQ(read(&list, &rows), DB_STATUS_SUCCESS);
+    ASSERT_EQ(static_cast<size_t>(rows), expected.size());
+    for (int32_t r = 0; r < rows; ++r) check(*list[r], expected[r]);
+    free(&list, rows);
   }
-  char **data() { return pointers_.data(); }
-
- private:
-  std::vector<std::string> storage_;
-  std::vector<char *> pointers_;
 };
 
-std::string cut(const Cell &cell, size_t fieldSize) {
-  return cell ? cell->substr(0, fieldSize - 1) : std::string();
-}
+// The text a record field of `size` bytes holds for the cell.
+std::string cut(const Cell &cell, size_t size) { return cell ? cell->substr(0, size - 1) : ""; }
 
 TEST_F(HostileInputTest, EveryWriterStoresHostileNamesAsDataAndTouchesNothingElse) {
   const std::vector<std::string> names = hostileNames();
-  for (const Writer &writer : kWriters) {
+  for (const InventoryWriter &listed : adbtest::inventoryWriters()) {
+    const InventoryWriter writer = adbtest::withColumns(listed, raw());
     for (const std::string &name : names) {
-      SCOPED_TRACE(std::string(writer.name) + " with \"" + name.substr(0, 40) + "\" (" +
+      SCOPED_TRACE(std::string(writer.api) + " with \"" + name.substr(0, 40) + "\" (" +
                    std::to_string(name.size()) + " bytes)");
       writeTwice(writer, valuesFor(writer, name, "first", "1"),
                  valuesFor(writer, name, "second", "2"));
@@ -377,14 +294,12 @@ TEST_F(HostileInputTest, EveryWriterStoresHostileNamesAsDataAndTouchesNothingEls
 TEST_F(HostileInputTest, LikePatternKeysUpdateEveryRowTheyMatch) {
   // A key is matched with LIKE: "%" reaches the bystander row as well as its own.
   resetTables();
-  ASSERT_EQ(db_updateMeshTopoTable(Values{"%", "id1", nullptr, nullptr, nullptr, nullptr, nullptr,
-                                          nullptr, nullptr}
-                                       .data()),
-            DB_STATUS_SUCCESS);
-  ASSERT_EQ(db_updateMeshTopoTable(Values{"%", "id2", nullptr, nullptr, nullptr, nullptr, nullptr,
-                                          nullptr, nullptr}
-                                       .data()),
-            DB_STATUS_SUCCESS);
+  for (const char *id : {"id1", "id2"}) {
+    std::vector<Cell> mesh(9);
+    mesh[0] = "%";
+    mesh[1] = id;
+    ASSERT_EQ(db_updateMeshTopoTable(Values(mesh).data()), DB_STATUS_SUCCESS);
+  }
   EXPECT_EQ(raw().query("SELECT MAC_S, ID_S FROM MESHTOPO ORDER BY rowid"),
             (Rows{{Cell(kBystanderKey), Cell("id2")}, {Cell("%"), Cell("id2")}}));
   // "_" matches one character, so a one-character key leaves the 17-character bystander alone.
@@ -402,53 +317,42 @@ TEST_F(HostileInputTest, ReadsHandBackHostileTextCutToTheirRecordFields) {
     // Short enough for the value list: one text value of up to 2 KiB per row.
     std::string value = name.substr(0, 2048);
     std::string key = "k" + std::to_string(n++);
-    ASSERT_EQ(db_updateDeviceInfoBeaconFName(Values({key, value}).data()), DB_STATUS_SUCCESS);
-    std::vector<Cell> mesh(9);
-    mesh[0] = key;
-    mesh[1] = value;  // ID_S
-    ASSERT_EQ(db_updateMeshTopoTable(Nullable(mesh).data()), DB_STATUS_SUCCESS);
-    std::vector<Cell> client(24);
-    client[0] = key;
-    client[10] = value;  // MIMO_S
-    ASSERT_EQ(db_updateClientsTable(Nullable(client).data()), DB_STATUS_SUCCESS);
+    ASSERT_EQ(db_updateDeviceInfoBeaconFName(Values{key.c_str(), value.c_str()}.data()),
+              DB_STATUS_SUCCESS);
+    std::vector<Cell> mesh(9), client(24);
+    mesh[0] = client[0] = key;
+    mesh[1] = client[10] = value;  // ID_S, MIMO_S
+    ASSERT_EQ(db_updateMeshTopoTable(Values(mesh).data()), DB_STATUS_SUCCESS);
+    ASSERT_EQ(db_updateClientsTable(Values(client).data()), DB_STATUS_SUCCESS);
     // Reads by a hostile key: a status and nothing else, whatever the key does to the query.
     DeviceInfoRecord **devices = nullptr;
     int32_t rows = 0;
     int32_t status = db_readMacDeviceInfo(name.c_str(), &devices, &rows, 1);
     EXPECT_TRUE(status == DB_STATUS_SUCCESS || status == DB_STATUS_FAILURE ||
-                status == DB_STATUS_EMPTY) << status;
+                status == DB_STATUS_EMPTY)
+        << status;
     if (status == DB_STATUS_SUCCESS) db_freeDeviceInfoResult(&devices, rows);
     uint32_t timestamp = 7;
     status = db_readCmaInfoTimeStamp(name.c_str(), &timestamp);
     EXPECT_TRUE(status == DB_STATUS_SUCCESS || status == DB_STATUS_FAILURE) << status;
   }
 
-  Rows expected = query("SELECT MAC_S, FRIENDLYNAME_S FROM DEVICEINFO ORDER BY rowid");
-  DeviceInfoRecord **devices = nullptr;
-  int32_t rows = 0;
-  ASSERT_EQ(db_readDeviceInfoTable(&devices, &rows), DB_STATUS_SUCCESS);
-  ASSERT_EQ(static_cast<size_t>(rows), expected.size());
-  for (int32_t r = 0; r < rows; ++r) {
-    EXPECT_EQ(devices[r]->mac, cut(expected[r][0], sizeof devices[r]->mac));
-    EXPECT_EQ(devices[r]->friendlyName, cut(expected[r][1], sizeof devices[r]->friendlyName));
-  }
-  db_freeDeviceInfoResult(&devices, rows);
-
-  expected = query("SELECT MAC_S, ID_S FROM MESHTOPO ORDER BY rowid");
-  MeshTopoRecord **meshList = nullptr;
-  ASSERT_EQ(db_readMeshTopoTable(&meshList, &rows), DB_STATUS_SUCCESS);
-  ASSERT_EQ(static_cast<size_t>(rows), expected.size());
-  for (int32_t r = 0; r < rows; ++r) EXPECT_EQ(meshList[r]->id, cut(expected[r][1], sizeof meshList[r]->id));
-  db_freeMeshTopoResult(&meshList, rows);
-
-  expected = query("SELECT MAC_S, MIMO_S FROM CLIENTS ORDER BY rowid");
-  ClientCapabilityRecord **clients = nullptr;
-  ASSERT_EQ(db_readClientsTable(&clients, &rows), DB_STATUS_SUCCESS);
-  ASSERT_EQ(static_cast<size_t>(rows), expected.size());
-  for (int32_t r = 0; r < rows; ++r) {
-    EXPECT_EQ(clients[r]->mimo, cut(expected[r][1], sizeof clients[r]->mimo));
-  }
-  db_freeClientsResult(&clients, rows);
+  eachRecord(db_readDeviceInfoTable, db_freeDeviceInfoResult,
+             raw().query("SELECT MAC_S, FRIENDLYNAME_S FROM DEVICEINFO ORDER BY rowid"),
+             [](const DeviceInfoRecord &device, const adbtest::Row &row) {
+               EXPECT_EQ(device.mac, cut(row[0], sizeof device.mac));
+               EXPECT_EQ(device.friendlyName, cut(row[1], sizeof device.friendlyName));
+             });
+  eachRecord(db_readMeshTopoTable, db_freeMeshTopoResult,
+             raw().query("SELECT ID_S FROM MESHTOPO ORDER BY rowid"),
+             [](const MeshTopoRecord &mesh, const adbtest::Row &row) {
+               EXPECT_EQ(mesh.id, cut(row[0], sizeof mesh.id));
+             });
+  eachRecord(db_readClientsTable, db_freeClientsResult,
+             raw().query("SELECT MIMO_S FROM CLIENTS ORDER BY rowid"),
+             [](const ClientCapabilityRecord &client, const adbtest::Row &row) {
+               EXPECT_EQ(client.mimo, cut(row[0], sizeof client.mimo));
+             });
 }
 
 }  // namespace

@@ -20,6 +20,20 @@ class InventoryReads : public adbtest::DbTest {
     if (!query.empty() && query.back() == '\n') query.pop_back();
     return query;
   }
+
+  // A list read that must succeed with `expectedRows` rows after composing `query`; `check`
+  // looks at the records before they are freed.
+  template <typename Record, typename Read, typename Check>
+  void expectRows(Read read, void (*free)(Record ***, int32_t), const std::string &query,
+                  int32_t expectedRows, Check check) {
+    Record **list = nullptr;
+    int32_t rows = 0;
+    ASSERT_EQ(read(&list, &rows), 0);
+    EXPECT_EQ(lastQuery(), query);
+    ASSERT_EQ(rows, expectedRows);
+    check(list);
+    free(&list, rows);
+  }
 };
 
 // A list read into a variable that holds a sentinel: the sentinel must survive a failure.
@@ -48,39 +62,24 @@ TEST_F(InventoryReads, WholeTableReadsReturnEveryRow) {
       "INSERT INTO DEVICEINFO (MAC_S, TXRATE, DEVTIMESTAMP, CATEGORY_S) "
       "VALUES ('aa:bb:cc:dd:ee:01', 12.75, 1700000000, 'Phone');");
 
-  MeshTopoRecord **mesh = nullptr;
-  int32_t rows = 0;
-  ASSERT_EQ(db_readMeshTopoTable(&mesh, &rows), 0);
-  EXPECT_EQ(lastQuery(), "SELECT  *  FROM  MESHTOPO");
-  ASSERT_EQ(rows, 2);
-  EXPECT_STREQ(mesh[1]->healthStatus, "Poor");
-  db_freeMeshTopoResult(&mesh, rows);
-  ClientCapabilityRecord **clients = nullptr;
-  ASSERT_EQ(db_readClientsTable(&clients, &rows), 0);
-  EXPECT_EQ(lastQuery(), "SELECT  *  FROM  CLIENTS");
-  ASSERT_EQ(rows, 1);
-  EXPECT_STREQ(clients[0]->mimo, "2x2");
-  db_freeClientsResult(&clients, rows);
-  SubscriberInfoRecord **subscribers = nullptr;
-  ASSERT_EQ(db_readSubscriberInfoTable(&subscribers, &rows), 0);
-  EXPECT_EQ(lastQuery(), "SELECT  *  FROM  SUBSCRIBERINFO");
-  ASSERT_EQ(rows, 1);
-  EXPECT_EQ(subscribers[0]->downstreamBandwidth, 500);
-  db_freeSubscriberInfoResult(&subscribers, rows);
-  DeviceThresholdRecord **thresholds = nullptr;
-  ASSERT_EQ(db_readDeviceThresholdTable(&thresholds, &rows), 0);
-  EXPECT_EQ(lastQuery(), "SELECT  *  FROM  DEVICETHRESHOLD");
-  ASSERT_EQ(rows, 1);
-  EXPECT_FLOAT_EQ(thresholds[0]->version, 1.5f);
-  db_freeDeviceThresholdResult(&thresholds, rows);
-
-  DeviceInfoRecord **devices = nullptr;
-  ASSERT_EQ(db_readDeviceInfoTable(&devices, &rows), 0);
-  EXPECT_EQ(lastQuery(), "SELECT  *  FROM  DEVICEINFO");
-  ASSERT_EQ(rows, 1);
-  EXPECT_EQ(devices[0]->devTimestamp, 1700000000u);  // read back as "1700000000.0"
-  EXPECT_STREQ(devices[0]->preferredBand, "NA");     // the column default, stored
-  db_freeDeviceInfoResult(&devices, rows);
+  expectRows(db_readMeshTopoTable, db_freeMeshTopoResult, "SELECT  *  FROM  MESHTOPO", 2,
+             [](MeshTopoRecord **mesh) { EXPECT_STREQ(mesh[1]->healthStatus, "Poor"); });
+  expectRows(db_readClientsTable, db_freeClientsResult, "SELECT  *  FROM  CLIENTS", 1,
+             [](ClientCapabilityRecord **clients) { EXPECT_STREQ(clients[0]->mimo, "2x2"); });
+  expectRows(db_readSubscriberInfoTable, db_freeSubscriberInfoResult,
+             "SELECT  *  FROM  SUBSCRIBERINFO", 1, [](SubscriberInfoRecord **subscribers) {
+               EXPECT_EQ(subscribers[0]->downstreamBandwidth, 500);
+             });
+  expectRows(db_readDeviceThresholdTable, db_freeDeviceThresholdResult,
+             "SELECT  *  FROM  DEVICETHRESHOLD", 1,
+             [](DeviceThresholdRecord **thresholds) {
+               EXPECT_FLOAT_EQ(thresholds[0]->version, 1.5f);
+             });
+  expectRows(db_readDeviceInfoTable, db_freeDeviceInfoResult, "SELECT  *  FROM  DEVICEINFO", 1,
+             [](DeviceInfoRecord **devices) {
+               EXPECT_EQ(devices[0]->devTimestamp, 1700000000u);  // read as "1700000000.0"
+               EXPECT_STREQ(devices[0]->preferredBand, "NA");     // the column default, stored
+             });
 
   // An existing but empty table: nothing to convert.
   raw().exec("DELETE FROM MESHTOPO");
@@ -101,28 +100,25 @@ TEST_F(InventoryReads, KeyedReadsMatchTheKeyWithoutRegardToCase) {
       "INSERT INTO DEVICEINFO (MAC_S, IS_BRIDGED) VALUES ('aa:bb:cc:dd:ee:01', 0), "
       "('aa:bb:cc:dd:ee:02', 1);");
 
-  ClientCapabilityRecord **clients = nullptr;
-  int32_t rows = 0;
-  ASSERT_EQ(db_readMacClients("C0:FF:EE:00:00:01", &clients, &rows), 0);
-  EXPECT_EQ(lastQuery(), "SELECT  *  FROM  CLIENTS WHERE MAC_S LIKE 'C0:FF:EE:00:00:01'");
-  ASSERT_EQ(rows, 1);
-  EXPECT_STREQ(clients[0]->mac, "c0:ff:ee:00:00:01");
-  db_freeClientsResult(&clients, rows);
+  expectRows([](auto list, auto rows) { return db_readMacClients("C0:FF:EE:00:00:01", list, rows); },
+             db_freeClientsResult, "SELECT  *  FROM  CLIENTS WHERE MAC_S LIKE 'C0:FF:EE:00:00:01'",
+             1, [](ClientCapabilityRecord **clients) {
+               EXPECT_STREQ(clients[0]->mac, "c0:ff:ee:00:00:01");
+             });
   EXPECT_EQ(readKeepingList<ClientCapabilityRecord>([](auto list, auto count) {
               return db_readMacClients("c0:ff:ee:00:00:09", list, count);
             }),
             2);
 
-  DeviceThresholdRecord **thresholds = nullptr;
-  ASSERT_EQ(db_readDeviceClassDeviceThreshold("kid's TABLET", &thresholds, &rows), 0);
-  EXPECT_EQ(lastQuery(),
-            "SELECT  *  FROM  DEVICETHRESHOLD WHERE DEVICECLASS_S LIKE 'kid''s TABLET'");
-  ASSERT_EQ(rows, 1);
-  EXPECT_EQ(thresholds[0]->streamingThreshold, 9);
-  db_freeDeviceThresholdResult(&thresholds, rows);
+  expectRows(
+      [](auto list, auto rows) {
+        return db_readDeviceClassDeviceThreshold("kid's TABLET", list, rows);
+      },
+      db_freeDeviceThresholdResult,
+      "SELECT  *  FROM  DEVICETHRESHOLD WHERE DEVICECLASS_S LIKE 'kid''s TABLET'", 1,
+      [](DeviceThresholdRecord **thresholds) { EXPECT_EQ(thresholds[0]->streamingThreshold, 9); });
 
   // Bridged filter 0 leaves bridged devices out; any other value does not.
-  DeviceInfoRecord **devices = nullptr;
   EXPECT_EQ(readKeepingList<DeviceInfoRecord>([](auto list, auto count) {
               return db_readMacDeviceInfo("aa:bb:cc:dd:ee:02", list, count, 0);
             }),
@@ -130,15 +126,15 @@ TEST_F(InventoryReads, KeyedReadsMatchTheKeyWithoutRegardToCase) {
   EXPECT_EQ(lastQuery(),
             "SELECT  *  FROM  DEVICEINFO WHERE MAC_S LIKE 'aa:bb:cc:dd:ee:02' AND "
             "IS_BRIDGED LIKE 0");
-  ASSERT_EQ(db_readMacDeviceInfo("aa:bb:cc:dd:ee:02", &devices, &rows, 1), 0);
-  EXPECT_EQ(lastQuery(), "SELECT  *  FROM  DEVICEINFO WHERE MAC_S LIKE 'aa:bb:cc:dd:ee:02'");
-  ASSERT_EQ(rows, 1);
-  EXPECT_EQ(devices[0]->isBridged, 1);
-  db_freeDeviceInfoResult(&devices, rows);
-  ASSERT_EQ(db_readMacDeviceInfo("AA:BB:CC:DD:EE:01", &devices, &rows, 0), 0);
-  ASSERT_EQ(rows, 1);
-  EXPECT_STREQ(devices[0]->mac, "aa:bb:cc:dd:ee:01");
-  db_freeDeviceInfoResult(&devices, rows);
+  expectRows(
+      [](auto list, auto rows) { return db_readMacDeviceInfo("aa:bb:cc:dd:ee:02", list, rows, 1); },
+      db_freeDeviceInfoResult, "SELECT  *  FROM  DEVICEINFO WHERE MAC_S LIKE 'aa:bb:cc:dd:ee:02'",
+      1, [](DeviceInfoRecord **devices) { EXPECT_EQ(devices[0]->isBridged, 1); });
+  expectRows(
+      [](auto list, auto rows) { return db_readMacDeviceInfo("AA:BB:CC:DD:EE:01", list, rows, 0); },
+      db_freeDeviceInfoResult,
+      "SELECT  *  FROM  DEVICEINFO WHERE MAC_S LIKE 'AA:BB:CC:DD:EE:01' AND IS_BRIDGED LIKE 0", 1,
+      [](DeviceInfoRecord **devices) { EXPECT_STREQ(devices[0]->mac, "aa:bb:cc:dd:ee:01"); });
 
   // A missing key is refused before anything runs.
   log().clear();
@@ -158,46 +154,37 @@ TEST_F(InventoryReads, SubsetReadsFillOnlyTheSelectedFields) {
       "('aa:01', NULL, 7, 'eth0', 0, 20, 5000000000, 0, 'two'), "
       "('aa:02', NULL, NULL, 'wl1', NULL, 30, NULL, NULL, 'three');");
 
-  DeviceInfoRecord **devices = nullptr;
-  int32_t rows = 0;
-  ASSERT_EQ(db_readDeviceInfoTxRxCount(&devices, &rows), 0);
-  EXPECT_EQ(lastQuery(),
-            "SELECT MAC_S,TXCNT,RXCNT,INTF_NAME_S,BEACONSTATE FROM  DEVICEINFO WHERE TXCNT is "
-            "not null OR RXCNT is not null");
-  ASSERT_EQ(rows, 2);
-  DeviceInfoRecord expected{};
-  std::memcpy(expected.mac, "aa:00", 6);
-  expected.txCnt = 5000000000ull;
-  std::memcpy(expected.intfName, "wl0", 4);
-  expected.beaconState = 2;
-  EXPECT_EQ(std::memcmp(devices[0], &expected, sizeof expected), 0);
-  EXPECT_EQ(devices[1]->rxCnt, 7u);
-  db_freeDeviceInfoResult(&devices, rows);
-
-  ASSERT_EQ(db_readDeviceInfoCapacity(&devices, &rows), 0);
-  EXPECT_EQ(lastQuery(), "SELECT MAC_S,CAPACITY FROM  DEVICEINFO");
-  ASSERT_EQ(rows, 3);
-  expected = DeviceInfoRecord{};
-  std::memcpy(expected.mac, "aa:02", 6);
-  expected.capacity = 30;
-  EXPECT_EQ(std::memcmp(devices[2], &expected, sizeof expected), 0);
-  db_freeDeviceInfoResult(&devices, rows);
-
-  DeviceTimestampRecord **stamps = nullptr;
-  ASSERT_EQ(db_readDeviceInfoTimestamp(&stamps, &rows), 0);
-  EXPECT_EQ(lastQuery(), "SELECT MAC_S,DEVTIMESTAMP,ACTIVE,INTF_NAME_S FROM  DEVICEINFO");
-  ASSERT_EQ(rows, 3);
-  EXPECT_EQ(stamps[0]->devTimestamp, 1700000000u);
-  EXPECT_STREQ(stamps[0]->intfName, "wl0");
-  EXPECT_EQ(stamps[1]->devTimestamp, 4294967295u);
-  db_freeDpClientHandleResult(&stamps, rows);
-
+  // Every other field of a subset record stays zero.
+  expectRows(db_readDeviceInfoTxRxCount, db_freeDeviceInfoResult,
+             "SELECT MAC_S,TXCNT,RXCNT,INTF_NAME_S,BEACONSTATE FROM  DEVICEINFO WHERE TXCNT is "
+             "not null OR RXCNT is not null",
+             2, [](DeviceInfoRecord **devices) {
+               DeviceInfoRecord expected{};
+               std::memcpy(expected.mac, "aa:00", 6);
+               expected.txCnt = 5000000000ull;
+               std::memcpy(expected.intfName, "wl0", 4);
+               expected.beaconState = 2;
+               EXPECT_EQ(std::memcmp(devices[0], &expected, sizeof expected), 0);
+               EXPECT_EQ(devices[1]->rxCnt, 7u);
+             });
+  expectRows(db_readDeviceInfoCapacity, db_freeDeviceInfoResult,
+             "SELECT MAC_S,CAPACITY FROM  DEVICEINFO", 3, [](DeviceInfoRecord **devices) {
+               DeviceInfoRecord expected{};
+               std::memcpy(expected.mac, "aa:02", 6);
+               expected.capacity = 30;
+               EXPECT_EQ(std::memcmp(devices[2], &expected, sizeof expected), 0);
+             });
+  expectRows(db_readDeviceInfoTimestamp, db_freeDpClientHandleResult,
+             "SELECT MAC_S,DEVTIMESTAMP,ACTIVE,INTF_NAME_S FROM  DEVICEINFO", 3,
+             [](DeviceTimestampRecord **stamps) {
+               EXPECT_EQ(stamps[0]->devTimestamp, 1700000000u);
+               EXPECT_STREQ(stamps[0]->intfName, "wl0");
+               EXPECT_EQ(stamps[1]->devTimestamp, 4294967295u);
+             });
   // Only devices whose beacon state is above 0; NULL is not.
-  ASSERT_EQ(db_readExtInfo(&devices, &rows), 0);
-  EXPECT_EQ(lastQuery(), "SELECT  *  FROM  DEVICEINFO WHERE BEACONSTATE>0");
-  ASSERT_EQ(rows, 1);
-  EXPECT_STREQ(devices[0]->host, "one");
-  db_freeDeviceInfoResult(&devices, rows);
+  expectRows(db_readExtInfo, db_freeDeviceInfoResult,
+             "SELECT  *  FROM  DEVICEINFO WHERE BEACONSTATE>0", 1,
+             [](DeviceInfoRecord **devices) { EXPECT_STREQ(devices[0]->host, "one"); });
 }
 
 TEST_F(InventoryReads, SingleValueReadsCopyTheFirstRowsValue) {

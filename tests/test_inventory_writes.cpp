@@ -2,7 +2,7 @@
 #include <string>
 #include <vector>
 
-#include "support/db_fixture.h"
+#include "support/inventory_writers.h"
 
 namespace {
 
@@ -64,55 +64,11 @@ class InventoryWriteTest : public adbtest::DbTest {
   }
 };
 
-struct WriterCase {
-  const char *api;
-  int32_t (*write)(char **);
-  int32_t functionId;
-  const char *table;
-  std::vector<std::string> columns;  // empty: every column of the table, in order
-};
-
-// clang-format off
-const std::vector<WriterCase> &writerCases() {
-  static const std::vector<WriterCase> cases = {
-      {"db_updateDeviceInfoTable", db_updateDeviceInfoTable, 1, "DEVICEINFO", {}},
-      {"db_updateDeviceInfoPrimitiveFields", db_updateDeviceInfoPrimitiveFields, 2, "DEVICEINFO",
-       {"MAC_S", "IPADDR_S", "HOST_S", "MODEL_S", "MANUFACTURER_S", "SERIALNUMBER_S", "INTERFACE_S",
-        "ACTIVE", "CATEGORY_S", "DEVBWREQD", "DEVSTREAMCAPABILITY_S", "NAME_S", "FRIENDLYNAME_S",
-        "PORTABLE", "DEVCRITICAL", "DEVTIMESTAMP", "ADDED_TS", "LASTONLINE_TS", "LASTOFFLINE_TS"}},
-      {"db_updateDeviceInfoLanFields", db_updateDeviceInfoLanFields, 3, "DEVICEINFO",
-       {"MAC_S", "APID_S", "INTF_NAME_S", "TXRATE", "RXRATE", "TXCNT", "RXCNT"}},
-      {"db_updateDeviceInfoCapacity", db_updateDeviceInfoCapacity, 4, "DEVICEINFO",
-       {"MAC_S", "CAPACITY"}},
-      {"db_updateDeviceInfoRssiFields", db_updateDeviceInfoRssiFields, 5, "DEVICEINFO",
-       {"MAC_S", "TXCNT", "RXCNT", "RSSI", "APID_S"}},
-      {"db_updateDeviceInfoBeaconFields", db_updateDeviceInfoBeaconFields, 6, "DEVICEINFO",
-       {"MAC_S", "BEACONSTATE", "MODEL_S", "SERIALNUMBER_S", "MANUFACTURER_S", "FRIENDLYNAME_S"}},
-      {"db_updateDeviceInfoOpsFields", db_updateDeviceInfoOpsFields, 7, "DEVICEINFO",
-       {"MAC_S", "APID_S", "INTF_INDEX", "BAND_S"}},
-      {"db_updateDeviceInfoPreferredBandFields", db_updateDeviceInfoPreferredBandFields, 8,
-       "DEVICEINFO", {"MAC_S", "PREFERRED_BAND_S"}},
-      {"db_updateMeshTopoTable", db_updateMeshTopoTable, 9, "MESHTOPO", {}},
-      {"db_updateSubscriberInfoTable", db_updateSubscriberInfoTable, 19, "SUBSCRIBERINFO", {}},
-      {"db_updateDeviceThresholdTable", db_updateDeviceThresholdTable, 20, "DEVICETHRESHOLD", {}},
-      {"db_updateCmaInfoTable", db_updateCmaInfoTable, 21, "CMAINFO", {}},
-      {"db_updateClientsTable", db_updateClientsTable, 22, "CLIENTS", {}},
-      {"db_updateDeviceInfoBeaconFName", db_updateDeviceInfoBeaconFName, 23, "DEVICEINFO",
-       {"MAC_S", "FRIENDLYNAME_S"}},
-      {"db_updateDeviceInfoBandSteeringFields", db_updateDeviceInfoBandSteeringFields, 24,
-       "DEVICEINFO", {"MAC_S", "BANDSTEERING_STATE"}},
-      {"db_updateDeviceInfoIsBridgedFields", db_updateDeviceInfoIsBridgedFields, 25, "DEVICEINFO",
-       {"MAC_S", "IS_BRIDGED"}},
-  };
-  return cases;
-}
-// clang-format on
-
 TEST_F(InventoryWriteTest, EachWriterWritesItsColumnsAndQueuesUnderItsFunctionId) {
-  for (const WriterCase &writer : writerCases()) {
-    SCOPED_TRACE(writer.api);
-    std::vector<std::string> columns =
-        writer.columns.empty() ? raw().columns(writer.table) : writer.columns;
+  for (const adbtest::InventoryWriter &listed : adbtest::inventoryWriters()) {
+    SCOPED_TRACE(listed.api);
+    const adbtest::InventoryWriter writer = adbtest::withColumns(listed, raw());
+    const std::vector<std::string> &columns = writer.columns;
     std::string key = "key-" + std::to_string(writer.functionId);
 
     std::vector<std::string> first = sampleValues(columns, key, 1);
@@ -123,10 +79,7 @@ TEST_F(InventoryWriteTest, EachWriterWritesItsColumnsAndQueuesUnderItsFunctionId
     // found by its key in another letter case.
     std::vector<std::string> second =
         sampleValues(columns, "KEY-" + std::to_string(writer.functionId), 2);
-    {
-      adbtest::BusyHolder holder(dbPath());
-      EXPECT_EQ(writer.write(Values(second).data()), DB_STATUS_BUSY);
-    }
+    EXPECT_EQ(whileBusy([&] { return writer.write(Values(second).data()); }), DB_STATUS_BUSY);
     WriteRequestNode *head = adbtest::queueHead();
     ASSERT_NE(head, nullptr);
     EXPECT_EQ(head->functionId, writer.functionId);
@@ -205,20 +158,15 @@ TEST_F(InventoryWriteTest, BurstAgainstBusyDatabaseEndsAsOnAFreeOne) {
   Rows onFreeDatabase = everyRow();
   for (const char *table : kTables) raw().exec(std::string("DELETE FROM ") + table);
 
-  {
-    adbtest::BusyHolder holder(dbPath());
-    EXPECT_EQ(burst(), std::vector<int32_t>(13, DB_STATUS_BUSY));
-  }
+  EXPECT_EQ(whileBusy(burst), std::vector<int32_t>(13, DB_STATUS_BUSY));
   EXPECT_EQ(adbtest::queueLength(), 13);
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
   EXPECT_EQ(everyRow(), onFreeDatabase);
 }
 
 TEST_F(InventoryWriteTest, RefusedWritesAreNotQueued) {
-  {
-    adbtest::BusyHolder holder(dbPath());
-    EXPECT_EQ(db_updateDeviceInfoCapacity(Values{"aa", "1"}.data()), DB_STATUS_BUSY);
-  }
+  EXPECT_EQ(whileBusy([] { return db_updateDeviceInfoCapacity(Values{"aa", "1"}.data()); }),
+            DB_STATUS_BUSY);
   // No values: refused with the writer's message, even while a request of the family waits.
   EXPECT_EQ(db_updateDeviceInfoCapacity(nullptr), DB_STATUS_FAILURE);
   EXPECT_TRUE(log().has(

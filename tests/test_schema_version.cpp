@@ -16,7 +16,9 @@ class Version : public adbtest::DbTest {
     return raw().scalar("SELECT group_concat(PREFERRED_BAND_S, ',') FROM DEVICEINFO").value_or("");
   }
   std::string portable() {
-    return raw().scalar("SELECT group_concat(ifnull(PORTABLE,'null'), ',') FROM DEVICEINFO").value_or("");
+    return raw()
+        .scalar("SELECT group_concat(ifnull(PORTABLE,'null'), ',') FROM DEVICEINFO")
+        .value_or("");
   }
   int32_t stored() {
     int32_t version = -7;
@@ -32,8 +34,9 @@ TEST_F(Version, ANewFileIsVersion0AndNoRiseChangesNothing) {
   EXPECT_EQ(db_setDBVersion(3, 3), DB_STATUS_SUCCESS);
   EXPECT_EQ(db_setDBVersion(4, 2), DB_STATUS_SUCCESS);
   EXPECT_EQ(alterSchema, 0);
-  EXPECT_TRUE(log().has(RYX_LOG_INFO,
-                        "[analyticsDB] No DB version change/ lesser version change currVer [4] newVer [2]\n"));
+  EXPECT_TRUE(log().has(
+      RYX_LOG_INFO,
+      "[analyticsDB] No DB version change/ lesser version change currVer [4] newVer [2]\n"));
   EXPECT_EQ(bands(), "Auto,2.4GHz,5GHz,6GHz");
   EXPECT_EQ(portable(), "null,0,null,1");
 
@@ -47,28 +50,29 @@ TEST_F(Version, ANewFileIsVersion0AndNoRiseChangesNothing) {
 }
 
 TEST_F(Version, RisesFromVersions1And2TranslateBandsAndEveryRiseFillsPortable) {
-  for (int32_t from : {1, 2}) {
-    raw().exec("UPDATE DEVICEINFO SET PREFERRED_BAND_S = CASE MAC_S WHEN 'a' THEN 'Auto' "
-               "WHEN 'b' THEN '2.4GHz' WHEN 'c' THEN '5GHz' ELSE '6GHz' END, "
-               "PORTABLE = CASE MAC_S WHEN 'b' THEN 0 WHEN 'd' THEN 1 END");
+  const struct {
+    int32_t from, to;
+    const char *bands;
+  } rises[] = {{1, 4, "NA,2.4,5,6GHz"}, {2, 4, "NA,2.4,5,6GHz"},  // translated
+               {0, 1, "Auto,2.4GHz,5GHz,6GHz"}, {3, 4, "Auto,2.4GHz,5GHz,6GHz"}};
+  for (const auto &rise : rises) {
+    raw().exec(
+        "UPDATE DEVICEINFO SET PREFERRED_BAND_S = CASE MAC_S WHEN 'a' THEN 'Auto' "
+        "WHEN 'b' THEN '2.4GHz' WHEN 'c' THEN '5GHz' ELSE '6GHz' END, "
+        "PORTABLE = CASE MAC_S WHEN 'b' THEN 0 WHEN 'd' THEN 1 END");
     alterSchema = 0;
-    EXPECT_EQ(db_setDBVersion(from, 4), DB_STATUS_SUCCESS);
+    EXPECT_EQ(db_setDBVersion(rise.from, rise.to), DB_STATUS_SUCCESS);
     EXPECT_EQ(alterSchema, 1);
-    EXPECT_EQ(bands(), "NA,2.4,5,6GHz") << from;
-    EXPECT_EQ(portable(), "1,0,1,1") << from;
+    EXPECT_EQ(bands(), rise.bands) << rise.from;
+    EXPECT_EQ(portable(), "1,0,1,1") << rise.from;
   }
-  EXPECT_TRUE(log().has(RYX_LOG_NOTICE, "[analyticsDB] DB translations for old version [2] completed."));
+  EXPECT_TRUE(
+      log().has(RYX_LOG_NOTICE, "[analyticsDB] DB translations for old version [2] completed."));
   EXPECT_TRUE(log().has(RYX_LOG_NOTICE, "DB :Portable Default setting on migration done\n"));
-}
-
-TEST_F(Version, RisesFrom0And3KeepBands) {
-  for (int32_t from : {0, 3}) {
-    EXPECT_EQ(db_setDBVersion(from, from + 1), DB_STATUS_SUCCESS);
-    EXPECT_EQ(bands(), "Auto,2.4GHz,5GHz,6GHz");
-    EXPECT_EQ(portable(), "1,0,1,1");
-  }
-  EXPECT_TRUE(log().has(RYX_LOG_INFO, "[analyticsDB] DB translations not needed for old version [0]"));
-  EXPECT_TRUE(log().has(RYX_LOG_INFO, "[analyticsDB] DB Version is updated to [4] from version [3]"));
+  EXPECT_TRUE(
+      log().has(RYX_LOG_INFO, "[analyticsDB] DB translations not needed for old version [0]"));
+  EXPECT_TRUE(
+      log().has(RYX_LOG_INFO, "[analyticsDB] DB Version is updated to [4] from version [3]"));
 
   // Without DEVICEINFO the default cannot be filled: the rise reports it.
   raw().exec("DROP TABLE DEVICEINFO");
@@ -81,10 +85,7 @@ TEST_F(Version, StoringGoesThroughTheQueue) {
   EXPECT_EQ(stored(), 5);
   EXPECT_EQ(raw().scalar("PRAGMA user_version"), "5");
 
-  {
-    adbtest::BusyHolder holder(dbPath());
-    EXPECT_EQ(db_updateDBVersion(6), DB_STATUS_BUSY);  // parked
-  }
+  EXPECT_EQ(whileBusy([] { return db_updateDBVersion(6); }), DB_STATUS_BUSY);  // parked
   // A later version waits behind the parked one, so the file never goes 7 then 6.
   EXPECT_EQ(db_updateDBVersion(7), DB_STATUS_BUSY);
   EXPECT_EQ(queueCount, 2);

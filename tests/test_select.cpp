@@ -147,12 +147,10 @@ TEST_F(ReadTableContent, ReturnsTheRawResultOrTheMappedStatus) {
             0);
   ASSERT_EQ(rows, 2);
   ASSERT_EQ(columns, 2);
-  EXPECT_STREQ(cells[0], "TABLENAME_S");
-  EXPECT_STREQ(cells[1], "TIMESTAMP");
-  EXPECT_STREQ(cells[2], "DEVICEINFO");
-  EXPECT_STREQ(cells[3], "1000.5");
-  EXPECT_STREQ(cells[4], "MESHTOPO");
-  EXPECT_EQ(cells[5], nullptr);
+  std::vector<adbtest::Cell> read;
+  for (int i = 0; i < 6; ++i) read.push_back(cells[i] ? adbtest::Cell(cells[i]) : std::nullopt);
+  EXPECT_EQ(read, (std::vector<adbtest::Cell>{"TABLENAME_S", "TIMESTAMP", "DEVICEINFO", "1000.5",
+                                              "MESHTOPO", std::nullopt}));
   db_freeResult(&cells);
 
   // No matching row is a success with no rows.

@@ -1,5 +1,5 @@
 // The sample series: slot arithmetic, slot writes, single values, spans across the week's wrap.
-#include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -31,7 +31,6 @@ class Series : public adbtest::DbTest {
   void everyDay(const std::string &mac, const char *source) {
     for (int32_t day = 1; day <= 7; ++day) bandwidth(mac, source, (day - 1) * 288 + 1, 0);
   }
-  static BandWidthRecord *newRecord() { return new BandWidthRecord{}; }
 };
 
 }  // namespace
@@ -45,9 +44,9 @@ TEST(SlotArithmetic, IndexLimitsAtTheirEdges) {
   EXPECT_EQ(end, 10);
   // {start, end, end slot, start slot}: a partial slot is one slot; a span wraps past the end of
   // the week; one longer than a week is the whole week.
-  const uint32_t cases[][4] = {{1000, 1001, 10, 10}, {0, 900, 10, 8},      {0, 901, 10, 7},
-                               {0, 1500, 2, 2014},   {0, 30 * 86400, 100, 101},
-                               {0, 30 * 86400, 2016, 1}};
+  const uint32_t cases[][4] = {{1000, 1001, 10, 10},      {0, 900, 10, 8},
+                               {0, 901, 10, 7},           {0, 1500, 2, 2014},
+                               {0, 30 * 86400, 100, 101}, {0, 30 * 86400, 2016, 1}};
   for (const auto &c : cases) {
     EXPECT_EQ(db_findIndexLimits(c[0], c[1], static_cast<int32_t>(c[2]), &start, &end), 0);
     EXPECT_EQ(start, static_cast<int32_t>(c[3])) << c[1] << " " << c[2];
@@ -55,41 +54,35 @@ TEST(SlotArithmetic, IndexLimitsAtTheirEdges) {
 }
 
 TEST(SlotArithmetic, PackingKeepsTimeOrderAndNarrowsTo32Bits) {
-  auto *record = new BandWidthRecord{};
+  auto record = std::make_unique<BandWidthRecord>();
   for (int32_t k = 1; k <= kWeek; ++k) record->slots[k - 1] = static_cast<uint64_t>(k);
   record->slots[2015] = (1ull << 32) + 5;  // slot 2016
   record->slots[0] = 1ull << 31;           // slot 1
-  EXPECT_EQ(db_adjustSlotRate(record, 2014, 3), 0);
+  EXPECT_EQ(db_adjustSlotRate(record.get(), 2014, 3), 0);
   ASSERT_EQ(record->slotCount, 6u);
   // 2^32 + 5 keeps its low 32 bits, 2^31 comes back sign-extended, the rest is cleared.
   EXPECT_EQ(std::vector<uint64_t>(record->slots, record->slots + 7),
             (std::vector<uint64_t>{2014, 2015, 5, 0xFFFFFFFF80000000ull, 2, 3, 0}));
-  delete record;
 }
 
 TEST_F(Series, SlotWritesNameTheirDayAndColumn) {
-  Values sample{"aa:01", "1700000000", "289", "-61"};
-  EXPECT_EQ(db_updateRssi(sample.data()), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_updateRssi(Values{"aa:01", "1700000000", "289", "-61"}.data()), DB_STATUS_SUCCESS);
   EXPECT_EQ(raw().scalar("SELECT SLOT289 FROM RSSI2 WHERE MAC_S='aa:01'"), "-61");
   EXPECT_EQ(raw().scalar("SELECT SLT_IND || ',' || TIMESTAMP FROM PRIMITIVE_RSSI"),
             "289,1700000000");
 
-  Values noDay{"aa:01", "0", "5"};
-  EXPECT_EQ(db_updateRssiSlot(noDay.data()), DB_STATUS_FAILURE);
+  EXPECT_EQ(db_updateRssiSlot(Values{"aa:01", "0", "5"}.data()), DB_STATUS_FAILURE);
   EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] Rssi table - slot index is empty\n"));
-  Values noSlot{"aa:01", nullptr, "5"};
-  EXPECT_EQ(db_updateBandWidthSlotTx(noSlot.data()), DB_STATUS_FAILURE);
+  EXPECT_EQ(db_updateBandWidthSlotTx(Values{"aa:01", nullptr, "5"}.data()), DB_STATUS_FAILURE);
   EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] BandWithTx table - slot index is empty\n"));
   EXPECT_EQ(queueCount, 0);  // refused, not queued
 
   // The index row succeeds, the slot of day 8 has no table: the slot's status wins.
-  Values beyond{"aa:01", "1700000300", "2017", "1"};
-  EXPECT_EQ(db_updateRssi(beyond.data()), DB_STATUS_NO_TABLE);
+  EXPECT_EQ(db_updateRssi(Values{"aa:01", "1700000300", "2017", "1"}.data()), DB_STATUS_NO_TABLE);
   EXPECT_EQ(raw().scalar("SELECT SLT_IND FROM PRIMITIVE_RSSI"), "2017");
 
   // RSSI is read back as its low 16 bits.
-  Values wide{"aa:01", "300", "70000"};
-  ASSERT_EQ(db_updateRssiSlot(wide.data()), DB_STATUS_SUCCESS);
+  ASSERT_EQ(db_updateRssiSlot(Values{"aa:01", "300", "70000"}.data()), DB_STATUS_SUCCESS);
   uint16_t rssi = 0;
   EXPECT_EQ(db_readRssiSlotValue("AA:01", 300, &rssi), DB_STATUS_SUCCESS);
   EXPECT_EQ(rssi, 4464);
@@ -101,26 +94,21 @@ TEST_F(Series, SlotWritesNameTheirDayAndColumn) {
 }
 
 TEST_F(Series, DefaultFillZeroesOneDayAndRefusesTwo) {
-  Values sample{"aa:02", "1700000000", "5", "42"};
-  ASSERT_EQ(db_updateRssi(sample.data()), DB_STATUS_SUCCESS);
-  Values wholeDay{"aa:02", "1", "288"};
+  ASSERT_EQ(db_updateRssi(Values{"aa:02", "1700000000", "5", "42"}.data()), DB_STATUS_SUCCESS);
   log().clear();
-  EXPECT_EQ(db_updateRssiSlotDefaultValue(wholeDay.data()), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_updateRssiSlotDefaultValue(Values{"aa:02", "1", "288"}.data()), DB_STATUS_SUCCESS);
   EXPECT_EQ(raw().scalar("SELECT SLOT5 FROM RSSI1"), "0");
   EXPECT_EQ(log().countContaining("number of fields : 289"), 1u);
 
-  Values twoDays{"aa:02", "288", "289"};
-  EXPECT_EQ(db_updateRxSlotDefaultValue(twoDays.data()), DB_STATUS_SUCCESS);  // refused, still 0
-  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] Mismatch in table. start Idx [288] end Idx [289]\n"));
-  Values missing{"aa:02", nullptr, "3"};
-  EXPECT_EQ(db_updateTxSlotDefaultValue(missing.data()), DB_STATUS_SUCCESS);
+  // Refused, and still 0.
+  EXPECT_EQ(db_updateRxSlotDefaultValue(Values{"aa:02", "288", "289"}.data()), DB_STATUS_SUCCESS);
+  EXPECT_TRUE(
+      log().has(RYX_LOG_ERROR, "[analyticsDB] Mismatch in table. start Idx [288] end Idx [289]\n"));
+  EXPECT_EQ(db_updateTxSlotDefaultValue(Values{"aa:02", nullptr, "3"}.data()), DB_STATUS_SUCCESS);
 
   // A fill parked in the queue records its column count and replays from its three values.
-  {
-    adbtest::BusyHolder holder(dbPath());
-    Values part{"aa:02", "290", "300"};
-    EXPECT_EQ(db_updateRssiSlotDefaultValue(part.data()), DB_STATUS_BUSY);
-  }
+  Values part{"aa:02", "290", "300"};
+  EXPECT_EQ(whileBusy([&] { return db_updateRssiSlotDefaultValue(part.data()); }), DB_STATUS_BUSY);
   ASSERT_NE(writeRequestQueue, nullptr);
   EXPECT_EQ(writeRequestQueue->fieldCount, 12);
   EXPECT_EQ(writeRequestQueue->functionId, 12);
@@ -134,33 +122,32 @@ TEST_F(Series, SpansInsideADayAcrossDaysAndAcrossTheWrap) {
   for (int32_t slot : {100, 101, 102, 600, 2014, 2015, 2016, 1, 2, 3}) {
     bandwidth("aa:03", "LAN", slot, static_cast<uint64_t>(slot) * 10);
   }
-  BandWidthRecord *record = newRecord();
-  EXPECT_EQ(db_readRxStartToEnd("aa:03", 100, 102, record), DB_STATUS_SUCCESS);
+  auto record = std::make_unique<BandWidthRecord>();
+  EXPECT_EQ(db_readRxStartToEnd("aa:03", 100, 102, record.get()), DB_STATUS_SUCCESS);
   EXPECT_EQ(std::vector<uint64_t>(record->slots, record->slots + 4),
             (std::vector<uint64_t>{1000, 1010, 1020, 0}));
   EXPECT_EQ(record->slotCount, 3u);
   EXPECT_STREQ(record->mac, "aa:03");
 
-  std::memset(record, 0, sizeof *record);
-  EXPECT_EQ(db_readTxStartToEnd("aa:03", 101, 600, record), DB_STATUS_SUCCESS);  // days 1..3
+  *record = BandWidthRecord{};
+  EXPECT_EQ(db_readTxStartToEnd("aa:03", 101, 600, record.get()), DB_STATUS_SUCCESS);  // days 1..3
   EXPECT_EQ(record->slotCount, 500u);
   EXPECT_EQ(record->slots[499], 6000u);
 
-  std::memset(record, 0, sizeof *record);
-  EXPECT_EQ(db_readRxStartToEnd("aa:03", 2014, 3, record), DB_STATUS_SUCCESS);  // wraps
+  *record = BandWidthRecord{};
+  EXPECT_EQ(db_readRxStartToEnd("aa:03", 2014, 3, record.get()), DB_STATUS_SUCCESS);  // wraps
   ASSERT_EQ(record->slotCount, 6u);
   std::vector<uint64_t> packed(record->slots, record->slots + 6);
   EXPECT_EQ(packed, (std::vector<uint64_t>{20140, 20150, 20160, 10, 20, 30}));
 
   // Both ends in one day: every day table is read once and nearly the whole week comes back.
-  std::memset(record, 0, sizeof *record);
+  *record = BandWidthRecord{};
   log().clear();
-  EXPECT_EQ(db_readRxStartToEnd("aa:03", 102, 101, record), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_readRxStartToEnd("aa:03", 102, 101, record.get()), DB_STATUS_SUCCESS);
   EXPECT_EQ(record->slotCount, 2016u);
   EXPECT_EQ(record->slots[0], 1020u);
   EXPECT_EQ(record->slots[2015], 1010u);
   EXPECT_EQ(log().countContaining("READ QUERY : SELECT  *  FROM  BANDWIDTHRX"), 7u);
-  delete record;
 }
 
 TEST_F(Series, WeekReadsReturnEverySlotOfTheSevenDays) {
@@ -187,8 +174,7 @@ TEST_F(Series, WeekReadsReturnEverySlotOfTheSevenDays) {
   }
   db_freeBandWidthResult(&week, rows);
 
-  Values rssi{"aa:07", "1700000000", "1900", "-70"};
-  ASSERT_EQ(db_updateRssi(rssi.data()), DB_STATUS_SUCCESS);
+  ASSERT_EQ(db_updateRssi(Values{"aa:07", "1700000000", "1900", "-70"}.data()), DB_STATUS_SUCCESS);
   ASSERT_EQ(db_readMacRssi("aa:07", &week, &rows), DB_STATUS_SUCCESS);
   ASSERT_EQ(rows, 1);
   EXPECT_EQ(static_cast<int64_t>(week[0]->slots[1899]), -70);
@@ -199,31 +185,33 @@ TEST_F(Series, AMissingDayTableIsSkippedOnlyOnTheReceiveSide) {
   everyDay("aa:04", "LAN");
   ASSERT_EQ(db_dropBandwidthRxTable(6), DB_STATUS_SUCCESS);
   ASSERT_EQ(db_dropBandwidthTxTable(6), DB_STATUS_SUCCESS);
-  BandWidthRecord *record = newRecord();
-  EXPECT_EQ(db_readRxStartToEnd("aa:04", 1500, 5, record), DB_STATUS_SUCCESS);
-  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] Read BandwidthRx table for day 6 failed Ret 5\n"));
-  EXPECT_EQ(db_readTxStartToEnd("aa:04", 1500, 5, record), DB_STATUS_NO_TABLE);
-  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] Read BandwidthTx table for day 6 failed Ret 5\n"));
-  EXPECT_TRUE(log().has(RYX_LOG_ERROR,
-                        "[analyticsDB] Read BandwidthTx table failed. Check table content in DB\n"));
+  auto record = std::make_unique<BandWidthRecord>();
+  EXPECT_EQ(db_readRxStartToEnd("aa:04", 1500, 5, record.get()), DB_STATUS_SUCCESS);
+  EXPECT_TRUE(
+      log().has(RYX_LOG_ERROR, "[analyticsDB] Read BandwidthRx table for day 6 failed Ret 5\n"));
+  EXPECT_EQ(db_readTxStartToEnd("aa:04", 1500, 5, record.get()), DB_STATUS_NO_TABLE);
+  EXPECT_TRUE(
+      log().has(RYX_LOG_ERROR, "[analyticsDB] Read BandwidthTx table for day 6 failed Ret 5\n"));
+  EXPECT_TRUE(log().has(
+      RYX_LOG_ERROR, "[analyticsDB] Read BandwidthTx table failed. Check table content in DB\n"));
   // Without a wrap a missing day fails on both sides.
-  EXPECT_EQ(db_readRxStartToEnd("aa:04", 1500, 1700, record), DB_STATUS_NO_TABLE);
-  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] Bandwidth Rx table read failed. Check table in DB\n"));
-  delete record;
+  EXPECT_EQ(db_readRxStartToEnd("aa:04", 1500, 1700, record.get()), DB_STATUS_NO_TABLE);
+  EXPECT_TRUE(log().has(RYX_LOG_ERROR,
+                        "[analyticsDB] Bandwidth Rx table read failed. Check table in DB\n"));
 }
 
 TEST_F(Series, LatestSpanReadsTheOneWanDevice) {
-  BandWidthRecord *record = newRecord();
+  auto record = std::make_unique<BandWidthRecord>();
   record->slotCount = 77;
   int32_t wans = -1;
-  EXPECT_EQ(db_readBandWidthLatestRx("WAN", 1700000000u, record, &wans), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_readBandWidthLatestRx("WAN", 1700000000u, record.get(), &wans), DB_STATUS_SUCCESS);
   EXPECT_EQ(wans, 0);
   EXPECT_EQ(record->slotCount, 77u);  // no WAN: untouched
 
   everyDay("wan-a", "WAN");
   bandwidth("wan-a", "WAN", 10, 5);
   everyDay("wan-b", "WAN");
-  EXPECT_EQ(db_readBandWidthLatestRx("WAN", 1700000000u + 8 * kSlotSeconds, record, &wans),
+  EXPECT_EQ(db_readBandWidthLatestRx("WAN", 1700000000u + 8 * kSlotSeconds, record.get(), &wans),
             DB_STATUS_SUCCESS);
   EXPECT_EQ(wans, 1);
   EXPECT_TRUE(log().has(RYX_LOG_ERROR, "More than MAX [1] WAN found in DB"));
@@ -234,10 +222,9 @@ TEST_F(Series, LatestSpanReadsTheOneWanDevice) {
   EXPECT_EQ(record->slots[1], 5u);
 
   // A start after the latest sample is no span.
-  EXPECT_EQ(db_readBandWidthLatestTx("WAN", 1800000000u, record, &wans), DB_STATUS_FAILURE);
+  EXPECT_EQ(db_readBandWidthLatestTx("WAN", 1800000000u, record.get(), &wans), DB_STATUS_FAILURE);
   EXPECT_TRUE(log().has(RYX_LOG_ERROR,
                         "[analyticsDB] Error throwed on finding start and end index on tx\n"));
-  delete record;
 }
 
 TEST_F(Series, EightDaysOfSamplesReadBackAsTheLast24HoursInTimeOrder) {
@@ -261,9 +248,10 @@ TEST_F(Series, EightDaysOfSamplesReadBackAsTheLast24HoursInTimeOrder) {
     }
   }
   const uint32_t latest = start + static_cast<uint32_t>(ticks - 1) * kSlotSeconds;
-  BandWidthRecord *record = newRecord();
+  auto record = std::make_unique<BandWidthRecord>();
   int32_t wans = 0;
-  ASSERT_EQ(db_readBandWidthLatestRx("WAN", latest - 86400, record, &wans), DB_STATUS_SUCCESS);
+  ASSERT_EQ(db_readBandWidthLatestRx("WAN", latest - 86400, record.get(), &wans),
+            DB_STATUS_SUCCESS);
   EXPECT_EQ(wans, 1);
   EXPECT_EQ(record->endIndex, static_cast<uint32_t>((ticks - 1) % kWeek + 1));
   EXPECT_GT(record->startIndex, record->endIndex);  // the span wraps
@@ -272,5 +260,4 @@ TEST_F(Series, EightDaysOfSamplesReadBackAsTheLast24HoursInTimeOrder) {
     int32_t tick = ticks - 288 + i;
     ASSERT_EQ(record->slots[i], static_cast<uint64_t>(tick * 10)) << i;
   }
-  delete record;
 }

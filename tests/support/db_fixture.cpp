@@ -51,6 +51,12 @@ size_t LogCapture::count(int level, std::string_view message) const {
   return n;
 }
 
+size_t LogCapture::countAt(int level) const {
+  size_t n = 0;
+  for (const LogLine &line : lines_) n += (line.level == level);
+  return n;
+}
+
 size_t LogCapture::countContaining(std::string_view part) const {
   size_t n = 0;
   for (const LogLine &line : lines_) n += (line.text.find(part) != std::string::npos);
@@ -85,12 +91,16 @@ void RawDb::exec(const std::string &sql) {
   sqlite3_free(message);
 }
 
-Rows RawDb::query(const std::string &sql) {
+Rows RawDb::query(const std::string &sql, const std::vector<std::string> &parameters) {
   Rows rows;
   sqlite3_stmt *statement = nullptr;
   if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
     ADD_FAILURE() << sql << ": " << sqlite3_errmsg(db_);
     return rows;
+  }
+  for (size_t i = 0; i < parameters.size(); ++i) {
+    sqlite3_bind_text(statement, static_cast<int>(i + 1), parameters[i].data(),
+                      static_cast<int>(parameters[i].size()), SQLITE_TRANSIENT);
   }
   while (sqlite3_step(statement) == SQLITE_ROW) {
     Row row;
@@ -189,16 +199,23 @@ RawDb &DbTest::raw() {
 
 Values::Values(std::initializer_list<const char *> values) {
   storage_.reserve(values.size());
-  for (const char *value : values) storage_.push_back(value != nullptr ? value : "");
-  size_t i = 0;
-  for (const char *value : values) {
-    pointers_.push_back(value != nullptr ? storage_[i].data() : nullptr);
-    ++i;
-  }
+  for (const char *value : values) add(value);
 }
 
-Values::Values(const std::vector<std::string> &values) : storage_(values) {
-  for (std::string &value : storage_) pointers_.push_back(value.data());
+Values::Values(const std::vector<std::string> &values) {
+  storage_.reserve(values.size());
+  for (const std::string &value : values) add(value.c_str());
+}
+
+Values::Values(const std::vector<Cell> &values) {
+  storage_.reserve(values.size());
+  for (const Cell &value : values) add(value ? value->c_str() : nullptr);
+}
+
+void Values::add(const char *value) {
+  // Reserved up front: the pointers point into the stored strings.
+  storage_.push_back(value != nullptr ? value : "");
+  pointers_.push_back(value != nullptr ? storage_.back().data() : nullptr);
 }
 
 WriteRequestNode *queueHead() { return __atomic_load_n(&writeRequestQueue, __ATOMIC_ACQUIRE); }

@@ -47,6 +47,8 @@ class LogCapture {
   // Number of lines at `level` whose message is exactly `message`.
   size_t count(int level, std::string_view message) const;
   bool has(int level, std::string_view message) const { return count(level, message) > 0; }
+  // Number of lines at `level`.
+  size_t countAt(int level) const;
   // Number of lines (any level) whose message contains `part`.
   size_t countContaining(std::string_view part) const;
   // All captured lines, one per row, for failure output.
@@ -74,12 +76,14 @@ class RawDb {
   void exec(const std::string &sql);
   // Runs statements and returns SQLite's result code.
   int tryExec(const std::string &sql);
-  Rows query(const std::string &sql);
+  // Rows of a query whose ?s are bound to `parameters` in turn.
+  Rows query(const std::string &sql, const std::vector<std::string> &parameters = {});
   // The single value of a one-row, one-column query (nullopt for no row or NULL).
   Cell scalar(const std::string &sql);
   // Column names of a table, in order.
   std::vector<std::string> columns(const std::string &table);
   bool tableExists(const std::string &table);
+  sqlite3 *handle() { return db_; }
 
  private:
   sqlite3 *db_ = nullptr;
@@ -110,6 +114,12 @@ class DbTest : public ::testing::Test {
   static void createInventoryTables();
   // The three index tables and their 21 day tables of 288 slots.
   static void createSeriesTables();
+  // What `call` returns while another connection holds the database busy.
+  template <typename Call>
+  auto whileBusy(Call call) {
+    BusyHolder holder(dbPath_);
+    return call();
+  }
 
   std::string tempDir_;
   std::string dbPath_;
@@ -119,15 +129,17 @@ class DbTest : public ::testing::Test {
   std::optional<RawDb> raw_;
 };
 
-// A `char **` view of string literals for the C interface (entries may be null).
+// A `char **` of private copies of values for the C interface (entries may be null).
 class Values {
  public:
   Values(std::initializer_list<const char *> values);
   explicit Values(const std::vector<std::string> &values);
+  explicit Values(const std::vector<Cell> &values);
   char **data() { return pointers_.data(); }
   int32_t size() const { return static_cast<int32_t>(pointers_.size()); }
 
  private:
+  void add(const char *value);
   std::vector<std::string> storage_;
   std::vector<char *> pointers_;
 };

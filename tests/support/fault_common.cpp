@@ -82,10 +82,18 @@ FaultPlan FaultTest::replayPlan() {
       [] { return db_processQueueEntry(); }, 0, {0, 2, 3}, {"Before", "Replayed"});
 }
 
-std::string FaultTest::storedName(RawDb &db) {
+FaultPlan FaultTest::writePlan(const NameWrite &write, std::set<int32_t> allowed) {
+  FaultPlan plan = namePlan([this, write] { resetRow(write.before); },
+                            [write] { return writeName(write.after); }, DB_STATUS_SUCCESS,
+                            std::move(allowed),
+                            {write.before != nullptr ? write.before : "<none>", write.after});
+  plan.committed = write.after;
+  return plan;
+}
+
+std::string FaultTest::nameOf(RawDb &db, const char *mac) {
   if (!db.tableExists("DEVICEINFO")) return "<none>";
-  return db
-      .scalar(std::string("SELECT FRIENDLYNAME_S FROM DEVICEINFO WHERE MAC_S = '") + kMac + "'")
+  return db.scalar(std::string("SELECT FRIENDLYNAME_S FROM DEVICEINFO WHERE MAC_S = '") + mac + "'")
       .value_or("<none>");
 }
 

@@ -82,9 +82,20 @@ class FaultTest : public DbTest {
                      int32_t clean, std::set<int32_t> allowed, std::set<std::string> outcomes);
   // The replay of a parked write: the head stays for a later call or is removed with its status.
   FaultPlan replayPlan();
+  // The two writes of the test device's name every fault source runs: an insert, and an update
+  // (its INSERT meets the key, then the UPDATE writes). A run leaves the old name or the new one.
+  struct NameWrite {
+    const char *what;
+    const char *before;  // null: no row
+    const char *after;
+  };
+  static constexpr NameWrite kNameWrites[] = {{"insert", nullptr, "Kitchen TV"},
+                                              {"update", "Old name", "New name"}};
+  FaultPlan writePlan(const NameWrite &write, std::set<int32_t> allowed);
 
-  // The test device's friendly name ("<none>" without a row or without the table).
-  static std::string storedName(RawDb &db);
+  // The friendly name of `mac`, or of the test device ("<none>" without a row or the table).
+  static std::string nameOf(RawDb &db, const char *mac);
+  static std::string storedName(RawDb &db) { return nameOf(db, kMac); }
   // The test device's row holds `name`, or there is no row for a null name.
   void resetRow(const char *name);
   static int32_t writeName(const char *name);
