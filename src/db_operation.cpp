@@ -225,13 +225,21 @@ ADB_API int32_t db_write(const char *sql) {
                   "error, COMMIT ends it \n Query : %s \n", orNull(sql));
     return DB_STATUS_FAILURE;
   }
-  if (!profilingOn()) return db_execStatement(sql, &database_connection);
-  ProfileSample start = ProfileSample::take();
-  int32_t status = db_execStatement(sql, &database_connection);
-  ProfileSample end = ProfileSample::take();
-  ADB_LOG_INFO("[analyticsDB] Profile : Time [%llu] millisecs  Clock ticks [%lu] API [%s]",
-               static_cast<unsigned long long>(end.millis - start.millis),
-               static_cast<unsigned long>(end.ticks - start.ticks), orNull(sql));
+  int32_t status;
+  if (!profilingOn()) {
+    status = db_execStatement(sql, &database_connection);
+  } else {
+    ProfileSample start = ProfileSample::take();
+    status = db_execStatement(sql, &database_connection);
+    ProfileSample end = ProfileSample::take();
+    ADB_LOG_INFO("[analyticsDB] Profile : Time [%llu] millisecs  Clock ticks [%lu] API [%s]",
+                 static_cast<unsigned long long>(end.millis - start.millis),
+                 static_cast<unsigned long>(end.ticks - start.ticks), orNull(sql));
+  }
+  // A statement that succeeded cannot have lost a transaction, but it may have begun or ended
+  // one (the caller's own BEGIN, COMMIT or ROLLBACK); a failed one leaves the record as it was,
+  // so that a rollback SQLite made on its own stays visible.
+  if (status == DB_STATUS_SUCCESS) adb::noteTransactionState();
   return status;
 }
 

@@ -558,13 +558,12 @@ ADB_API int32_t db_beginTrans(void) {
     ADB_LOG_ERROR("[analyticsDB] db open failed on BEGIN transaction\n");
     return status;
   }
-  status = db_write("BEGIN");
-  adb::noteTransactionState();
-  return status;
+  return db_write("BEGIN");
 }
 
 // No open here: a commit belongs to the connection that began the transaction. A busy commit
-// leaves the transaction open for another try.
+// leaves the transaction open for another try; a commit refused because SQLite had already
+// rolled the transaction back ends the caller's record of it.
 ADB_API int32_t db_commitTrans(void) {
   int32_t status = db_write("COMMIT");
   adb::noteTransactionState();

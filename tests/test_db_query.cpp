@@ -160,6 +160,13 @@ TEST_F(Query, TransactionsBracketWritesAndForeignKeysSwitchOn) {
   EXPECT_EQ(raw().scalar("SELECT count(*) FROM DEV"), "2");
   EXPECT_EQ(db_commitTransaction(), DB_STATUS_FAILURE);  // nothing to commit
 
+  // A caller may end its transaction with a statement of its own; later writes go on.
+  EXPECT_EQ(db_beginTransaction(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(write({"t3", "c", nullptr, nullptr}), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_write("ROLLBACK"), DB_STATUS_SUCCESS);
+  EXPECT_EQ(write({"t4", "d", nullptr, nullptr}), DB_STATUS_SUCCESS);
+  EXPECT_EQ(raw().scalar("SELECT group_concat(MAC_S) FROM (SELECT MAC_S FROM DEV ORDER BY MAC_S)"), "t1,t2,t4");
+
   EXPECT_EQ(db_setForeignKey(), DB_STATUS_SUCCESS);
   EXPECT_TRUE(log().has(RYX_LOG_DEBUG, "[analyticsDB] Set Foreign Key enable"));
 }
