@@ -165,7 +165,8 @@ TEST_F(Query, TransactionsBracketWritesAndForeignKeysSwitchOn) {
   EXPECT_EQ(write({"t3", "c", nullptr, nullptr}), DB_STATUS_SUCCESS);
   EXPECT_EQ(db_write("ROLLBACK"), DB_STATUS_SUCCESS);
   EXPECT_EQ(write({"t4", "d", nullptr, nullptr}), DB_STATUS_SUCCESS);
-  EXPECT_EQ(raw().scalar("SELECT group_concat(MAC_S) FROM (SELECT MAC_S FROM DEV ORDER BY MAC_S)"), "t1,t2,t4");
+  EXPECT_EQ(raw().scalar("SELECT group_concat(MAC_S) FROM (SELECT MAC_S FROM DEV ORDER BY MAC_S)"),
+            "t1,t2,t4");
 
   EXPECT_EQ(db_setForeignKey(), DB_STATUS_SUCCESS);
   EXPECT_TRUE(log().has(RYX_LOG_DEBUG, "[analyticsDB] Set Foreign Key enable"));
