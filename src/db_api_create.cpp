@@ -407,9 +407,9 @@ int32_t createFixedTable(const FixedTable &table) {
 }
 
 // The slot count only guards the index table against a caller that has no slots to index.
-int32_t createIndexTable(const FixedTable &table, int32_t slotCount) {
+int32_t createIndexTable(const FixedTable &table, int32_t slotCount, adb::log::Origin origin) {
   if (slotCount == 0) {
-    ADB_LOG_ERROR("[analyticsDB] Table is not created .Slot count is zero\n");
+    ADB_LOG_FOR(origin, RYX_LOG_ERROR, "[analyticsDB] Table is not created .Slot count is zero\n");
     return DB_STATUS_FAILURE;
   }
   return createFixedTable(table);
@@ -418,20 +418,24 @@ int32_t createIndexTable(const FixedTable &table, int32_t slotCount) {
 // Day table `day` of a series: the key column, then SLOTk for the week-wide slot numbers
 // k = (day - 1) * slotsPerDay + 1 .. day * slotsPerDay, each INTEGER DEFAULT 0. The upgrade
 // covers the key column only: an existing day table keeps the slot columns it was made with.
-int32_t createDayTable(const SlotSeries &series, uint32_t day, int32_t slotsPerDay) {
+int32_t createDayTable(const SlotSeries &series, uint32_t day, int32_t slotsPerDay,
+                       adb::log::Origin origin) {
   if (day == 0) {
-    ADB_LOG_ERROR("[analyticsDB] %s Input day should be greateter tha zero\n", series.logWord);
+    ADB_LOG_FOR(origin, RYX_LOG_ERROR, "[analyticsDB] %s Input day should be greateter tha zero\n",
+                series.logWord);
     return DB_STATUS_FAILURE;
   }
   if (slotsPerDay == 0) {
-    ADB_LOG_ERROR("[analyticsDB] %s Table %d is not created .Slot count is zero\n",
-                  series.logWord, static_cast<int>(day));
+    ADB_LOG_FOR(origin, RYX_LOG_ERROR,
+                "[analyticsDB] %s Table %d is not created .Slot count is zero\n", series.logWord,
+                static_cast<int>(day));
     return DB_STATUS_FAILURE;
   }
   if (slotsPerDay < 0 || slotsPerDay > kMaxSlotsPerDayTable) {
-    ADB_LOG_ERROR("[analyticsDB] %s Table %lu is not created .Slot count %d is outside 1 to %d\n",
-                  series.logWord, static_cast<unsigned long>(day), static_cast<int>(slotsPerDay),
-                  static_cast<int>(kMaxSlotsPerDayTable));
+    ADB_LOG_FOR(origin, RYX_LOG_ERROR,
+                "[analyticsDB] %s Table %lu is not created .Slot count %d is outside 1 to %d\n",
+                series.logWord, static_cast<unsigned long>(day), static_cast<int>(slotsPerDay),
+                static_cast<int>(kMaxSlotsPerDayTable));
     return DB_STATUS_FAILURE;
   }
 
@@ -441,7 +445,8 @@ int32_t createDayTable(const SlotSeries &series, uint32_t day, int32_t slotsPerD
   // One zeroed block holds every slot name, kSlotNameCapacity bytes each.
   adb::HeapText slotNames(static_cast<size_t>(slotsPerDay) * kSlotNameCapacity);
   if (!slotNames) {
-    ADB_LOG_ERROR("[analyticsDB] malloc failed for %s table creation\n", table.c_str());
+    ADB_LOG_FOR(origin, RYX_LOG_ERROR, "[analyticsDB] malloc failed for %s table creation\n",
+                table.c_str());
     return DB_STATUS_FAILURE;
   }
 
@@ -479,23 +484,23 @@ ADB_API int32_t db_createDeviceThresholdTable(void) { return createFixedTable(kD
 ADB_API int32_t db_createCmaInfoTable(void) { return createFixedTable(kCmaInfo); }
 
 ADB_API int32_t db_createPrimitiveRssiTable(int32_t slotCount) {
-  return createIndexTable(kPrimitiveRssi, slotCount);
+  return createIndexTable(kPrimitiveRssi, slotCount, ADB_LOG_ORIGIN);
 }
 ADB_API int32_t db_createPrimitiveBandWidthRxTable(int32_t slotCount) {
-  return createIndexTable(kPrimitiveBandwidthRx, slotCount);
+  return createIndexTable(kPrimitiveBandwidthRx, slotCount, ADB_LOG_ORIGIN);
 }
 ADB_API int32_t db_createPrimitiveBandWidthTxTable(int32_t slotCount) {
-  return createIndexTable(kPrimitiveBandwidthTx, slotCount);
+  return createIndexTable(kPrimitiveBandwidthTx, slotCount, ADB_LOG_ORIGIN);
 }
 
 ADB_API int32_t db_createRssiTab(uint32_t day, int32_t slotsPerDay) {
-  return createDayTable(kRssiSeries, day, slotsPerDay);
+  return createDayTable(kRssiSeries, day, slotsPerDay, ADB_LOG_ORIGIN);
 }
 ADB_API int32_t db_createRxBandWidth(uint32_t day, int32_t slotsPerDay) {
-  return createDayTable(kBandwidthRxSeries, day, slotsPerDay);
+  return createDayTable(kBandwidthRxSeries, day, slotsPerDay, ADB_LOG_ORIGIN);
 }
 ADB_API int32_t db_createTxBandWidth(uint32_t day, int32_t slotsPerDay) {
-  return createDayTable(kBandwidthTxSeries, day, slotsPerDay);
+  return createDayTable(kBandwidthTxSeries, day, slotsPerDay, ADB_LOG_ORIGIN);
 }
 
 /* ---------------------------------------------------------------- time slots ---- */

@@ -85,17 +85,19 @@ int32_t runRemoval(const Removal &removal, const char *key, int32_t day) {
 }
 
 // A delete by key must not become a delete of every row because its key is missing.
-bool refuseMissingKey(const Removal &removal, const char *key) {
+bool refuseMissingKey(const Removal &removal, const char *key, adb::log::Origin origin) {
   if (removal.keyColumn == nullptr || key != nullptr) return false;
-  ADB_LOG_ERROR("[analyticsDB] Delete: key %s of %s is NULL\n", removal.keyColumn, removal.table);
+  ADB_LOG_FOR(origin, RYX_LOG_ERROR, "[analyticsDB] Delete: key %s of %s is NULL\n",
+              removal.keyColumn, removal.table);
   return true;
 }
 
 // Runs a removal through the queue gate. The gate values are the key (deletes by key), the key
 // and the day text (day deletes), a null key and the day text (day drops: they match any waiting
 // request of their series), or none.
-int32_t removeThroughGate(const Removal &removal, const char *key, int32_t day) {
-  if (refuseMissingKey(removal, key)) return DB_STATUS_FAILURE;
+int32_t removeThroughGate(const Removal &removal, const char *key, int32_t day,
+                          adb::log::Origin origin) {
+  if (refuseMissingKey(removal, key, origin)) return DB_STATUS_FAILURE;
   char *values[2] = {const_cast<char *>(key), nullptr};
   int32_t count = removal.keyColumn != nullptr ? 1 : 0;
   char dayText[kDropDayTextCapacity] = {};
@@ -116,41 +118,45 @@ int32_t replayRemoval(const Removal &removal, const char *key, int32_t day) {
 }
 
 // The removal of one device from a whole series: its index row, then its row of every day
-// table. The result is the last failing day's status, else the index row's.
-int32_t removeDeviceFromSeries(const Removal &primitive, const Removal &day, const char *mac) {
-  int32_t status = removeThroughGate(primitive, mac, 0);
+// table, each through its own exported delete. The result is the last failing day's status,
+// else the index row's.
+int32_t removeDeviceFromSeries(int32_t (*deletePrimitive)(const char *),
+                               int32_t (*deleteDay)(const char *, int32_t), const char *mac) {
+  int32_t status = deletePrimitive(mac);
   for (int32_t d = 1; d <= kDaysPerWeek; ++d) {
-    int32_t dayStatus = removeThroughGate(day, mac, d);
+    int32_t dayStatus = deleteDay(mac, d);
     if (dayStatus != DB_STATUS_SUCCESS) status = dayStatus;
   }
   return status;
 }
 
 // Foreign keys must be enforced for the day rows to go with their index rows.
-int32_t deleteNonWan(const NonWanRemoval &removal) {
+int32_t deleteNonWan(const NonWanRemoval &removal, adb::log::Origin origin) {
   int32_t status = db_setForeignKey();
   if (status != DB_STATUS_SUCCESS) {
     // Both series name the receive table here; the text is matched by existing log readers.
-    ADB_LOG_ERROR("[analyticsDB] SETTING FOREIGN KEY FAILED for BANDWIDTHRXTABLE ret [%d]", status);
+    ADB_LOG_FOR(origin, RYX_LOG_ERROR,
+                "[analyticsDB] SETTING FOREIGN KEY FAILED for BANDWIDTHRXTABLE ret [%d]", status);
     return status;
   }
   return db_deleteTableContent(removal.primitiveTable, "SOURCE_S", " NOT LIKE ", "WAN", nullptr);
 }
 
-int32_t replayNonWan(const NonWanRemoval &removal) {
+int32_t replayNonWan(const NonWanRemoval &removal, adb::log::Origin origin) {
   int32_t status = db_setForeignKey();
   if (status != DB_STATUS_SUCCESS) {
-    ADB_LOG_ERROR("[analyticsDB][RETRY]SETTING FOREIGN KEY FAILED for BANDWIDTHRXTABLE ret [%d]",
-                  status);
+    ADB_LOG_FOR(origin, RYX_LOG_ERROR,
+                "[analyticsDB][RETRY]SETTING FOREIGN KEY FAILED for BANDWIDTHRXTABLE ret [%d]",
+                status);
     return adb::finishReplay(status);
   }
   return adb::finishReplay(
       db_deleteTableContent(removal.primitiveTable, "SOURCE_S", " NOT LIKE ", "WAN", nullptr));
 }
 
-int32_t removeNonWanThroughGate(const NonWanRemoval &removal) {
+int32_t removeNonWanThroughGate(const NonWanRemoval &removal, adb::log::Origin origin) {
   return adb::throughGate(removal.functionId, removal.family, nullptr, 0,
-                          [&] { return deleteNonWan(removal); });
+                          [&] { return deleteNonWan(removal, origin); });
 }
 
 }  // namespace
@@ -158,30 +164,30 @@ int32_t removeNonWanThroughGate(const NonWanRemoval &removal) {
 extern "C" {
 
 // clang-format off
-ADB_API int32_t db_deleteDeviceInfoTable(void)                   { return removeThroughGate(kDeleteDeviceInfo, nullptr, 0); }
-ADB_API int32_t db_deleteMacDeviceInfo(const char *mac)          { return removeThroughGate(kDeleteMacDeviceInfo, mac, 0); }
-ADB_API int32_t db_deleteMeshTopoTable(void)                     { return removeThroughGate(kDeleteMeshTopo, nullptr, 0); }
-ADB_API int32_t db_deleteMacMeshTopo(const char *mac)            { return removeThroughGate(kDeleteMacMeshTopo, mac, 0); }
-ADB_API int32_t db_deleteMacDeviceThreshold(const char *cls)     { return removeThroughGate(kDeleteMacThreshold, cls, 0); }
-ADB_API int32_t db_deleteDayRssi(const char *mac, int32_t day)   { return removeThroughGate(kDeleteDayRssi, mac, day); }
-ADB_API int32_t db_deletePrimitiveRssi(const char *mac)          { return removeThroughGate(kDeletePrimitiveRssi, mac, 0); }
-ADB_API int32_t db_deleteMacRssi(const char *mac)                { return removeDeviceFromSeries(kDeletePrimitiveRssi, kDeleteDayRssi, mac); }
-ADB_API int32_t db_deleteDayBandWidthRx(const char *mac, int32_t day) { return removeThroughGate(kDeleteDayRx, mac, day); }
-ADB_API int32_t db_deletePrimitiveBandWidthRx(const char *mac)   { return removeThroughGate(kDeletePrimitiveRx, mac, 0); }
-ADB_API int32_t db_deleteMacBandWidthRx(const char *mac)         { return removeDeviceFromSeries(kDeletePrimitiveRx, kDeleteDayRx, mac); }
-ADB_API int32_t db_deleteNonWanBandwidthRxInfo(void)             { return removeNonWanThroughGate(kNonWanRx); }
-ADB_API int32_t db_deleteDayBandWidthTx(const char *mac, int32_t day) { return removeThroughGate(kDeleteDayTx, mac, day); }
-ADB_API int32_t db_deletePrimitiveBandWidthTx(const char *mac)   { return removeThroughGate(kDeletePrimitiveTx, mac, 0); }
-ADB_API int32_t db_deleteMacBandWidthTx(const char *mac)         { return removeDeviceFromSeries(kDeletePrimitiveTx, kDeleteDayTx, mac); }
-ADB_API int32_t db_deleteNonWanBandwidthTxInfo(void)             { return removeNonWanThroughGate(kNonWanTx); }
-ADB_API int32_t db_dropDeviceInfoTable(void)                     { return removeThroughGate(kDropDeviceInfo, nullptr, 0); }
-ADB_API int32_t db_dropMeshTopoTable(void)                       { return removeThroughGate(kDropMeshTopo, nullptr, 0); }
-ADB_API int32_t db_dropPrimitiveBandwidthRxTable(void)           { return removeThroughGate(kDropPrimitiveRx, nullptr, 0); }
-ADB_API int32_t db_dropBandwidthRxTable(int32_t day)             { return removeThroughGate(kDropDayRx, nullptr, day); }
-ADB_API int32_t db_dropPrimitiveBandwidthTxTable(void)           { return removeThroughGate(kDropPrimitiveTx, nullptr, 0); }
-ADB_API int32_t db_dropBandwidthTxTable(int32_t day)             { return removeThroughGate(kDropDayTx, nullptr, day); }
-ADB_API int32_t db_dropPrimitiveRssiTable(void)                  { return removeThroughGate(kDropPrimitiveRssi, nullptr, 0); }
-ADB_API int32_t db_dropRssiTable(int32_t day)                    { return removeThroughGate(kDropDayRssi, nullptr, day); }
+ADB_API int32_t db_deleteDeviceInfoTable(void)                   { return removeThroughGate(kDeleteDeviceInfo, nullptr, 0, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_deleteMacDeviceInfo(const char *mac)          { return removeThroughGate(kDeleteMacDeviceInfo, mac, 0, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_deleteMeshTopoTable(void)                     { return removeThroughGate(kDeleteMeshTopo, nullptr, 0, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_deleteMacMeshTopo(const char *mac)            { return removeThroughGate(kDeleteMacMeshTopo, mac, 0, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_deleteMacDeviceThreshold(const char *cls)     { return removeThroughGate(kDeleteMacThreshold, cls, 0, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_deleteDayRssi(const char *mac, int32_t day)   { return removeThroughGate(kDeleteDayRssi, mac, day, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_deletePrimitiveRssi(const char *mac)          { return removeThroughGate(kDeletePrimitiveRssi, mac, 0, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_deleteMacRssi(const char *mac)                { return removeDeviceFromSeries(db_deletePrimitiveRssi, db_deleteDayRssi, mac); }
+ADB_API int32_t db_deleteDayBandWidthRx(const char *mac, int32_t day) { return removeThroughGate(kDeleteDayRx, mac, day, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_deletePrimitiveBandWidthRx(const char *mac)   { return removeThroughGate(kDeletePrimitiveRx, mac, 0, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_deleteMacBandWidthRx(const char *mac)         { return removeDeviceFromSeries(db_deletePrimitiveBandWidthRx, db_deleteDayBandWidthRx, mac); }
+ADB_API int32_t db_deleteNonWanBandwidthRxInfo(void)             { return removeNonWanThroughGate(kNonWanRx, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_deleteDayBandWidthTx(const char *mac, int32_t day) { return removeThroughGate(kDeleteDayTx, mac, day, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_deletePrimitiveBandWidthTx(const char *mac)   { return removeThroughGate(kDeletePrimitiveTx, mac, 0, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_deleteMacBandWidthTx(const char *mac)         { return removeDeviceFromSeries(db_deletePrimitiveBandWidthTx, db_deleteDayBandWidthTx, mac); }
+ADB_API int32_t db_deleteNonWanBandwidthTxInfo(void)             { return removeNonWanThroughGate(kNonWanTx, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_dropDeviceInfoTable(void)                     { return removeThroughGate(kDropDeviceInfo, nullptr, 0, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_dropMeshTopoTable(void)                       { return removeThroughGate(kDropMeshTopo, nullptr, 0, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_dropPrimitiveBandwidthRxTable(void)           { return removeThroughGate(kDropPrimitiveRx, nullptr, 0, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_dropBandwidthRxTable(int32_t day)             { return removeThroughGate(kDropDayRx, nullptr, day, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_dropPrimitiveBandwidthTxTable(void)           { return removeThroughGate(kDropPrimitiveTx, nullptr, 0, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_dropBandwidthTxTable(int32_t day)             { return removeThroughGate(kDropDayTx, nullptr, day, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_dropPrimitiveRssiTable(void)                  { return removeThroughGate(kDropPrimitiveRssi, nullptr, 0, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_dropRssiTable(int32_t day)                    { return removeThroughGate(kDropDayRssi, nullptr, day, ADB_LOG_ORIGIN); }
 
 ADB_API int32_t db_dropQueueDeviceInfoTable(void)                { return replayRemoval(kDropDeviceInfo, nullptr, 0); }
 ADB_API int32_t db_dropQueueMeshTopoTable(void)                  { return replayRemoval(kDropMeshTopo, nullptr, 0); }
@@ -201,10 +207,10 @@ ADB_API int32_t db_deleteQueueDayRssi(const char *mac, int32_t day) { return rep
 ADB_API int32_t db_deleteQueuePrimitiveRssi(const char *mac)     { return replayRemoval(kDeletePrimitiveRssi, mac, 0); }
 ADB_API int32_t db_deleteQueueDayBandWidthRx(const char *mac, int32_t day) { return replayRemoval(kDeleteDayRx, mac, day); }
 ADB_API int32_t db_deleteQueuePrimitiveBandWidthRx(const char *mac) { return replayRemoval(kDeletePrimitiveRx, mac, 0); }
-ADB_API int32_t db_deleteQueueNonWanBandwidthRxInfo(void)        { return replayNonWan(kNonWanRx); }
+ADB_API int32_t db_deleteQueueNonWanBandwidthRxInfo(void)        { return replayNonWan(kNonWanRx, ADB_LOG_ORIGIN); }
 ADB_API int32_t db_deleteQueueDayBandWidthTx(const char *mac, int32_t day) { return replayRemoval(kDeleteDayTx, mac, day); }
 ADB_API int32_t db_deleteQueuePrimitiveBandWidthTx(const char *mac) { return replayRemoval(kDeletePrimitiveTx, mac, 0); }
-ADB_API int32_t db_deleteQueueNonWanBandwidthTxInfo(void)        { return replayNonWan(kNonWanTx); }
+ADB_API int32_t db_deleteQueueNonWanBandwidthTxInfo(void)        { return replayNonWan(kNonWanTx, ADB_LOG_ORIGIN); }
 ADB_API int32_t db_deleteQueueMacDeviceThreshold(const char *cls) { return replayRemoval(kDeleteMacThreshold, cls, 0); }
 // clang-format on
 

@@ -506,21 +506,26 @@ struct Series {
   const char *spanFailed;      // last line of a failed span read
   bool spanSkipsMissingDay;    // the receive side skips a missing day table when wrapping
   const char *limitsFailed;    // a latest-span read without a span
+  // The exported members that the composite functions call, so that their lines name them.
+  int32_t (*slotWriter)(char **);                                          // a sample's slot
+  int32_t (*spanReader)(const char *, int32_t, int32_t, BandWidthRecord *);  // a latest span
 };
 
 const Series kRssi{"RSSI", "PRIMITIVE_RSSI", rssiFieldNames, 3, rssiFieldNames, 3, 10, 11, 12,
                    "[analyticsDB] Rssi table - slot index is empty\n", nullptr, nullptr, false,
-                   nullptr};
+                   nullptr, db_updateRssiSlot, nullptr};
 const Series kRx{"BANDWIDTHRX", "PRIMITIVE_BANDWIDTHRX", bandWidthFieldNames, 4,
                  bandWidthTimeStampSlot, 4, 13, 14, 15,
                  "[analyticsDB] BandWithRx table - slot index is empty\n", "BandwidthRx",
                  "[analyticsDB] Bandwidth Rx table read failed. Check table in DB\n", true,
-                 "[analyticsDB] Error throwed on finding start and end index on Rx\n"};
+                 "[analyticsDB] Error throwed on finding start and end index on Rx\n",
+                 db_updateBandWidthSlotRx, db_readRxStartToEnd};
 const Series kTx{"BANDWIDTHTX", "PRIMITIVE_BANDWIDTHTX", bandWidthFieldNames, 4,
                  bandWidthTimeStampSlot, 4, 16, 17, 18,
                  "[analyticsDB] BandWithTx table - slot index is empty\n", "BandwidthTx",
                  "[analyticsDB] Read BandwidthTx table failed. Check table content in DB\n", false,
-                 "[analyticsDB] Error throwed on finding start and end index on tx\n"};
+                 "[analyticsDB] Error throwed on finding start and end index on tx\n",
+                 db_updateBandWidthSlotTx, db_readTxStartToEnd};
 
 char *text(const char *literal) { return const_cast<char *>(literal); }
 
@@ -541,7 +546,7 @@ int32_t writeIndexRow(const Series &series, char **values) {
 class SlotWrite {
  public:
   // False (and the series' message logged) when the slot number is missing or has no day.
-  bool prepare(const Series &series, char **values) {
+  bool prepare(const Series &series, char **values, adb::log::Origin origin) {
     const char *slot = values != nullptr ? values[1] : nullptr;
     int32_t day = 0;
     if (slot != nullptr) {
@@ -549,7 +554,7 @@ class SlotWrite {
       day = db_findTable(std::atoi(slot));
     }
     if (slot == nullptr || day == 0) {
-      ADB_LOG_ERROR("%s", series.slotIndexEmpty);
+      ADB_LOG_FOR(origin, RYX_LOG_ERROR, "%s", series.slotIndexEmpty);
       return false;
     }
     dayTableName(adb::TextBuilder(table_, sizeof table_), series, day);
@@ -568,9 +573,10 @@ class SlotWrite {
   char *values_[2] = {};
 };
 
-int32_t writeSlot(const Series &series, char **values) {
+int32_t writeSlot(const Series &series, char **values, adb::log::Origin origin) {
   SlotWrite write;
-  if (!write.prepare(series, values)) return DB_STATUS_FAILURE;  // nothing is queued for it
+  // A slot without a day is refused before the gate: nothing is queued for it.
+  if (!write.prepare(series, values, origin)) return DB_STATUS_FAILURE;
   return adb::throughGate(series.slotId, series.word, values, 3, [&] { return write.run(); });
 }
 
@@ -583,7 +589,7 @@ int32_t writeSample(const Series &series, char **values) {
                                          [&] { return writeIndexRow(series, values); });
   int32_t slotAt = series.primitiveCount - 1;  // the slot number closes the index values
   char *slotValues[3] = {values[0], values[slotAt], values[slotAt + 1]};
-  int32_t slotStatus = writeSlot(series, slotValues);
+  int32_t slotStatus = series.slotWriter(slotValues);
   return slotStatus != DB_STATUS_SUCCESS ? slotStatus : indexStatus;
 }
 
@@ -597,7 +603,7 @@ class DefaultFill {
   DefaultFill &operator=(const DefaultFill &) = delete;
   ~DefaultFill() { std::free(columnNames_); }
 
-  Outcome prepare(const Series &series, char **values) {
+  Outcome prepare(const Series &series, char **values, adb::log::Origin origin) {
     if (values == nullptr || values[0] == nullptr || values[1] == nullptr || values[2] == nullptr) {
       return Outcome::kMissingValue;
     }
@@ -605,7 +611,8 @@ class DefaultFill {
     int32_t last = std::atoi(values[2]);
     int32_t day = db_findTable(first);
     if (day != db_findTable(last) || day == 0) {
-      ADB_LOG_ERROR("[analyticsDB] Mismatch in table. start Idx [%d] end Idx [%d]\n", first, last);
+      ADB_LOG_FOR(origin, RYX_LOG_ERROR,
+                  "[analyticsDB] Mismatch in table. start Idx [%d] end Idx [%d]\n", first, last);
       return Outcome::kMismatch;
     }
     adb::TextBuilder(table_, sizeof table_).appendf("%s%d", series.word, day);
@@ -617,7 +624,7 @@ class DefaultFill {
       columnNames_ = static_cast<char(*)[kFillColumnCapacity]>(
           adb::allocateZeroed(static_cast<size_t>(slots), kFillColumnCapacity));
       if (columnNames_ == nullptr) {
-        ADB_LOG_ERROR("[analyticsDB] malloc failed\n");
+        ADB_LOG_FOR(origin, RYX_LOG_ERROR, "[analyticsDB] malloc failed\n");
         return Outcome::kNoMemory;
       }
       for (int32_t k = first; k <= last; ++k, ++count_) {
@@ -642,9 +649,9 @@ class DefaultFill {
 };
 
 // A refused fill returns 0, like a successful one: callers cannot tell the two apart.
-int32_t fillDefaults(const Series &series, char **values) {
+int32_t fillDefaults(const Series &series, char **values, adb::log::Origin origin) {
   DefaultFill fill;
-  DefaultFill::Outcome outcome = fill.prepare(series, values);
+  DefaultFill::Outcome outcome = fill.prepare(series, values, origin);
   if (outcome == DefaultFill::Outcome::kNoMemory) return DB_STATUS_FAILURE;
   if (outcome != DefaultFill::Outcome::kReady) return DB_STATUS_SUCCESS;
   // The queue keeps the caller's three values; the node records the number of columns.
@@ -660,16 +667,16 @@ int32_t replayIndexRow(const Series &series, char **values) {
 
 // A parked slot write whose slot has no day stays at the head of the queue: it is tried again
 // until the queue stalls, and the host has to clear it.
-int32_t replaySlot(const Series &series, char **values) {
+int32_t replaySlot(const Series &series, char **values, adb::log::Origin origin) {
   SlotWrite write;
-  if (!write.prepare(series, values)) return DB_STATUS_FAILURE;
+  if (!write.prepare(series, values, origin)) return DB_STATUS_FAILURE;
   return adb::finishReplay(write.run());
 }
 
 // Likewise a parked fill that cannot be carried out stays at the head.
-int32_t replayDefaults(const Series &series, char **values) {
+int32_t replayDefaults(const Series &series, char **values, adb::log::Origin origin) {
   DefaultFill fill;
-  DefaultFill::Outcome outcome = fill.prepare(series, values);
+  DefaultFill::Outcome outcome = fill.prepare(series, values, origin);
   if (outcome == DefaultFill::Outcome::kNoMemory) return DB_STATUS_FAILURE;
   if (outcome != DefaultFill::Outcome::kReady) return DB_STATUS_SUCCESS;
   return adb::finishReplay(fill.run());
@@ -810,10 +817,11 @@ int32_t readSourceRows(const Series &series, const char *source, uint32_t *times
   return read.status;
 }
 
-int32_t readSlotValue(const Series &series, const char *mac, int32_t slot, uint64_t *value) {
+int32_t readSlotValue(const Series &series, const char *mac, int32_t slot, uint64_t *value,
+                      adb::log::Origin origin) {
   int32_t day = db_findTable(slot);
   if (day == 0) {
-    ADB_LOG_ERROR("[analyticsDB] Cnt find tableIdx using slot index\n");
+    ADB_LOG_FOR(origin, RYX_LOG_ERROR, "[analyticsDB] Cnt find tableIdx using slot index\n");
     return DB_STATUS_FAILURE;
   }
   char table[kSlotTableCapacity] = {};
@@ -839,12 +847,13 @@ int32_t readSpanDay(const Series &series, const char *mac, int32_t day, BandWidt
   db_selectCondtion(buffer, sizeof buffer, kSeriesKey, kSeriesLike, mac);
   adb::TableResult result;
   int32_t status = db_readTableContent(buffer, &result.cells, &result.rows, &result.columns);
-  if (status == DB_STATUS_SUCCESS) status = db_setSlotRate(result.cells, result.rows, result.columns, record);
+  if (status == DB_STATUS_SUCCESS)
+    status = db_setSlotRate(result.cells, result.rows, result.columns, record);
   return status;
 }
 
 int32_t readSpan(const Series &series, const char *mac, int32_t first, int32_t last,
-                 BandWidthRecord *record) {
+                 BandWidthRecord *record, adb::log::Origin origin) {
   char macText[kSpanMacCapacity] = {};
   adb::TextBuilder(macText, sizeof macText).append(mac);
   int32_t firstDay = db_findTable(first);
@@ -854,8 +863,9 @@ int32_t readSpan(const Series &series, const char *mac, int32_t first, int32_t l
     for (int32_t day = firstDay; day <= lastDay; ++day) {
       int32_t status = readSpanDay(series, macText, day, record);
       if (status != DB_STATUS_SUCCESS) {
-        ADB_LOG_ERROR("[analyticsDB] Read %s table for day %d failed Ret %d\n", series.spanName, day, status);
-        ADB_LOG_ERROR("%s", series.spanFailed);
+        ADB_LOG_FOR(origin, RYX_LOG_ERROR, "[analyticsDB] Read %s table for day %d failed Ret %d\n",
+                    series.spanName, day, status);
+        ADB_LOG_FOR(origin, RYX_LOG_ERROR, "%s", series.spanFailed);
         return status;
       }
     }
@@ -866,16 +876,18 @@ int32_t readSpan(const Series &series, const char *mac, int32_t first, int32_t l
     for (int32_t day = 1; day <= lastDay && !(firstDay == lastDay && day == lastDay); ++day) {
       int32_t status = readSpanDay(series, macText, day, record);
       if (status != DB_STATUS_SUCCESS) {
-        ADB_LOG_ERROR("[analyticsDB] Read %s table for day %d failed Ret %d\n", series.spanName, day, status);
+        ADB_LOG_FOR(origin, RYX_LOG_ERROR, "[analyticsDB] Read %s table for day %d failed Ret %d\n",
+                    series.spanName, day, status);
         break;
       }
     }
     for (int32_t day = firstDay; day <= kSeriesDays; ++day) {
       int32_t status = readSpanDay(series, macText, day, record);
       if (status == DB_STATUS_SUCCESS) continue;
-      ADB_LOG_ERROR("[analyticsDB] Read %s table for day %d failed Ret %d\n", series.spanName, day, status);
+      ADB_LOG_FOR(origin, RYX_LOG_ERROR, "[analyticsDB] Read %s table for day %d failed Ret %d\n",
+                  series.spanName, day, status);
       if (series.spanSkipsMissingDay && status == DB_STATUS_NO_TABLE) continue;
-      ADB_LOG_ERROR("%s", series.spanFailed);
+      ADB_LOG_FOR(origin, RYX_LOG_ERROR, "%s", series.spanFailed);
       return status;
     }
   }
@@ -884,7 +896,7 @@ int32_t readSpan(const Series &series, const char *mac, int32_t first, int32_t l
 }
 
 int32_t readLatestSpan(const Series &series, const char *source, uint32_t from,
-                       BandWidthRecord *record, int32_t *wanCount) {
+                       BandWidthRecord *record, int32_t *wanCount, adb::log::Origin origin) {
   uint32_t timestamps[DB_SOURCE_ROWS_MAX] = {};
   int32_t slotIndexes[DB_SOURCE_ROWS_MAX] = {};
   char macs[DB_SOURCE_ROWS_MAX][32] = {};
@@ -896,14 +908,14 @@ int32_t readLatestSpan(const Series &series, const char *source, uint32_t from,
   int32_t status = readSourceRows(series, source, timestamps, slotIndexes, macs, count);
   if (*count > kMaxWanRows) {
     *count = kMaxWanRows;
-    ADB_LOG_ERROR("More than MAX [%d] WAN found in DB", kMaxWanRows);
+    ADB_LOG_FOR(origin, RYX_LOG_ERROR, "More than MAX [%d] WAN found in DB", kMaxWanRows);
   }
   if (status != DB_STATUS_SUCCESS) return status;
   if (*count < 1) return DB_STATUS_SUCCESS;  // no such source: the record is left alone
 
   status = db_findIndexLimits(from, timestamps[0], slotIndexes[0], &first, &last);
   if (status != DB_STATUS_SUCCESS) {
-    ADB_LOG_ERROR("%s", series.limitsFailed);
+    ADB_LOG_FOR(origin, RYX_LOG_ERROR, "%s", series.limitsFailed);
     return status;
   }
   if (record == nullptr) return DB_STATUS_FAILURE;
@@ -911,10 +923,10 @@ int32_t readLatestSpan(const Series &series, const char *source, uint32_t from,
   record->endIndex = static_cast<uint32_t>(last);
   record->timestamp = timestamps[0];
   record->slotIndex = slotIndexes[0];
-  status = readSpan(series, macs[0], first, last, record);
+  status = series.spanReader(macs[0], first, last, record);
   if (status != DB_STATUS_SUCCESS) {
     // Both series report with the receive side's text.
-    ADB_LOG_ERROR("[analyticsDB] CMA Reading Rx tables failed\n");
+    ADB_LOG_FOR(origin, RYX_LOG_ERROR, "[analyticsDB] CMA Reading Rx tables failed\n");
     return status;
   }
   return DB_STATUS_SUCCESS;
@@ -928,25 +940,25 @@ extern "C" {
 ADB_API int32_t db_updatePrimitiveRssi(char **values)        { return adb::throughGate(kRssi.primitiveId, kRssi.word, values, kRssi.primitiveCount, [&] { return writeIndexRow(kRssi, values); }); }
 ADB_API int32_t db_updatePrimitiveBandWidthRx(char **values) { return adb::throughGate(kRx.primitiveId, kRx.word, values, kRx.primitiveCount, [&] { return writeIndexRow(kRx, values); }); }
 ADB_API int32_t db_updatePrimitiveBandWidthTx(char **values) { return adb::throughGate(kTx.primitiveId, kTx.word, values, kTx.primitiveCount, [&] { return writeIndexRow(kTx, values); }); }
-ADB_API int32_t db_updateRssiSlot(char **values)             { return writeSlot(kRssi, values); }
-ADB_API int32_t db_updateBandWidthSlotRx(char **values)      { return writeSlot(kRx, values); }
-ADB_API int32_t db_updateBandWidthSlotTx(char **values)      { return writeSlot(kTx, values); }
+ADB_API int32_t db_updateRssiSlot(char **values)             { return writeSlot(kRssi, values, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_updateBandWidthSlotRx(char **values)      { return writeSlot(kRx, values, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_updateBandWidthSlotTx(char **values)      { return writeSlot(kTx, values, ADB_LOG_ORIGIN); }
 ADB_API int32_t db_updateRssi(char **values)                 { return writeSample(kRssi, values); }
 ADB_API int32_t db_updateBandWidthRx(char **values)          { return writeSample(kRx, values); }
 ADB_API int32_t db_updateBandWidthTx(char **values)          { return writeSample(kTx, values); }
-ADB_API int32_t db_updateRssiSlotDefaultValue(char **values) { return fillDefaults(kRssi, values); }
-ADB_API int32_t db_updateRxSlotDefaultValue(char **values)   { return fillDefaults(kRx, values); }
-ADB_API int32_t db_updateTxSlotDefaultValue(char **values)   { return fillDefaults(kTx, values); }
+ADB_API int32_t db_updateRssiSlotDefaultValue(char **values) { return fillDefaults(kRssi, values, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_updateRxSlotDefaultValue(char **values)   { return fillDefaults(kRx, values, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_updateTxSlotDefaultValue(char **values)   { return fillDefaults(kTx, values, ADB_LOG_ORIGIN); }
 
 ADB_API int32_t db_updateQueuePrimitiveRssi(char **values)        { return replayIndexRow(kRssi, values); }
 ADB_API int32_t db_updateQueuePrimitiveBandWidthRx(char **values) { return replayIndexRow(kRx, values); }
 ADB_API int32_t db_updateQueuePrimitiveBandWidthTx(char **values) { return replayIndexRow(kTx, values); }
-ADB_API int32_t db_updateQueueRssiSlot(char **values)             { return replaySlot(kRssi, values); }
-ADB_API int32_t db_updateQueueBandWidthSlotRx(char **values)      { return replaySlot(kRx, values); }
-ADB_API int32_t db_updateQueueBandWidthSlotTx(char **values)      { return replaySlot(kTx, values); }
-ADB_API int32_t db_updateQueueRssiSlotDefaultValue(char **values) { return replayDefaults(kRssi, values); }
-ADB_API int32_t db_updateQueueRxSlotDefaultValue(char **values)   { return replayDefaults(kRx, values); }
-ADB_API int32_t db_updateQueueTxSlotDefaultValue(char **values)   { return replayDefaults(kTx, values); }
+ADB_API int32_t db_updateQueueRssiSlot(char **values)             { return replaySlot(kRssi, values, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_updateQueueBandWidthSlotRx(char **values)      { return replaySlot(kRx, values, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_updateQueueBandWidthSlotTx(char **values)      { return replaySlot(kTx, values, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_updateQueueRssiSlotDefaultValue(char **values) { return replayDefaults(kRssi, values, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_updateQueueRxSlotDefaultValue(char **values)   { return replayDefaults(kRx, values, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_updateQueueTxSlotDefaultValue(char **values)   { return replayDefaults(kTx, values, ADB_LOG_ORIGIN); }
 
 ADB_API int32_t db_readPrimitiveRssiTable(PrimitiveDayTableRecord ***list, int32_t *rows) { return readIndexTable(kRssi, list, rows); }
 ADB_API int32_t db_readPrimitiveRxTable(PrimitiveDayTableRecord ***list, int32_t *rows)   { return readIndexTable(kRx, list, rows); }
@@ -975,17 +987,17 @@ ADB_API int32_t db_readLatestRxSlotIndexTimeStamp(const char *mac, uint32_t *tim
 ADB_API int32_t db_readLatestTxSlotIndexTimeStamp(const char *mac, uint32_t *timestamp, int32_t *slotIndex, char *source) { return readLatestRow(kTx, mac, timestamp, slotIndex, source); }
 ADB_API int32_t db_readRxSourceSlotIndexTimeStamp(const char *source, uint32_t *timestamps, int32_t *slotIndexes, char (*macs)[32], int32_t *rows) { return readSourceRows(kRx, source, timestamps, slotIndexes, macs, rows); }
 ADB_API int32_t db_readTxSourceSlotIndexTimeStamp(const char *source, uint32_t *timestamps, int32_t *slotIndexes, char (*macs)[32], int32_t *rows) { return readSourceRows(kTx, source, timestamps, slotIndexes, macs, rows); }
-ADB_API int32_t db_readRxSlotValue(const char *mac, int32_t slot, uint64_t *value) { return readSlotValue(kRx, mac, slot, value); }
-ADB_API int32_t db_readTxSlotValue(const char *mac, int32_t slot, uint64_t *value) { return readSlotValue(kTx, mac, slot, value); }
-ADB_API int32_t db_readRxStartToEnd(const char *mac, int32_t start, int32_t end, BandWidthRecord *record) { return readSpan(kRx, mac, start, end, record); }
-ADB_API int32_t db_readTxStartToEnd(const char *mac, int32_t start, int32_t end, BandWidthRecord *record) { return readSpan(kTx, mac, start, end, record); }
-ADB_API int32_t db_readBandWidthLatestRx(const char *source, uint32_t from, BandWidthRecord *record, int32_t *wanCount) { return readLatestSpan(kRx, source, from, record, wanCount); }
-ADB_API int32_t db_readBandWidthLatestTx(const char *source, uint32_t from, BandWidthRecord *record, int32_t *wanCount) { return readLatestSpan(kTx, source, from, record, wanCount); }
+ADB_API int32_t db_readRxSlotValue(const char *mac, int32_t slot, uint64_t *value) { return readSlotValue(kRx, mac, slot, value, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_readTxSlotValue(const char *mac, int32_t slot, uint64_t *value) { return readSlotValue(kTx, mac, slot, value, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_readRxStartToEnd(const char *mac, int32_t start, int32_t end, BandWidthRecord *record) { return readSpan(kRx, mac, start, end, record, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_readTxStartToEnd(const char *mac, int32_t start, int32_t end, BandWidthRecord *record) { return readSpan(kTx, mac, start, end, record, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_readBandWidthLatestRx(const char *source, uint32_t from, BandWidthRecord *record, int32_t *wanCount) { return readLatestSpan(kRx, source, from, record, wanCount, ADB_LOG_ORIGIN); }
+ADB_API int32_t db_readBandWidthLatestTx(const char *source, uint32_t from, BandWidthRecord *record, int32_t *wanCount) { return readLatestSpan(kTx, source, from, record, wanCount, ADB_LOG_ORIGIN); }
 // clang-format on
 
 ADB_API int32_t db_readRssiSlotValue(const char *mac, int32_t slot, uint16_t *value) {
   uint64_t wide = 0;
-  int32_t status = readSlotValue(kRssi, mac, slot, &wide);
+  int32_t status = readSlotValue(kRssi, mac, slot, &wide, ADB_LOG_ORIGIN);
   // RSSI values are 16-bit: the low half of the stored value is kept.
   if (status == DB_STATUS_SUCCESS && value != nullptr) *value = static_cast<uint16_t>(wide);
   return status;

@@ -22,6 +22,11 @@ namespace {
 
 /* ---------------------------------------------------------------- the gate ---- */
 
+// Every writer passes the gate through adb::manageQueue, and the non-empty check runs inside it:
+// their lines belong to these two functions whichever writer called.
+constexpr adb::log::Origin kGate{kLogModule, "db_manageQueue"};
+constexpr adb::log::Origin kNonEmptyCheck{kLogModule, "db_updateNonEmptyQueue"};
+
 // The before-writing check: the request joins the queue only behind a waiting request for the
 // same table family and key; otherwise (and when the queue is full) the caller writes directly.
 int32_t queueBehindRelated(const adb::queue::Request &request) {
@@ -30,8 +35,9 @@ int32_t queueBehindRelated(const adb::queue::Request &request) {
   if (adb::queue::head() == nullptr) return 0;
   if (queueCount >= DB_QUEUE_MAX_ENTRIES) {
     // This line deliberately ends without a newline.
-    ADB_LOG_ERROR("Queue has MAX number of entries. Queue count [%d] MAX value [%d]", queueCount,
-                  DB_QUEUE_MAX_ENTRIES);
+    ADB_LOG_FOR(kNonEmptyCheck, RYX_LOG_ERROR,
+                "Queue has MAX number of entries. Queue count [%d] MAX value [%d]", queueCount,
+                DB_QUEUE_MAX_ENTRIES);
     return 0;
   }
   if (db_checkTableEntry(request.tableFamily, request.values, request.valueCount) != 0) {
@@ -176,51 +182,51 @@ namespace adb {
 
 int32_t manageQueue(int32_t status, int32_t functionId, char **values, int32_t valueCount,
                     int32_t recordedCount, const char *tableFamily) {
-  ADB_LOG_DEBUG("[analyticsDB] Queue: Status %d Func %d\n", status, functionId);
+  ADB_LOG_FOR(kGate, RYX_LOG_DEBUG, "[analyticsDB] Queue: Status %d Func %d\n", status,
+              functionId);
   return passGate(status, {functionId, values, valueCount, recordedCount, tableFamily});
 }
 
-void queue::replay(WriteRequestNode &head) {
+bool queue::replay(WriteRequestNode &head) {
   const Replay &row = replayOf(head.functionId);
   const char *first = valueAt(head, 0);
   const char *second = valueAt(head, 1);
   switch (row.args) {
     case ReplayArgs::kValues:
       row.withValues(head.fieldValues);
-      return;
+      return true;
     case ReplayArgs::kVersion:
       // Without a version the node stays: the attempt only counts towards the stall.
       if (second != nullptr) row.withNumber(std::atoi(second));
-      return;
+      return true;
     case ReplayArgs::kDay:
       if (second != nullptr) {
         row.withNumber(std::atoi(second));
       } else {
         db_deleteQueueEntry();
       }
-      return;
+      return true;
     case ReplayArgs::kKey:
       if (first != nullptr) {
         row.withKey(first);
       } else {
         db_deleteQueueEntry();
       }
-      return;
+      return true;
     case ReplayArgs::kKeyAndDay:
       if (first != nullptr && second != nullptr) {
         row.withKeyAndDay(first, std::atoi(second));
       } else {
         db_deleteQueueEntry();
       }
-      return;
+      return true;
     case ReplayArgs::kNothing:
       row.withNothing();
-      return;
+      return true;
     case ReplayArgs::kNotSupported:
       break;
   }
-  ADB_LOG_ERROR("[analyticsDB] Get Node, Function is not supported in Queue\n");
-  db_deleteQueueEntry();
+  return false;
 }
 
 }  // namespace adb
@@ -229,8 +235,7 @@ extern "C" {
 
 ADB_API int32_t db_manageQueue(int32_t status, int32_t functionId, char **values, int32_t count,
                                const char *tableName) {
-  ADB_LOG_DEBUG("[analyticsDB] Queue: Status %d Func %d\n", status, functionId);
-  return passGate(status, {functionId, values, count, count, tableName});
+  return adb::manageQueue(status, functionId, values, count, count, tableName);
 }
 
 ADB_API int32_t db_updateNonEmptyQueue(int32_t functionId, char **values, int32_t count,

@@ -34,6 +34,11 @@ ADB_API pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
 
+// The append runs for the non-empty check, the busy append and db_updateQueue alike, and always
+// as db_updateQueue; the busy append's own lines are db_updateQueueEntry's.
+constexpr adb::log::Origin kAppend{kLogModule, "db_updateQueue"};
+constexpr adb::log::Origin kBusyAppend{kLogModule, "db_updateQueueEntry"};
+
 // The table name copy is bounded one byte short of its buffer (126 characters of text), on
 // purpose: family names are far shorter, and the bound is part of the node's contract.
 constexpr size_t kTableNameCopyBound = DB_QUEUE_TABLE_NAME_SIZE - 1;
@@ -42,13 +47,13 @@ constexpr size_t kDumpBufferSize = 2048;
 
 // A node has a fixed number of value slots: a request with more values is refused rather than
 // cut, since its replay would write a different row than the caller asked for.
-bool fitsInNode(const adb::queue::Request &request) {
+bool fitsInNode(const adb::queue::Request &request, adb::log::Origin origin) {
   if (request.valueCount <= DB_QUEUE_FIELD_SLOTS) return true;
-  ADB_LOG_ERROR(
-      "[analyticsDB] Queue: func[%d] Table[%s] has %d values, a queue entry holds %d: "
-      "not queued\n",
-      request.functionId, adb::queue::orNull(request.tableFamily), request.valueCount,
-      DB_QUEUE_FIELD_SLOTS);
+  ADB_LOG_FOR(origin, RYX_LOG_ERROR,
+              "[analyticsDB] Queue: func[%d] Table[%s] has %d values, a queue entry holds %d: "
+              "not queued\n",
+              request.functionId, adb::queue::orNull(request.tableFamily), request.valueCount,
+              DB_QUEUE_FIELD_SLOTS);
   return false;
 }
 
@@ -73,7 +78,8 @@ void freeValues(WriteRequestNode &node) {
 
 // False when a value could not be copied; the node then holds no copies. A node missing a value
 // would replay a different write than the caller's (the column left out), so it is never queued.
-bool fill(WriteRequestNode &node, const adb::queue::Request &request) {
+bool fill(WriteRequestNode &node, const adb::queue::Request &request,
+          adb::log::Origin origin) {
   node.fieldCount = request.recordedCount;
   node.functionId = request.functionId;
   adb::TextBuilder name(node.tableName, kTableNameCopyBound);
@@ -87,7 +93,7 @@ bool fill(WriteRequestNode &node, const adb::queue::Request &request) {
     if (request.values[i] == nullptr) continue;
     node.fieldValues[i] = copyOf(request.values[i]);
     if (node.fieldValues[i] == nullptr) {
-      ADB_LOG_ERROR(
+      ADB_LOG_FOR(origin, RYX_LOG_ERROR,
           "[analyticsDB] - Add Queue - Memory allocation failed for a field value of func[%d]: "
           "not queued\n",
           request.functionId);
@@ -99,13 +105,14 @@ bool fill(WriteRequestNode &node, const adb::queue::Request &request) {
 }
 
 // A node made and filled for `request`, or null (logged) when memory ran out.
-WriteRequestNode *filledNode(const adb::queue::Request &request, const char *nodeFailed) {
+WriteRequestNode *filledNode(const adb::queue::Request &request, const char *nodeFailed,
+                             adb::log::Origin origin) {
   WriteRequestNode *node = newNode();
   if (node == nullptr) {
-    ADB_LOG_ERROR("%s", nodeFailed);
+    ADB_LOG_FOR(origin, RYX_LOG_ERROR, "%s", nodeFailed);
     return nullptr;
   }
-  if (!fill(*node, request)) {
+  if (!fill(*node, request, origin)) {
     std::free(node);
     return nullptr;
   }
@@ -126,12 +133,12 @@ void unlinkHead() {
 namespace adb::queue {
 
 int32_t append(const Request &request) {
-  if (!fitsInNode(request)) return 0;
-  WriteRequestNode *node =
-      filledNode(request, "[analyticsDB] - AddQueue - Memory allocation failed for Queue entry\n");
+  if (!fitsInNode(request, kAppend)) return 0;
+  WriteRequestNode *node = filledNode(
+      request, "[analyticsDB] - AddQueue - Memory allocation failed for Queue entry\n", kAppend);
   if (node == nullptr) return 0;
-  ADB_LOG_ERROR("[analyticsDB] - Add Queue  func[%d]  Table[%s]\n", request.functionId,
-                orNull(request.tableFamily));
+  ADB_LOG_FOR(kAppend, RYX_LOG_ERROR, "[analyticsDB] - Add Queue  func[%d]  Table[%s]\n",
+              request.functionId, orNull(request.tableFamily));
   ++queueCount;
   if (lastNode == nullptr) {
     for (WriteRequestNode *walk = head(); walk != nullptr; walk = nextOf(walk)) lastNode = walk;
@@ -143,8 +150,8 @@ int32_t append(const Request &request) {
     setHead(node);
   }
   lastNode = node;
-  ADB_LOG_INFO("[analyticsDB] Added Queue func[%d]  Table[%s]\n", request.functionId,
-               orNull(request.tableFamily));
+  ADB_LOG_FOR(kAppend, RYX_LOG_INFO, "[analyticsDB] Added Queue func[%d]  Table[%s]\n",
+              request.functionId, orNull(request.tableFamily));
   return 1;
 }
 
@@ -152,19 +159,21 @@ void appendBusy(const Request &request) {
   adb::queue::Locked held;
   if (head() != nullptr) {
     if (queueCount >= DB_QUEUE_MAX_ENTRIES) {
-      ADB_LOG_ERROR("Queue has MAX number of entries. Queue count [%d] MAX value [%d]\n",
-                    queueCount, DB_QUEUE_MAX_ENTRIES);
+      ADB_LOG_FOR(kBusyAppend, RYX_LOG_ERROR,
+                  "Queue has MAX number of entries. Queue count [%d] MAX value [%d]\n", queueCount,
+                  DB_QUEUE_MAX_ENTRIES);
       return;
     }
     append(request);
     return;
   }
-  if (!fitsInNode(request)) return;
+  if (!fitsInNode(request, kBusyAppend)) return;
   WriteRequestNode *node = filledNode(
-      request, "[analyticsDB] - Add Queue,1stNode - Memory allocation failed for lock\n");
+      request, "[analyticsDB] - Add Queue,1stNode - Memory allocation failed for lock\n",
+      kBusyAppend);
   if (node == nullptr) return;
-  ADB_LOG_ERROR("[analyticsDB] - Add Queue,1stNode func[%d] Table[%s]\n", request.functionId,
-                orNull(request.tableFamily));
+  ADB_LOG_FOR(kBusyAppend, RYX_LOG_ERROR, "[analyticsDB] - Add Queue,1stNode func[%d] Table[%s]\n",
+              request.functionId, orNull(request.tableFamily));
   lastNode = node;
   queueCount = 1;
   setHead(node);
@@ -195,8 +204,9 @@ ADB_API int32_t db_updateQueue(int32_t functionId, char **values, int32_t count,
 ADB_API int32_t queue_fillDetails(WriteRequestNode *node, int32_t functionId, char **values,
                                   int32_t count, const char *tableName) {
   if (node == nullptr) return DB_STATUS_FAILURE;
-  return fill(*node, {functionId, values, count, count, tableName}) ? DB_STATUS_SUCCESS
-                                                                    : DB_STATUS_FAILURE;
+  return fill(*node, {functionId, values, count, count, tableName}, ADB_LOG_ORIGIN)
+             ? DB_STATUS_SUCCESS
+             : DB_STATUS_FAILURE;
 }
 
 ADB_API void freeNode(WriteRequestNode *node) {
@@ -244,7 +254,10 @@ ADB_API int32_t db_processQueue(void) {
     }
     ADB_LOG_ERROR("[analyticsDB] Get Node [%d] func[%d] Table[%s]\n", attempt, node->functionId,
                   node->tableName);
-    adb::queue::replay(*node);
+    if (!adb::queue::replay(*node)) {
+      ADB_LOG_ERROR("[analyticsDB] Get Node, Function is not supported in Queue\n");
+      db_deleteQueueEntry();
+    }
     // Counted after the replay, so after a removal (which resets the count) the next head
     // starts one attempt ahead. Kept so: the stall limit of a head counts from there.
     adb::queue::setAttempts(adb::queue::attempts() + 1);

@@ -23,32 +23,6 @@ ADB_LOG_MODULE("db_result_api")
 
 namespace {
 
-/* ---------------------------------------------------------------- logging ---- */
-
-// Where a table-driven helper logs from: the exported function it serves, so that every line
-// names the conversion or free function that the caller called.
-struct CallSite {
-  const char *function;
-  int line;
-};
-
-#define ADB_CALL_SITE (CallSite{__func__, __LINE__})
-
-// Like ADB_LOG_ERROR / ADB_LOG_DEBUG, for a level that the record family decides (error or
-// debug), in the name of `site`.
-#define ADB_LOG_AS(site, level, format, ...)                                                     \
-  do {                                                                                           \
-    if (adb::log::enabled(level)) {                                                              \
-      if ((level) == RYX_LOG_DEBUG) {                                                            \
-        ryxLogDebug((site).function, (site).line, "analyticsDB: [%s %s:%d] " format, kLogModule, \
-                    (site).function, (site).line __VA_OPT__(, ) __VA_ARGS__);                    \
-      } else {                                                                                   \
-        ryxLogError((site).function, (site).line, "analyticsDB: [%s %s:%d] " format, kLogModule, \
-                    (site).function, (site).line __VA_OPT__(, ) __VA_ARGS__);                    \
-      }                                                                                          \
-    }                                                                                            \
-  } while (0)
-
 /* ---------------------------------------------------------------- column rules ---- */
 
 enum class Match : uint8_t {
@@ -520,11 +494,11 @@ char **rowCells(char **cells, int32_t row, int32_t columns) {
 }
 
 // Logs the family's "result array NULL" line and returns false when there is nothing to convert.
-bool hasRows(const char *label, int level, CallSite site, char **cells, int32_t rowCount,
+bool hasRows(const char *label, int level, adb::log::Origin origin, char **cells, int32_t rowCount,
              int32_t columnCount) {
   if (cells != nullptr && rowCount > 0 && columnCount > 0) return true;
-  ADB_LOG_AS(site, level, "[analyticsDB] %s result array NULL / rowcount %d columcount %d\n", label,
-             rowCount, columnCount);
+  ADB_LOG_FOR(origin, level, "[analyticsDB] %s result array NULL / rowcount %d columcount %d\n",
+              label, rowCount, columnCount);
   return false;
 }
 
@@ -534,9 +508,9 @@ unsigned char *bytesOf(void *storage) { return static_cast<unsigned char *>(stor
 // the partial list is in *list), 2 (nothing to convert; *list untouched).
 template <const RecordFamily &family, typename Record>
 int32_t convertList(char **cells, Record ***list, int32_t rowCount, int32_t columnCount,
-                    CallSite site) {
+                    adb::log::Origin origin) {
   static_assert(family.recordSize == sizeof(Record), "record family of another record type");
-  if (!hasRows(family.label, family.emptyLevel, site, cells, rowCount, columnCount)) {
+  if (!hasRows(family.label, family.emptyLevel, origin, cells, rowCount, columnCount)) {
     return DB_STATUS_EMPTY;
   }
   if (list == nullptr) return DB_STATUS_FAILURE;
@@ -545,14 +519,14 @@ int32_t convertList(char **cells, Record ***list, int32_t rowCount, int32_t colu
       static_cast<Record **>(adb::allocateZeroed(static_cast<size_t>(rowCount), sizeof(Record *)));
   *list = records;
   if (records == nullptr) {
-    ADB_LOG_AS(site, RYX_LOG_ERROR, "%s", family.arrayFailed);
+    ADB_LOG_FOR(origin, RYX_LOG_ERROR, "%s", family.arrayFailed);
     return DB_STATUS_FAILURE;
   }
   const HeaderRules rules(family.columns, cells, columnCount);
   for (int32_t r = 0; r < rowCount; ++r) {
     auto *record = static_cast<Record *>(adb::allocateZeroed(1, sizeof(Record)));
     if (record == nullptr) {
-      ADB_LOG_AS(site, RYX_LOG_ERROR, "%s", family.recordFailed);
+      ADB_LOG_FOR(origin, RYX_LOG_ERROR, "%s", family.recordFailed);
       return DB_STATUS_FAILURE;
     }
     records[r] = record;
@@ -563,10 +537,10 @@ int32_t convertList(char **cells, Record ***list, int32_t rowCount, int32_t colu
 }
 
 template <const RecordFamily &family, typename Record>
-void freeList(Record ***list, int32_t count, CallSite site) {
+void freeList(Record ***list, int32_t count, adb::log::Origin origin) {
   static_assert(family.recordSize == sizeof(Record), "record family of another record type");
   if (list == nullptr || *list == nullptr) {
-    ADB_LOG_AS(site, family.freeLevel, "%s", family.alreadyFreed);
+    ADB_LOG_FOR(origin, family.freeLevel, "%s", family.alreadyFreed);
     return;
   }
   Record **records = *list;
@@ -600,47 +574,47 @@ extern "C" {
 
 ADB_API int32_t db_structMeshTopo(char **cells, MeshTopoRecord ***list, int32_t rowCount,
                                   int32_t columnCount) {
-  return convertList<kMeshTopoList>(cells, list, rowCount, columnCount, ADB_CALL_SITE);
+  return convertList<kMeshTopoList>(cells, list, rowCount, columnCount, ADB_LOG_ORIGIN);
 }
 
 ADB_API int32_t db_structDeviceInfo(char **cells, DeviceInfoRecord ***list, int32_t rowCount,
                                     int32_t columnCount) {
-  return convertList<kDeviceInfoList>(cells, list, rowCount, columnCount, ADB_CALL_SITE);
+  return convertList<kDeviceInfoList>(cells, list, rowCount, columnCount, ADB_LOG_ORIGIN);
 }
 
 ADB_API int32_t db_structClientsCapability(char **cells, ClientCapabilityRecord ***list,
                                            int32_t rowCount, int32_t columnCount) {
-  return convertList<kClientList>(cells, list, rowCount, columnCount, ADB_CALL_SITE);
+  return convertList<kClientList>(cells, list, rowCount, columnCount, ADB_LOG_ORIGIN);
 }
 
 ADB_API int32_t db_structDeviceThreshold(char **cells, DeviceThresholdRecord ***list,
                                          int32_t rowCount, int32_t columnCount) {
-  return convertList<kThresholdList>(cells, list, rowCount, columnCount, ADB_CALL_SITE);
+  return convertList<kThresholdList>(cells, list, rowCount, columnCount, ADB_LOG_ORIGIN);
 }
 
 ADB_API int32_t db_structSubscriberInfo(char **cells, SubscriberInfoRecord ***list,
                                         int32_t rowCount, int32_t columnCount) {
-  return convertList<kSubscriberList>(cells, list, rowCount, columnCount, ADB_CALL_SITE);
+  return convertList<kSubscriberList>(cells, list, rowCount, columnCount, ADB_LOG_ORIGIN);
 }
 
 ADB_API int32_t db_readTimestampResult(char **cells, DeviceTimestampRecord ***list,
                                        int32_t rowCount, int32_t columnCount) {
-  return convertList<kDeviceTimestampList>(cells, list, rowCount, columnCount, ADB_CALL_SITE);
+  return convertList<kDeviceTimestampList>(cells, list, rowCount, columnCount, ADB_LOG_ORIGIN);
 }
 
 ADB_API int32_t db_structPrimitiveDayTable(char **cells, PrimitiveDayTableRecord ***list,
                                            int32_t rowCount, int32_t columnCount) {
-  return convertList<kPrimitiveDayList>(cells, list, rowCount, columnCount, ADB_CALL_SITE);
+  return convertList<kPrimitiveDayList>(cells, list, rowCount, columnCount, ADB_LOG_ORIGIN);
 }
 
 ADB_API int32_t db_structBandWidth(char **cells, BandWidthRecord ***list, int32_t rowCount,
                                    int32_t columnCount) {
-  return convertList<kBandWidthList>(cells, list, rowCount, columnCount, ADB_CALL_SITE);
+  return convertList<kBandWidthList>(cells, list, rowCount, columnCount, ADB_LOG_ORIGIN);
 }
 
 ADB_API int32_t db_readRateStruct(char **cells, RateRecord ***list, int32_t rowCount,
                                   int32_t columnCount) {
-  return convertList<kRateList>(cells, list, rowCount, columnCount, ADB_CALL_SITE);
+  return convertList<kRateList>(cells, list, rowCount, columnCount, ADB_LOG_ORIGIN);
 }
 
 /* ---------------------------------------------------------------- caller storage ---- */
@@ -649,7 +623,7 @@ ADB_API int32_t db_readRateStruct(char **cells, RateRecord ***list, int32_t rowC
 // the callers read one day table of one device per call and gather the week this way.
 ADB_API int32_t db_setSlotRate(char **cells, int32_t rowCount, int32_t columnCount,
                                BandWidthRecord *record) {
-  if (!hasRows(kBandWidthList.label, RYX_LOG_ERROR, ADB_CALL_SITE, cells, rowCount, columnCount)) {
+  if (!hasRows(kBandWidthList.label, RYX_LOG_ERROR, ADB_LOG_ORIGIN, cells, rowCount, columnCount)) {
     return DB_STATUS_EMPTY;
   }
   if (record == nullptr) return DB_STATUS_FAILURE;
@@ -663,7 +637,7 @@ ADB_API int32_t db_setSlotRate(char **cells, int32_t rowCount, int32_t columnCou
 ADB_API int32_t db_getRateIdxTimeStamp(char **cells, int32_t rowCount, int32_t columnCount,
                                        uint32_t *timestamps, int32_t *slotIndexes, uint64_t *values,
                                        char (*macs)[32], char *source) {
-  if (!hasRows(kBandWidthList.label, RYX_LOG_ERROR, ADB_CALL_SITE, cells, rowCount, columnCount)) {
+  if (!hasRows(kBandWidthList.label, RYX_LOG_ERROR, ADB_LOG_ORIGIN, cells, rowCount, columnCount)) {
     return DB_STATUS_EMPTY;
   }
   static_assert(sizeof *macs == kMacTextSize);
@@ -692,39 +666,39 @@ ADB_API int32_t db_getRateIdxTimeStamp(char **cells, int32_t rowCount, int32_t c
 /* ---------------------------------------------------------------- free functions ---- */
 
 ADB_API void db_freeMeshTopoResult(MeshTopoRecord ***list, int32_t count) {
-  freeList<kMeshTopoList>(list, count, ADB_CALL_SITE);
+  freeList<kMeshTopoList>(list, count, ADB_LOG_ORIGIN);
 }
 
 ADB_API void db_freeClientsResult(ClientCapabilityRecord ***list, int32_t count) {
-  freeList<kClientList>(list, count, ADB_CALL_SITE);
+  freeList<kClientList>(list, count, ADB_LOG_ORIGIN);
 }
 
 ADB_API void db_freeDeviceInfoResult(DeviceInfoRecord ***list, int32_t count) {
-  freeList<kDeviceInfoList>(list, count, ADB_CALL_SITE);
+  freeList<kDeviceInfoList>(list, count, ADB_LOG_ORIGIN);
 }
 
 ADB_API void db_freePrimitiveDayTable(PrimitiveDayTableRecord ***list, int32_t count) {
-  freeList<kPrimitiveDayList>(list, count, ADB_CALL_SITE);
+  freeList<kPrimitiveDayList>(list, count, ADB_LOG_ORIGIN);
 }
 
 ADB_API void db_freeDpClientHandleResult(DeviceTimestampRecord ***list, int32_t count) {
-  freeList<kDeviceTimestampList>(list, count, ADB_CALL_SITE);
+  freeList<kDeviceTimestampList>(list, count, ADB_LOG_ORIGIN);
 }
 
 ADB_API void db_freeBandWidthResult(BandWidthRecord ***list, int32_t count) {
-  freeList<kBandWidthList>(list, count, ADB_CALL_SITE);
+  freeList<kBandWidthList>(list, count, ADB_LOG_ORIGIN);
 }
 
 ADB_API void db_freeDeviceThresholdResult(DeviceThresholdRecord ***list, int32_t count) {
-  freeList<kThresholdList>(list, count, ADB_CALL_SITE);
+  freeList<kThresholdList>(list, count, ADB_LOG_ORIGIN);
 }
 
 ADB_API void db_freeRateResult(RateRecord ***list, int32_t count) {
-  freeList<kRateList>(list, count, ADB_CALL_SITE);
+  freeList<kRateList>(list, count, ADB_LOG_ORIGIN);
 }
 
 ADB_API void db_freeSubscriberInfoResult(SubscriberInfoRecord ***list, int32_t count) {
-  freeList<kSubscriberList>(list, count, ADB_CALL_SITE);
+  freeList<kSubscriberList>(list, count, ADB_LOG_ORIGIN);
 }
 
 // Resets the variable as well, so that a second call through it is harmless.

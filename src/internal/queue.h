@@ -69,8 +69,9 @@ int32_t append(const Request &request);
 void appendBusy(const Request &request);
 
 // Runs the replay of the head node by its function id. The replay reports its outcome to
-// db_deleteQueue, which may free the node: `head` must not be used afterwards.
-void replay(WriteRequestNode &head);
+// db_deleteQueue, which may free the node: `head` must not be used afterwards. False, with
+// nothing done, when the function id has no replay.
+bool replay(WriteRequestNode &head);
 
 }  // namespace adb::queue
 
