@@ -17,6 +17,7 @@
 #include "internal/log.h"
 #include "internal/memory.h"
 #include "internal/numbers.h"
+#include "internal/records.h"
 #include "internal/text_builder.h"
 
 ADB_LOG_MODULE("db_api_update_read")
@@ -720,25 +721,6 @@ bool weekFitsOneJoin(const Series &series) {
   return sqlite3_limit(database_connection, SQLITE_LIMIT_COLUMN, -1) >= columns;
 }
 
-// Adds the later days' slots of each record of `later` to the record of the same device.
-void mergeLaterDays(BandWidthRecord **list, int32_t rows, BandWidthRecord **later,
-                    int32_t laterRows) {
-  const int32_t firstLaterSlot =
-      kFirstDaysOfSplitWeek * static_cast<int32_t>(db_calcPerDaySlotCount());
-  for (int32_t r = 0; r < rows; ++r) {
-    // Both joins scan the index table alike, so the rows normally pair up by position.
-    BandWidthRecord *match = nullptr;
-    if (r < laterRows && std::strcmp(later[r]->mac, list[r]->mac) == 0) match = later[r];
-    for (int32_t l = 0; match == nullptr && l < laterRows; ++l) {
-      if (std::strcmp(later[l]->mac, list[r]->mac) == 0) match = later[l];
-    }
-    if (match == nullptr) continue;
-    std::memcpy(&list[r]->slots[firstLaterSlot], &match->slots[firstLaterSlot],
-                sizeof list[r]->slots - firstLaterSlot * sizeof list[r]->slots[0]);
-    list[r]->slotCount += match->slotCount;
-  }
-}
-
 int32_t readWeek(const Series &series, const char *column, const char *value,
                  BandWidthRecord ***list, int32_t *rows) {
   int32_t status = db_open();
@@ -749,13 +731,17 @@ int32_t readWeek(const Series &series, const char *column, const char *value,
   status = readJoined(series, 1, kFirstDaysOfSplitWeek, column, value, list, rows,
                       db_structBandWidth);
   if (status != DB_STATUS_SUCCESS) return status;
-  BandWidthRecord **later = nullptr;
-  int32_t laterRows = 0;
-  status = readJoined(series, kFirstDaysOfSplitWeek + 1, kSeriesDays, column, value, &later,
-                      &laterRows, db_structBandWidth);
-  if (status == DB_STATUS_SUCCESS) mergeLaterDays(*list, *rows, later, laterRows);
-  if (later != nullptr) db_freeBandWidthResult(&later, laterRows);
-  if (status != DB_STATUS_SUCCESS) db_freeBandWidthResult(list, *rows);  // half a week is no week
+  // The later days' cells go straight into the same records, each slot by its column name.
+  char buffer[kJoinReadCapacity] = {};
+  composeSeriesSelect(buffer, sizeof buffer, series, kFirstDaysOfSplitWeek + 1, kSeriesDays, column,
+                      value);
+  adb::TableResult later;
+  status = db_readTableContent(buffer, &later.cells, &later.rows, &later.columns);
+  if (status == DB_STATUS_SUCCESS) {
+    adb::mergeWeekCells(*list, *rows, later.cells, later.rows, later.columns);
+  } else {
+    db_freeBandWidthResult(list, *rows);  // half a week is no week
+  }
   return status;
 }
 

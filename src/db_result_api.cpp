@@ -18,6 +18,8 @@
 #include "internal/log.h"
 #include "internal/memory.h"
 #include "internal/numbers.h"
+#include "internal/records.h"
+#include "internal/text_builder.h"
 
 ADB_LOG_MODULE("db_result_api")
 
@@ -567,6 +569,40 @@ constexpr ColumnRule kIndexRowColumns[] = {
 static_assert(fieldsFit(kIndexRowColumns));
 
 }  // namespace
+
+namespace adb {
+
+void mergeWeekCells(BandWidthRecord **list, int32_t rows, char **cells, int32_t rowCount,
+                    int32_t columnCount) {
+  if (list == nullptr || cells == nullptr || columnCount <= 0) return;
+  int32_t macColumn = -1;
+  uint32_t slotColumns = 0;
+  for (int32_t c = 0; c < columnCount; ++c) {
+    if (cells[c] == nullptr) continue;
+    if (std::strcmp(cells[c], "MAC_S") == 0 && macColumn < 0) macColumn = c;
+    if (isSlotColumn(cells[c])) ++slotColumns;
+  }
+  if (macColumn < 0) return;
+  for (int32_t r = 0; r < rowCount; ++r) {
+    char **row = rowCells(cells, r, columnCount);
+    const char *mac = row[macColumn];
+    if (mac == nullptr) continue;
+    // The record holds the MAC as the conversion stored it: cut to its field.
+    char key[sizeof list[0]->mac] = {};
+    adb::TextBuilder(key, sizeof key).append(mac);
+    // Both reads scan the index table alike, so rows normally pair up by position.
+    BandWidthRecord *record = nullptr;
+    if (r < rows && std::strcmp(list[r]->mac, key) == 0) record = list[r];
+    for (int32_t i = 0; record == nullptr && i < rows; ++i) {
+      if (std::strcmp(list[i]->mac, key) == 0) record = list[i];
+    }
+    if (record == nullptr) continue;
+    fillRecord(kBandWidthList, false, bytesOf(record), cells, row, columnCount);
+    record->slotCount += slotColumns;
+  }
+}
+
+}  // namespace adb
 
 extern "C" {
 

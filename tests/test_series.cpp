@@ -1,4 +1,5 @@
 // The sample series: slot arithmetic, slot writes, single values, spans across the week's wrap.
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -259,5 +260,83 @@ TEST_F(Series, EightDaysOfSamplesReadBackAsTheLast24HoursInTimeOrder) {
   for (int32_t i = 0; i < 288; ++i) {
     int32_t tick = ticks - 288 + i;
     ASSERT_EQ(record->slots[i], static_cast<uint64_t>(tick * 10)) << i;
+  }
+}
+
+// Day tables of fewer slots than a day's 288 (the schema allows 1 to 299): every week read
+// places each cell by its SLOTk name, in one join or two.
+using ShortDays = adbtest::DbTest;
+
+TEST_F(ShortDays, WeekReadsPlaceEverySlotByItsColumnName) {
+  constexpr int32_t kSlots = 10;
+  ASSERT_EQ(db_createPrimitiveRssiTable(kSlots), DB_STATUS_SUCCESS);
+  ASSERT_EQ(db_createPrimitiveBandWidthRxTable(kSlots), DB_STATUS_SUCCESS);
+  ASSERT_EQ(db_createPrimitiveBandWidthTxTable(kSlots), DB_STATUS_SUCCESS);
+  const char *words[] = {"RSSI", "BANDWIDTHRX", "BANDWIDTHTX"};
+  for (uint32_t day = 1; day <= 7; ++day) {
+    for (auto create : {db_createRssiTab, db_createRxBandWidth, db_createTxBandWidth}) {
+      ASSERT_EQ(create(day, kSlots), DB_STATUS_SUCCESS);
+    }
+  }
+  // Two devices, a distinct value in every slot of every day of every series; the day rows are
+  // written past the library, whose slot writes assume 288-slot days.
+  const char *macs[] = {"aa:10", "aa:11"};
+  auto valueOf = [](int32_t series, int32_t device, int32_t k) {
+    return 100000 * (series + 1) + 1000 * device + k;
+  };
+  std::string sql = "BEGIN;";
+  for (int32_t device = 0; device < 2; ++device) {
+    ASSERT_EQ(db_updatePrimitiveRssi(Values{macs[device], "1700000000", "70"}.data()), 0);
+    for (auto write : {db_updatePrimitiveBandWidthRx, db_updatePrimitiveBandWidthTx}) {
+      ASSERT_EQ(write(Values{macs[device], "WAN", "1700000000", "70"}.data()), 0);
+    }
+    for (int32_t series = 0; series < 3; ++series) {
+      for (int32_t day = 1; day <= 7; ++day) {
+        std::string columns = "MAC_S", values = "'" + std::string(macs[device]) + "'";
+        for (int32_t k = (day - 1) * kSlots + 1; k <= day * kSlots; ++k) {
+          columns += ",SLOT" + std::to_string(k);
+          values += "," + std::to_string(valueOf(series, device, k));
+        }
+        sql += "INSERT INTO " + std::string(words[series]) + std::to_string(day) + "(" + columns +
+               ") VALUES(" + values + ");";
+      }
+    }
+  }
+  raw().exec(sql + "COMMIT;");
+
+  using WeekRead = std::function<int32_t(BandWidthRecord ***, int32_t *)>;
+  struct Read {
+    const char *name;
+    int32_t series;
+    int32_t rows;
+    WeekRead read;
+  };
+  const Read reads[] = {
+      {"db_readMacRssi", 0, 1,
+       [](auto list, auto rows) { return db_readMacRssi("AA:11", list, rows); }},
+      {"db_readMacBandWidthRx", 1, 1,
+       [](auto list, auto rows) { return db_readMacBandWidthRx("aa:11", list, rows); }},
+      {"db_readMacBandWidthTx", 2, 1,
+       [](auto list, auto rows) { return db_readMacBandWidthTx("aa:11", list, rows); }},
+      {"db_readSourceDataRx", 1, 2,
+       [](auto list, auto rows) { return db_readSourceDataRx("WAN", list, rows); }},
+      {"db_readSourceDataTx", 2, 2,
+       [](auto list, auto rows) { return db_readSourceDataTx("WAN", list, rows); }},
+      {"db_readBandWidthRxTable", 1, 2, db_readBandWidthRxTable},
+      {"db_readBandWidthTxTable", 2, 2, db_readBandWidthTxTable},
+  };
+  for (const Read &read : reads) {
+    BandWidthRecord **week = nullptr;
+    int32_t rows = 0;
+    ASSERT_EQ(read.read(&week, &rows), DB_STATUS_SUCCESS) << read.name << log().dump();
+    for (int32_t r = 0; r < rows; ++r) {
+      const int32_t device = std::string(week[r]->mac) == "aa:10" ? 0 : 1;
+      EXPECT_EQ(week[r]->slotCount, 7u * kSlots) << read.name;
+      std::vector<uint64_t> expected(kWeek, 0), got(week[r]->slots, week[r]->slots + kWeek);
+      for (int32_t k = 1; k <= 7 * kSlots; ++k) expected[k - 1] = valueOf(read.series, device, k);
+      EXPECT_EQ(got, expected) << read.name << " " << week[r]->mac;
+    }
+    EXPECT_EQ(rows, read.rows) << read.name;
+    db_freeBandWidthResult(&week, rows);
   }
 }
