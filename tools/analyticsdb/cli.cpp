@@ -4,10 +4,13 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <chrono>
+#include <cmath>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "commands.h"
+#include "output.h"
 #include "session.h"
 
 #ifndef ANALYTICSDB_TOOL_DEFAULT_DB
@@ -23,8 +26,15 @@ namespace {
 
 constexpr const char *kDemoDatabase = "analyticsdb-demo.db";
 
+constexpr const char *kExitStatusHelp =
+    "Exit status: 0 done; 1 failed (message on stderr); 2 usage error or refused; 3 database\n"
+    "busy longer than --wait; 4 no database or no analytics tables; 5 not a database or\n"
+    "damaged; 6 no permission or read-only.";
+
 struct Arguments {
   std::string db;
+  bool force = false;
+  double waitSeconds = 5.0;
   int verbosity = 0;
   bool json = false;
   SeriesOptions series;
@@ -82,11 +92,19 @@ int runTool(const std::vector<std::string> &args, std::ostream &out, std::ostrea
   app.fallthrough();
   app.failure_message(failureMessage);
   app.set_version_flag("--version", std::string("analyticsdb ") + ANALYTICSDB_TOOL_VERSION);
-  app.add_option("--db", a.db,
-                 std::string("Database file (default ") + ANALYTICSDB_TOOL_DEFAULT_DB +
-                     "; demo: " + kDemoDatabase + ")");
+  CLI::Option *dbOption =
+      app.add_option("--db", a.db,
+                     std::string("Database file (default ") + ANALYTICSDB_TOOL_DEFAULT_DB +
+                         "; demo: " + kDemoDatabase + ")");
+  app.add_flag("--force", a.force,
+               "Write into a file that holds other data, or use the default path with --db ''");
+  app.add_option("--wait", a.waitSeconds,
+                 "Seconds to wait for another process that holds the database")
+      ->check(CLI::Range(0.0, 3600.0))
+      ->capture_default_str();
   app.add_flag("-v,--verbose", a.verbosity,
                "Show the library's log lines (twice: debug lines too)");
+  app.footer(kExitStatusHelp);
 
   CLI::App *init = app.add_subcommand("init", "Create every table of a full week");
 
@@ -139,6 +157,12 @@ int runTool(const std::vector<std::string> &args, std::ostream &out, std::ostrea
   }
 
   const bool isDemo = demo->parsed();
+  // An empty --db is a script's unset variable far more often than a wish for the flash path.
+  if (dbOption->count() > 0 && a.db.empty() && !a.force) {
+    err << "analyticsdb: --db is empty (give a file, or add --force to use "
+        << ANALYTICSDB_TOOL_DEFAULT_DB << ")\n";
+    return kExitUsage;
+  }
   const bool defaultPath = a.db.empty();
   std::string path = !defaultPath ? a.db : isDemo ? kDemoDatabase : ANALYTICSDB_TOOL_DEFAULT_DB;
 
@@ -154,10 +178,11 @@ int runTool(const std::vector<std::string> &args, std::ostream &out, std::ostrea
     a.series.chart.width = std::clamp(terminalColumns() - 16, 16, 200);
 
   try {
-    Session session(path, a.verbosity, err);
+    Session session(path, a.verbosity, err,
+                    std::chrono::milliseconds(std::lround(a.waitSeconds * 1000.0)));
     bool clean = true;
     if (init->parsed())
-      runInit(session, out);
+      runInit(session, a.force, out);
     else if (devices->parsed())
       runDevices(session, a.json, out);
     else if (series->parsed())
@@ -165,7 +190,7 @@ int runTool(const std::vector<std::string> &args, std::ostream &out, std::ostrea
     else if (plot->parsed())
       runPlot(session, a.plot, out);
     else if (simulate->parsed())
-      clean = runSimulate(session, a.simulate, out);
+      clean = runSimulate(session, a.simulate, a.force, out);
     else if (isDemo)
       clean = runDemo(session, defaultPath, a.series.chart, out);
     if (!clean)
@@ -173,7 +198,9 @@ int runTool(const std::vector<std::string> &args, std::ostream &out, std::ostrea
     return kExitOk;
   } catch (const ToolError &error) {
     out.flush();
-    err << "analyticsdb: " << error.what() << '\n';
+    // Messages carry device names: keep their control characters off the terminal too.
+    err << "analyticsdb: " << printable(error.what()) << '\n';
+    return static_cast<int>(error.failure());
   } catch (const std::exception &error) {
     out.flush();
     err << "analyticsdb: unexpected failure: " << error.what() << '\n';

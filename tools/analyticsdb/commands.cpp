@@ -88,7 +88,9 @@ void printDevicesJson(std::ostream &out, const std::vector<const DeviceInfoRecor
 // ---- series ------------------------------------------------------------------------------
 
 std::string deviceTitle(const std::string &mac, const DeviceSummary &device) {
-  return (device.known ? device.mac : mac) + (device.host.empty() ? "" : "  " + device.host);
+  // Host names are whatever a device called itself: never print them raw.
+  return printable((device.known ? device.mac : mac) +
+                   (device.host.empty() ? "" : "  " + device.host));
 }
 
 Series requireSeries(const SeriesSpec &spec, const std::string &mac, const DeviceSummary &device,
@@ -201,8 +203,28 @@ bool isMacAddress(const std::string &text) {
   return true;
 }
 
-void runInit(Session &session, std::ostream &out) {
-  session.requireCreatableDatabase();
+namespace {
+
+// Another program's database is never extended with 30 tables by a slip of --db.
+void refuseForeign(const DatabaseContents &contents, const std::string &path, const char *what) {
+  if (contents.foreignTables.empty())
+    return;
+  std::string names;
+  for (std::size_t i = 0; i < contents.foreignTables.size() && i < 3; ++i)
+    names += (i == 0 ? "" : ", ") + printable(contents.foreignTables[i]);
+  if (contents.foreignTables.size() > 3)
+    names += ", ...";
+  throw ToolError(path + " holds tables of another program (" + names + "); refusing to " + what +
+                      " (--force to do it anyway)",
+                  Failure::Usage);
+}
+
+} // namespace
+
+void runInit(Session &session, bool force, std::ostream &out) {
+  DatabaseContents contents = session.requireWritableDatabase();
+  if (!force)
+    refuseForeign(contents, session.path(), "add the analytics tables");
   int tables = createAllTables(session.path());
   out << "initialised " << session.path() << ": " << tables
       << " tables (inventory, 3 index tables, 3 series x 7 day tables of 288 five-minute slots)\n";
@@ -211,11 +233,14 @@ void runInit(Session &session, std::ostream &out) {
 void runDevices(Session &session, bool json, std::ostream &out) {
   session.requireExistingDatabase();
   DeviceList found;
-  int32_t status = db_readDeviceInfoTable(&found.list, &found.rows);
+  int32_t status =
+      retryWhileBusy([&found] { return db_readDeviceInfoTable(&found.list, &found.rows); });
   if (status == DB_STATUS_NO_TABLE)
-    throw ToolError("no device table in " + session.path() + " (run 'analyticsdb init' first)");
+    throw ToolError("no device table in " + session.path() + " (run 'analyticsdb init' first)",
+                    Failure::Missing);
   if (status != DB_STATUS_SUCCESS && status != DB_STATUS_EMPTY)
-    throw ToolError("cannot read the devices of " + session.path() + ": " + describeStatus(status));
+    throw ToolError("cannot read the devices of " + session.path() + ": " + describeStatus(status),
+                    failureOf(status));
 
   std::vector<const DeviceInfoRecord *> devices(
       found.list, found.list + (status == DB_STATUS_SUCCESS ? found.rows : 0));
@@ -293,7 +318,18 @@ void runPlot(Session &session, const PlotOptions &options, std::ostream &out) {
       << deviceTitle(options.mac, device) << ", last " << options.span.text << '\n';
 }
 
-bool runSimulate(Session &session, const SimulateOptions &options, std::ostream &out) {
+bool runSimulate(Session &session, const SimulateOptions &options, bool force,
+                 std::ostream &out) {
+  DatabaseContents contents = session.requireWritableDatabase();
+  if (!force) {
+    refuseForeign(contents, session.path(), "write synthetic rows into it");
+    if (contents.devices > 0 || contents.seriesRows > 0)
+      throw ToolError(session.path() + " already holds " + std::to_string(contents.devices) +
+                      " devices and " + std::to_string(contents.seriesRows) +
+                      " series rows; refusing to mix synthetic rows into them (use a new file, "
+                      "or --force)",
+                      Failure::Usage);
+  }
   SimulateResult result = simulate(session, options, out);
   return result.lost == 0 && result.mismatches == 0;
 }
@@ -320,7 +356,7 @@ bool runDemo(Session &session, bool defaultPath, const ChartOptions &chart, std:
       << "\nwhile a second process keeps the database busy in bursts (parked writes are "
          "replayed).\n\n"
       << "$ analyticsdb simulate --devices 6 --days 1 --contend --db " << path << '\n';
-  bool clean = runSimulate(session, simulation, out);
+  bool clean = runSimulate(session, simulation, false, out);
 
   out << "\n$ analyticsdb devices --db " << path << '\n';
   runDevices(session, false, out);

@@ -12,13 +12,21 @@ namespace adbtool {
 enum class Align { Left, Right };
 
 // One aligned plain-text table: a header row, then the rows, columns padded to their widest
-// cell (counted in characters, not bytes) and separated by two blanks.
+// cell (in terminal columns) and separated by two blanks. Cells pass through printable().
 void printTable(std::ostream &out, const std::vector<std::string> &headers,
                 const std::vector<Align> &aligns,
                 const std::vector<std::vector<std::string>> &rows);
 
-// Number of characters of UTF-8 text (what a terminal column count needs).
+// Terminal columns of UTF-8 text: wide characters count two, combining marks none.
 std::size_t displayWidth(std::string_view text);
+// `text` cut to at most `columns` terminal columns, an ellipsis marking the cut.
+std::string fitWidth(std::string_view text, std::size_t columns);
+
+// Text from the database made safe for a terminal: control characters shown as ^X, C1
+// controls, bidirectional overrides and bytes that are not UTF-8 as U+FFFD.
+std::string printable(std::string_view text);
+// Text with every byte that is not UTF-8 replaced by U+FFFD, for formats that require UTF-8.
+std::string validUtf8(std::string_view text);
 
 // A JSON string literal, quotes included.
 std::string jsonString(std::string_view text);

@@ -54,7 +54,8 @@ struct DayListGuard {
 
 [[noreturn]] void failRead(const SeriesSpec &spec, const std::string &mac, int32_t status) {
   throw ToolError(std::string("cannot read the ") + spec.noun + " samples of " + mac + ": " +
-                  describeStatus(status));
+                      describeStatus(status),
+                  failureOf(status));
 }
 
 } // namespace
@@ -73,7 +74,8 @@ std::vector<int64_t> readSlots(const SeriesSpec &spec, const std::string &mac,
       days.push_back(db_findTable(slot));
   for (int32_t day : days) {
     DayListGuard found;
-    int32_t status = spec.day(day, mac.c_str(), &found.list, &found.rows);
+    int32_t status = retryWhileBusy(
+        [&] { return spec.day(day, mac.c_str(), &found.list, &found.rows); });
     if (status == DB_STATUS_EMPTY)
       continue;
     if (status != DB_STATUS_SUCCESS)
@@ -110,12 +112,14 @@ SeriesStats statsOf(const Series &series) {
 DeviceSummary lookupDevice(const std::string &mac) {
   DeviceListGuard found;
   DeviceSummary summary;
-  int32_t status = db_readMacDeviceInfo(mac.c_str(), &found.list, &found.rows, 1);
+  int32_t status = retryWhileBusy(
+      [&] { return db_readMacDeviceInfo(mac.c_str(), &found.list, &found.rows, 1); });
   // A database without an inventory can still hold samples: only real failures stop here.
   if (status == DB_STATUS_EMPTY || status == DB_STATUS_NO_TABLE)
     return summary;
   if (status != DB_STATUS_SUCCESS)
-    throw ToolError("cannot read the inventory row of " + mac + ": " + describeStatus(status));
+    throw ToolError("cannot read the inventory row of " + mac + ": " + describeStatus(status),
+                    failureOf(status));
   summary.known = true;
   summary.mac = found.list[0]->mac;
   summary.host = found.list[0]->host;
@@ -128,12 +132,14 @@ std::optional<Series> readSeries(const SeriesSpec &spec, const std::string &mac,
   Series series;
   series.spec = &spec;
   series.mac = mac;
-  int32_t status = spec.latest(mac.c_str(), &series.latestTime, &series.latestSlot);
+  int32_t status = retryWhileBusy(
+      [&] { return spec.latest(mac.c_str(), &series.latestTime, &series.latestSlot); });
   if (status == DB_STATUS_EMPTY)
     return std::nullopt;
   if (status == DB_STATUS_NO_TABLE)
     throw ToolError(std::string("no table ") + spec.indexTable +
-                    " in the database (run 'analyticsdb init' first)");
+                        " in the database (run 'analyticsdb init' first)",
+                    Failure::Missing);
   if (status != DB_STATUS_SUCCESS)
     failRead(spec, mac, status);
   const int32_t week = static_cast<int32_t>(db_calcSlotCount());
@@ -160,7 +166,7 @@ std::optional<Series> readSeries(const SeriesSpec &spec, const std::string &mac,
 
   if (spec.span != nullptr) {
     auto record = std::make_unique<BandWidthRecord>();
-    status = spec.span(mac.c_str(), start, end, record.get());
+    status = retryWhileBusy([&] { return spec.span(mac.c_str(), start, end, record.get()); });
     if (status == DB_STATUS_SUCCESS && record->slotCount == count) {
       for (std::size_t i = 0; i < count; ++i)
         series.values.push_back(static_cast<int64_t>(record->slots[i]));

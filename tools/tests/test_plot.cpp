@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "analyticsdb.h"
+#include "output.h"
 #include "svg.h"
 #include "tool_test_support.h"
 
@@ -50,6 +51,55 @@ TEST(ToolPlot, SvgIsWellFormedAndCarriesAxesUnitsAndLines) {
 
   ToolRun json = runCli({"devices", "--json", "--db", db});
   EXPECT_NE(json.out.find("\"host\": \"Ann's \\\"TV\\\" & <den>\""), std::string::npos) << json.out;
+}
+
+TEST(ToolPlot, HostileNamesReachTheTerminalWithoutControlBytesAndStayAligned) {
+  TempDir dir;
+  const std::string db = dir.file("hostile.db");
+  ASSERT_EQ(
+      runCli({"simulate", "--devices", "5", "--days", "1", "--start", "1704067200", "--db", db})
+          .status,
+      0);
+  ASSERT_EQ(0, db_setDatabasePath(db.c_str()));
+  // A terminal retitle, a line break and tab, wide characters with a combining mark, bytes that
+  // are not UTF-8, and a right-to-left override.
+  const char *const names[] = {"\x1b]0;pwned\x07", "two\nlines\there", "\xe5\xae\xa2\xe5\x8e\x85" "e\xcc\x81",
+                               "bad\xff\xfe", "\xe2\x80\xae" "evil"};
+  for (std::size_t i = 0; i < std::size(names); ++i) {
+    std::string mac = "02:ad:b0:00:00:0" + std::to_string(i);
+    char *row[] = {const_cast<char *>(mac.c_str()), const_cast<char *>(names[i])};
+    ASSERT_EQ(0, db_updateDeviceInfoBeaconFName(row));
+  }
+  ASSERT_EQ(0, db_writeQuery("UPDATE DEVICEINFO SET HOST_S = FRIENDLYNAME_S"));
+  db_closeDbConnection();
+
+  for (const std::vector<std::string> &args :
+       {std::vector<std::string>{"devices"},
+        {"series", "02:ad:b0:00:00:00", "--rx"}}) {
+    std::vector<std::string> withDb = args;
+    withDb.insert(withDb.end(), {"--db", db});
+    ToolRun run = runCli(withDb);
+    ASSERT_EQ(run.status, 0) << args[0] << ": " << run.err;
+    for (char c : run.out)
+      ASSERT_TRUE(c == '\n' || (static_cast<unsigned char>(c) >= 0x20 && c != 0x7f))
+          << args[0] << " printed control byte " << static_cast<int>(c) << ":\n" << run.out;
+    EXPECT_EQ(run.out.find("\xe2\x80\xae"), std::string::npos) << args[0];
+    EXPECT_EQ(run.out.find("\xff"), std::string::npos) << args[0];
+  }
+  // Every row of the inventory starts its IP column at the header's terminal column.
+  std::string table = runCli({"devices", "--db", db}).out;
+  std::size_t header = table.find("IP");
+  std::size_t lineStart = 0;
+  std::size_t rows = 0;
+  while ((lineStart = table.find('\n', lineStart) + 1) < table.size()) {
+    std::string line = table.substr(lineStart, table.find('\n', lineStart) - lineStart);
+    std::size_t ip = std::min(line.find("192.168."), line.find("203.0.113."));
+    if (ip == std::string::npos)
+      continue;
+    EXPECT_EQ(displayWidth(line.substr(0, ip)), header) << line;
+    ++rows;
+  }
+  EXPECT_EQ(rows, 5u) << table;
 }
 
 TEST(ToolPlot, LongSpansAreGatheredIntoBandsAndGapsBreakTheLine) {
