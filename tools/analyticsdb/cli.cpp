@@ -31,6 +31,12 @@ constexpr const char *kExitStatusHelp =
     "busy longer than --wait; 4 no database or no analytics tables; 5 not a database or\n"
     "damaged; 6 no permission or read-only.";
 
+struct SpanArguments {
+  std::string last = "24h";
+  std::string from;
+  std::string to;
+};
+
 struct Arguments {
   std::string db;
   bool force = false;
@@ -39,10 +45,10 @@ struct Arguments {
   bool json = false;
   SeriesOptions series;
   bool rssi = false, rx = false, tx = false, csv = false, seriesJson = false;
-  std::string seriesSpan = "24h";
+  SpanArguments seriesSpan;
   int width = 0;
   PlotOptions plot;
-  std::string plotSpan = "24h";
+  SpanArguments plotSpan;
   SimulateOptions simulate;
 };
 
@@ -55,12 +61,15 @@ const CLI::Validator kSpanValidator(
     },
     "SPAN", "span");
 
-const CLI::Validator kMacValidator(
+const CLI::Validator kTimeValidator(
     [](std::string &text) {
-      return isMacAddress(text) ? std::string()
-                                : "'" + text + "' is not a MAC address (like 02:ad:b0:00:00:01)";
+      uint32_t epoch = 0;
+      return parseTime(text, epoch) ? std::string()
+                                    : "'" + text +
+                                          "' is not a time (like '2024-01-01 06:00', "
+                                          "2024-01-01T06:00, 2024-01-01 or @1704067200)";
     },
-    "MAC", "mac");
+    "TIME", "time");
 
 int terminalColumns() {
   winsize size{};
@@ -69,11 +78,37 @@ int terminalColumns() {
   return 80;
 }
 
-void addSpanOption(CLI::App *command, std::string &target) {
-  command
-      ->add_option("--last", target, "Span ending at the latest sample: 5m to 7d, e.g. 1h, 24h, 7d")
-      ->check(kSpanValidator)
-      ->capture_default_str();
+void addSpanOptions(CLI::App *command, SpanArguments &target) {
+  auto *last =
+      command
+          ->add_option("--last", target.last,
+                       "Span ending at the latest sample: 5m to 7d, e.g. 1h, 24h, 7d")
+          ->check(kSpanValidator)
+          ->capture_default_str();
+  command->add_option("--from", target.from, "Start at this local time (instead of --last)")
+      ->check(kTimeValidator)
+      ->excludes(last);
+  command->add_option("--to", target.to, "End at this local time (default: the latest sample)")
+      ->check(kTimeValidator);
+}
+
+// --from/--to become a span label; without --from, --last counts back from --to.
+SpanOption spanOf(const SpanArguments &args) {
+  SpanOption span;
+  parseSpan(args.last, span);
+  if (!args.to.empty())
+    parseTime(args.to, span.to);
+  if (!args.from.empty()) {
+    parseTime(args.from, span.from);
+    span.text = args.from + " to " + (args.to.empty() ? "latest" : args.to);
+  } else if (!args.to.empty()) {
+    span.text = args.last + " to " + args.to;
+  }
+  return span;
+}
+
+void addDevice(CLI::App *command, std::string &target) {
+  command->add_option("DEVICE", target, "MAC address or host name of the device")->required();
 }
 
 std::string failureMessage(const CLI::App *, const CLI::Error &error) {
@@ -112,13 +147,13 @@ int runTool(const std::vector<std::string> &args, std::ostream &out, std::ostrea
   devices->add_flag("--json", a.json, "JSON for machines");
 
   CLI::App *series = app.add_subcommand("series", "Show one device's samples over a span");
-  series->add_option("MAC", a.series.mac, "Device MAC address")->required()->check(kMacValidator);
+  addDevice(series, a.series.mac);
   auto *rssi = series->add_flag("--rssi", a.rssi, "RSSI in dBm (the default)");
   auto *rx = series->add_flag("--rx", a.rx, "Receive bandwidth in kbit/s");
   auto *tx = series->add_flag("--tx", a.tx, "Transmit bandwidth in kbit/s");
   rssi->excludes(rx)->excludes(tx);
   rx->excludes(tx);
-  addSpanOption(series, a.seriesSpan);
+  addSpanOptions(series, a.seriesSpan);
   auto *csv = series->add_flag("--csv", a.csv, "Raw slots with their times as CSV");
   auto *json = series->add_flag("--json", a.seriesJson, "Raw slots with their times as JSON");
   csv->excludes(json);
@@ -127,9 +162,9 @@ int runTool(const std::vector<std::string> &args, std::ostream &out, std::ostrea
   series->add_flag("--ascii", a.series.chart.ascii, "Chart in plain ASCII");
 
   CLI::App *plot = app.add_subcommand("plot", "Draw a device's RSSI and bandwidth as SVG");
-  plot->add_option("MAC", a.plot.mac, "Device MAC address")->required()->check(kMacValidator);
+  addDevice(plot, a.plot.mac);
   plot->add_option("--out", a.plot.outPath, "SVG file to write")->required();
-  addSpanOption(plot, a.plotSpan);
+  addSpanOptions(plot, a.plotSpan);
 
   CLI::App *simulate =
       app.add_subcommand("simulate", "Write a synthetic home network through the library");
@@ -170,8 +205,8 @@ int runTool(const std::vector<std::string> &args, std::ostream &out, std::ostrea
   a.series.format = a.csv          ? SeriesFormat::Csv
                     : a.seriesJson ? SeriesFormat::Json
                                    : SeriesFormat::Chart;
-  parseSpan(a.seriesSpan, a.series.span);
-  parseSpan(a.plotSpan, a.plot.span);
+  a.series.span = spanOf(a.seriesSpan);
+  a.plot.span = spanOf(a.plotSpan);
   if (a.width > 0)
     a.series.chart.width = a.width;
   else if (outIsTerminal)

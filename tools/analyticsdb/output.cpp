@@ -178,36 +178,8 @@ void printTable(std::ostream &out, const std::vector<std::string> &headers,
     printRow(row);
 }
 
-std::string jsonString(std::string_view text) {
-  std::string quoted = "\"";
-  for (char c : text) {
-    switch (c) {
-    case '"':
-      quoted += "\\\"";
-      break;
-    case '\\':
-      quoted += "\\\\";
-      break;
-    case '\n':
-      quoted += "\\n";
-      break;
-    case '\r':
-      quoted += "\\r";
-      break;
-    case '\t':
-      quoted += "\\t";
-      break;
-    default:
-      if (static_cast<unsigned char>(c) < 0x20) {
-        char escaped[8];
-        std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(c));
-        quoted += escaped;
-      } else {
-        quoted += c;
-      }
-    }
-  }
-  return quoted + "\"";
+void printJson(std::ostream &out, const Json &value, int indent) {
+  out << value.dump(indent, ' ', false, Json::error_handler_t::replace) << '\n';
 }
 
 std::string csvField(std::string_view text) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -28,8 +29,14 @@ std::string printable(std::string_view text);
 // Text with every byte that is not UTF-8 replaced by U+FFFD, for formats that require UTF-8.
 std::string validUtf8(std::string_view text);
 
-// A JSON string literal, quotes included.
-std::string jsonString(std::string_view text);
+// JSON with keys in the order they were added, so the documented layout is what is printed.
+using Json = nlohmann::ordered_json;
+// Bumped only when a field changes meaning or disappears; new fields may appear at any time.
+inline constexpr int kJsonVersion = 1;
+// Indented JSON and a newline; text that is not UTF-8 (a device's name can be anything) is
+// written with U+FFFD in its place, so the output always parses.
+// `indent` -1 gives one line (long sample lists).
+void printJson(std::ostream &out, const Json &value, int indent = 2);
 // A CSV field, quoted only when it needs to be.
 std::string csvField(std::string_view text);
 

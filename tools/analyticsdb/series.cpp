@@ -124,16 +124,19 @@ DeviceSummary lookupDevice(const std::string &mac) {
   summary.mac = found.list[0]->mac;
   summary.host = found.list[0]->host;
   summary.addedTs = found.list[0]->addedTs;
+  summary.wired = found.list[0]->rssi == 0;
   return summary;
 }
 
 std::optional<Series> readSeries(const SeriesSpec &spec, const std::string &mac,
-                                 uint32_t spanSeconds, uint32_t notBefore) {
+                                 const SpanOption &span, uint32_t notBefore) {
   Series series;
   series.spec = &spec;
   series.mac = mac;
-  int32_t status = retryWhileBusy(
-      [&] { return spec.latest(mac.c_str(), &series.latestTime, &series.latestSlot); });
+  uint32_t latestTime = 0;
+  int32_t latestSlot = 0;
+  int32_t status =
+      retryWhileBusy([&] { return spec.latest(mac.c_str(), &latestTime, &latestSlot); });
   if (status == DB_STATUS_EMPTY)
     return std::nullopt;
   if (status == DB_STATUS_NO_TABLE)
@@ -143,15 +146,37 @@ std::optional<Series> readSeries(const SeriesSpec &spec, const std::string &mac,
   if (status != DB_STATUS_SUCCESS)
     failRead(spec, mac, status);
   const int32_t week = static_cast<int32_t>(db_calcSlotCount());
-  if (series.latestSlot < 1 || series.latestSlot > week)
+  if (latestSlot < 1 || latestSlot > week)
     throw ToolError(std::string("the ") + spec.noun + " index row of " + mac +
-                    " holds no valid slot (" + std::to_string(series.latestSlot) + ")");
+                    " holds no valid slot (" + std::to_string(latestSlot) + ")");
 
+  // The stretch ends at the last stored slot at or before --to; the ring holds one week back
+  // from the latest slot, and older slots have been overwritten.
+  const uint32_t stored = static_cast<uint32_t>(week) * kSlotSeconds;
+  uint32_t back = 0;
+  if (span.to != 0 && span.to < latestTime)
+    back = (latestTime - span.to + kSlotSeconds - 1) / kSlotSeconds;
+  if (back >= static_cast<uint32_t>(week))
+    throw ToolError(std::string("no ") + spec.noun + " samples of " + mac + " stored before " +
+                    localTime(span.to, "%Y-%m-%d %H:%M %Z") + " (the database keeps the week up to " +
+                    localTime(latestTime, "%Y-%m-%d %H:%M %Z") + ")");
+  series.latestTime = latestTime - back * kSlotSeconds;
+  series.latestSlot = ((latestSlot - 1 - static_cast<int32_t>(back)) % week + week) % week + 1;
+
+  uint32_t spanSeconds = std::max<uint32_t>(span.seconds, kSlotSeconds);
+  if (span.from != 0) {
+    if (span.from > series.latestTime)
+      throw ToolError(std::string("no ") + spec.noun + " samples of " + mac + " after " +
+                      localTime(span.from, "%Y-%m-%d %H:%M %Z") + " (the latest is at " +
+                      localTime(latestTime, "%Y-%m-%d %H:%M %Z") + ")");
+    spanSeconds = series.latestTime - span.from + kSlotSeconds;
+  }
+  spanSeconds = std::min(spanSeconds, stored - back * kSlotSeconds);
   // Slots before the device was added hold nothing of it: leave them out.
-  uint32_t span = std::max<uint32_t>(spanSeconds, kSlotSeconds);
+  uint32_t spanLeft = spanSeconds;
   if (notBefore > 0 && notBefore <= series.latestTime)
-    span = std::min(span, series.latestTime - notBefore + kSlotSeconds);
-  uint32_t from = series.latestTime > span ? series.latestTime - span : 0;
+    spanLeft = std::min(spanLeft, series.latestTime - notBefore + kSlotSeconds);
+  uint32_t from = series.latestTime > spanLeft ? series.latestTime - spanLeft : 0;
   int32_t start = 0;
   int32_t end = 0;
   if (db_findIndexLimits(from, series.latestTime, series.latestSlot, &start, &end) !=

@@ -1,6 +1,7 @@
 // Tests of the tool's read commands and argument handling. The golden outputs come from a
 // small fixed database that the tool itself builds (a deterministic simulation starting
 // 2024-01-01 00:00 UTC); the error cases use databases that cost nothing to make.
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <unistd.h>
@@ -44,6 +45,27 @@ TEST(ToolCommands, ReadCommandsMatchGolden) {
                       "(the device is younger than the span)"),
             std::string::npos)
       << week;
+
+  // A device by host name (any letter case) is the device by MAC; absolute times select
+  // whole slots; a wired device's RSSI slots are empty, not 0 dBm.
+  EXPECT_EQ(run({"series", "Living-Room-TV", "--rx", "--last", "1h", "--csv"}),
+            run({"series", kTv, "--rx", "--last", "1h", "--csv"}));
+  std::string window =
+      run({"series", kTv, "--rx", "--from", "2024-01-01T06:00", "--to", "@1704090000", "--csv"});
+  EXPECT_EQ(std::count(window.begin(), window.end(), '\n'), 6) << window;
+  EXPECT_NE(window.find("\n1704088800,2024-01-01T06:00:00Z,"), std::string::npos) << window;
+  EXPECT_EQ(run({"series", kUplink, "--rssi", "--last", "10m", "--csv"}),
+            "timestamp,time,slot,rssi_dbm\n1704153000,2024-01-01T23:50:00Z,1439,\n"
+            "1704153300,2024-01-01T23:55:00Z,1440,\n");
+
+  ASSERT_EQ(0, db_setDatabasePath(db.c_str()));
+  ASSERT_EQ(0, db_writeQuery("UPDATE DEVICEINFO SET HOST_S = 'living-room-tv'"));
+  db_closeDbConnection();
+  ToolRun ambiguous = runCli({"series", "living-room-tv", "--db", db});
+  EXPECT_EQ(ambiguous.status, 2);
+  EXPECT_EQ(ambiguous.err, "analyticsdb: host name 'living-room-tv' is ambiguous: "
+                           "02:ad:b0:00:00:00, 02:ad:b0:00:00:01, 02:ad:b0:00:00:02 (give the "
+                           "MAC)\n");
 }
 
 TEST(ToolCommands, RuntimeErrorsAreOneLineWithStatusOne) {

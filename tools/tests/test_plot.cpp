@@ -49,8 +49,6 @@ TEST(ToolPlot, SvgIsWellFormedAndCarriesAxesUnitsAndLines) {
   EXPECT_EQ(std::system(command.c_str()), 0) << command;
 #endif
 
-  ToolRun json = runCli({"devices", "--json", "--db", db});
-  EXPECT_NE(json.out.find("\"host\": \"Ann's \\\"TV\\\" & <den>\""), std::string::npos) << json.out;
 }
 
 TEST(ToolPlot, HostileNamesReachTheTerminalWithoutControlBytesAndStayAligned) {
@@ -100,6 +98,11 @@ TEST(ToolPlot, HostileNamesReachTheTerminalWithoutControlBytesAndStayAligned) {
     ++rows;
   }
   EXPECT_EQ(rows, 5u) << table;
+  // JSON keeps the names (control characters escaped), with U+FFFD for the bytes that are not
+  // UTF-8, so it always parses.
+  Json devices = Json::parse(runCli({"devices", "--json", "--db", db}).out);
+  EXPECT_EQ(devices["devices"][0]["host"], "\x1b]0;pwned\x07");
+  EXPECT_EQ(devices["devices"][3]["host"], "bad\xef\xbf\xbd\xef\xbf\xbd");
 }
 
 TEST(ToolPlot, LongSpansAreGatheredIntoBandsAndGapsBreakTheLine) {
