@@ -6,12 +6,14 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <map>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "commands.h"
 #include "output.h"
 #include "session.h"
+#include "top.h"
 
 #ifndef ANALYTICSDB_TOOL_DEFAULT_DB
 #define ANALYTICSDB_TOOL_DEFAULT_DB "/flash/morv/edge_analytics/analytics.db"
@@ -50,6 +52,8 @@ struct Arguments {
   PlotOptions plot;
   SpanArguments plotSpan;
   SimulateOptions simulate;
+  SpanArguments topSpan;
+  TopOptions top;
 };
 
 const CLI::Validator kSpanValidator(
@@ -161,6 +165,18 @@ int runTool(const std::vector<std::string> &args, std::ostream &out, std::ostrea
       ->check(CLI::Range(16, 1000));
   series->add_flag("--ascii", a.series.chart.ascii, "Chart in plain ASCII");
 
+  CLI::App *top = app.add_subcommand(
+      "top", "Every device over a span: traffic totals, peak, latest and worst RSSI");
+  addSpanOptions(top, a.topSpan);
+  top->add_option("--sort", a.top.order, "Order: total, rx, tx, rssi (weakest first) or name")
+      ->transform(CLI::CheckedTransformer(std::map<std::string, TopOrder>{{"total", TopOrder::Total},
+                                                                          {"rx", TopOrder::Rx},
+                                                                          {"tx", TopOrder::Tx},
+                                                                          {"rssi", TopOrder::Rssi},
+                                                                          {"name", TopOrder::Name}},
+                                          CLI::ignore_case));
+  top->add_flag("--json", a.top.json, "JSON for machines");
+
   CLI::App *plot = app.add_subcommand("plot", "Draw a device's RSSI and bandwidth as SVG");
   addDevice(plot, a.plot.mac);
   plot->add_option("--out", a.plot.outPath, "SVG file to write")->required();
@@ -207,6 +223,7 @@ int runTool(const std::vector<std::string> &args, std::ostream &out, std::ostrea
                                    : SeriesFormat::Chart;
   a.series.span = spanOf(a.seriesSpan);
   a.plot.span = spanOf(a.plotSpan);
+  a.top.span = spanOf(a.topSpan);
   if (a.width > 0)
     a.series.chart.width = a.width;
   else if (outIsTerminal)
@@ -222,6 +239,8 @@ int runTool(const std::vector<std::string> &args, std::ostream &out, std::ostrea
       runDevices(session, a.json, out);
     else if (series->parsed())
       runSeries(session, a.series, out);
+    else if (top->parsed())
+      runTop(session, a.top, out);
     else if (plot->parsed())
       runPlot(session, a.plot, out);
     else if (simulate->parsed())

@@ -216,13 +216,29 @@ std::string isoTime(uint32_t epoch) {
 }
 
 std::string humanRate(double kbits) {
+  static const char *const kUnits[] = {"kbit/s", "Mbit/s", "Gbit/s"};
+  std::size_t unit = 0;
+  while (kbits >= 1000.0 && unit + 1 < std::size(kUnits)) {
+    kbits /= 1000.0;
+    ++unit;
+  }
+  // Three significant digits are plenty and keep the text short: "112 Mbit/s", "38.7 Mbit/s".
   char text[32];
-  if (kbits >= 1000000.0)
-    std::snprintf(text, sizeof text, "%.1f Gbit/s", kbits / 1000000.0);
-  else if (kbits >= 1000.0)
-    std::snprintf(text, sizeof text, "%.1f Mbit/s", kbits / 1000.0);
-  else
-    std::snprintf(text, sizeof text, "%.0f kbit/s", kbits);
+  std::snprintf(text, sizeof text, unit == 0 || kbits >= 99.95 ? "%.0f %s" : "%.1f %s", kbits,
+                kUnits[unit]);
+  return text;
+}
+
+std::string humanBytes(uint64_t bytes) {
+  static const char *const kUnits[] = {"B", "kB", "MB", "GB", "TB", "PB"};
+  double value = static_cast<double>(bytes);
+  std::size_t unit = 0;
+  while (value >= 999.95 && unit + 1 < std::size(kUnits)) {
+    value /= 1000.0;
+    ++unit;
+  }
+  char text[32];
+  std::snprintf(text, sizeof text, unit == 0 ? "%.0f %s" : "%.1f %s", value, kUnits[unit]);
   return text;
 }
 

@@ -49,5 +49,7 @@ std::string isoTime(uint32_t epoch);
 // "1.5 Mbit/s"-style text of a kbit/s figure, and digits grouped by thousands.
 std::string humanRate(double kbits);
 std::string groupDigits(uint64_t value);
+// "1.2 GB": bytes in decimal units, at most 7 characters.
+std::string humanBytes(uint64_t bytes);
 
 } // namespace adbtool

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "analyticsdb.h"
+#include "output.h"
 #include "tool_test_support.h"
 
 namespace adbtool::test {
@@ -31,6 +32,11 @@ TEST(ToolCommands, ReadCommandsMatchGolden) {
 
   expectGolden("devices.txt", run({"devices"}));
   expectGolden("devices.json", run({"devices", "--json"}));
+  expectGolden("top.txt", run({"top"}));
+  Json top = Json::parse(run({"top", "--last", "1h", "--sort", "rssi", "--json"}));
+  EXPECT_EQ(top["version"], 1);
+  EXPECT_EQ(top["devices"][0]["host"], "living-room-tv"); // weaker than the phone
+  EXPECT_EQ(top["devices"][2]["rssi"], nullptr);          // the wired uplink comes last
   expectGolden("series-uplink-rx-1h.csv",
                run({"series", kUplink, "--rx", "--last", "1h", "--csv"}));
   expectGolden("series-tv-tx-30m.json", run({"series", kTv, "--tx", "--last", "30m", "--json"}));

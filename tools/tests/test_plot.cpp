@@ -72,7 +72,7 @@ TEST(ToolPlot, HostileNamesReachTheTerminalWithoutControlBytesAndStayAligned) {
   db_closeDbConnection();
 
   for (const std::vector<std::string> &args :
-       {std::vector<std::string>{"devices"},
+       {std::vector<std::string>{"devices"}, {"top", "--last", "7d"},
         {"series", "02:ad:b0:00:00:00", "--rx"}}) {
     std::vector<std::string> withDb = args;
     withDb.insert(withDb.end(), {"--db", db});
@@ -83,6 +83,11 @@ TEST(ToolPlot, HostileNamesReachTheTerminalWithoutControlBytesAndStayAligned) {
           << args[0] << " printed control byte " << static_cast<int>(c) << ":\n" << run.out;
     EXPECT_EQ(run.out.find("\xe2\x80\xae"), std::string::npos) << args[0];
     EXPECT_EQ(run.out.find("\xff"), std::string::npos) << args[0];
+    if (args[0] == "top") {
+      std::size_t start = 0;
+      for (std::size_t end; (end = run.out.find('\n', start)) != std::string::npos; start = end + 1)
+        EXPECT_LE(displayWidth(run.out.substr(start, end - start)), 80u) << run.out;
+    }
   }
   // Every row of the inventory starts its IP column at the header's terminal column.
   std::string table = runCli({"devices", "--db", db}).out;
