@@ -12,6 +12,7 @@
 
 #include "commands.h"
 #include "output.h"
+#include "export.h"
 #include "session.h"
 #include "top.h"
 
@@ -54,6 +55,7 @@ struct Arguments {
   SimulateOptions simulate;
   SpanArguments topSpan;
   TopOptions top;
+  ExportOptions exporting;
 };
 
 const CLI::Validator kSpanValidator(
@@ -177,6 +179,17 @@ int runTool(const std::vector<std::string> &args, std::ostream &out, std::ostrea
                                           CLI::ignore_case));
   top->add_flag("--json", a.top.json, "JSON for machines");
 
+  CLI::App *exporter = app.add_subcommand(
+      "export", "Latest values of every device for a fleet's collectors (OpenMetrics or JSON)");
+  exporter->add_option("--format", a.exporting.format, "openmetrics (the default) or json")
+      ->transform(CLI::CheckedTransformer(
+          std::map<std::string, ExportFormat>{{"openmetrics", ExportFormat::OpenMetrics},
+                                              {"json", ExportFormat::JsonDocument}},
+          CLI::ignore_case));
+  exporter->add_option("--out", a.exporting.outPath,
+                       "File to replace atomically (e.g. for a textfile collector); - or none: "
+                       "standard output");
+
   CLI::App *plot = app.add_subcommand("plot", "Draw a device's RSSI and bandwidth as SVG");
   addDevice(plot, a.plot.mac);
   plot->add_option("--out", a.plot.outPath, "SVG file to write")->required();
@@ -239,6 +252,8 @@ int runTool(const std::vector<std::string> &args, std::ostream &out, std::ostrea
       runDevices(session, a.json, out);
     else if (series->parsed())
       runSeries(session, a.series, out);
+    else if (exporter->parsed())
+      runExport(session, a.exporting, out);
     else if (top->parsed())
       runTop(session, a.top, out);
     else if (plot->parsed())
