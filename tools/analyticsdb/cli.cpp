@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstring>
 #include <map>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -192,7 +193,29 @@ int runTool(const std::vector<std::string> &args, std::ostream &out, std::ostrea
 
   CLI::App *plot = app.add_subcommand("plot", "Draw a device's RSSI and bandwidth as SVG");
   addDevice(plot, a.plot.mac);
-  plot->add_option("--out", a.plot.outPath, "SVG file to write")->required();
+  plot->add_option("--out", a.plot.outPath, "SVG file to write; - for standard output")
+      ->required()
+      ->check(CLI::Validator(
+          [](std::string &name) {
+            // The picture is SVG whatever the name says; a .png that holds SVG helps nobody.
+            std::string lower = name;
+            std::transform(lower.begin(), lower.end(), lower.begin(),
+                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+            for (const char *raster : {".png", ".jpg", ".jpeg", ".gif", ".webp"})
+              if (lower.size() >= std::strlen(raster) &&
+                  lower.compare(lower.size() - std::strlen(raster), std::string::npos, raster) == 0)
+                return "'" + name +
+                       "': plot draws SVG only (name the file .svg, or convert it, e.g. with a "
+                       "browser)";
+            return std::string();
+          },
+          "FILE", "svg-file"));
+  plot->add_option("--width", a.plot.size.width, "Picture width in pixels")
+      ->check(CLI::Range(480.0, 4000.0))
+      ->capture_default_str();
+  plot->add_option("--height", a.plot.size.height, "Picture height in pixels")
+      ->check(CLI::Range(360.0, 3000.0))
+      ->capture_default_str();
   addSpanOptions(plot, a.plotSpan);
 
   CLI::App *simulate =

@@ -372,10 +372,15 @@ void runPlot(Session &session, PlotOptions options, std::ostream &out) {
     throw ToolError("device " + deviceTitle(options.mac, device) + " has no samples");
   }
 
-  std::string svg = renderSvg(input);
+  std::string svg = renderSvg(input, options.size);
+  if (options.outPath == "-") {
+    out << svg;
+    return;
+  }
   std::ofstream file(options.outPath, std::ios::binary | std::ios::trunc);
   if (!file)
-    throw ToolError("cannot write " + options.outPath + ": " + std::strerror(errno));
+    throw ToolError("cannot write " + options.outPath + ": " + std::strerror(errno),
+                    errno == EACCES || errno == EROFS ? Failure::Permission : Failure::General);
   file << svg;
   file.close();
   if (!file)

@@ -10,6 +10,7 @@
 #include "series.h"
 #include "session.h"
 #include "simulate.h"
+#include "svg.h"
 
 namespace adbtool {
 
@@ -26,7 +27,8 @@ struct SeriesOptions {
 struct PlotOptions {
   std::string mac;
   SpanOption span;
-  std::string outPath;
+  std::string outPath; // "-": standard output
+  SvgSize size;
 };
 
 void runInit(Session &session, bool force, std::ostream &out);

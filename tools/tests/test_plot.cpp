@@ -38,11 +38,26 @@ TEST(ToolPlot, SvgIsWellFormedAndCarriesAxesUnitsAndLines) {
   ASSERT_EQ(plot.status, 0) << plot.err;
   const std::string svg = readFile(svgPath);
   EXPECT_EQ(xmlProblem(svg), "");
+  // RSSI against its bands, then receive and transmit each on its own scale and unit (the TV
+  // sends a few hundred kbit/s while it receives tens of Mbit/s) with the peak marked.
   for (const char *expected :
-       {"Ann&apos;s &quot;TV&quot; &amp; &lt;den&gt;", ">dBm<", ">Mbit/s<", ">06:00<", ">Jan 01<",
-        "receive (RX)", "transmit (TX)", "stroke=\"#1f6fb4\""})
+       {"Ann&apos;s &quot;TV&quot; &amp; &lt;den&gt;", ">dBm<", ">Mbit/s<", ">kbit/s<", ">06:00<",
+        ">Jan 01<", "Receive (RX) — min", "Transmit (TX) — min", "stroke=\"#1f6fb4\"",
+        ">good<", ">fair<", ">weak<", "latest -52 dBm, good", ">peak 28.8 Mbit/s at 20:25<"})
     EXPECT_NE(svg.find(expected), std::string::npos) << expected;
   EXPECT_EQ(countOf(svg, "<path class=\"line\" d=\"M"), 3u);
+  EXPECT_EQ(countOf(svg, "<circle class=\"peak\""), 2u);
+
+  // The wired uplink has no RSSI panel; the picture can go to standard output at another size;
+  // a raster file name is refused rather than filled with SVG.
+  ToolRun wired = runCli({"plot", "internet-uplink", "--out", "-", "--width", "640", "--height",
+                          "480", "--db", db});
+  ASSERT_EQ(wired.status, 0) << wired.err;
+  EXPECT_EQ(xmlProblem(wired.out), "");
+  EXPECT_NE(wired.out.find("width=\"640\" height=\"480\""), std::string::npos);
+  EXPECT_EQ(wired.out.find("RSSI"), std::string::npos);
+  EXPECT_EQ(countOf(wired.out, "<path class=\"line\" d=\"M"), 2u);
+  EXPECT_EQ(runCli({"plot", "internet-uplink", "--out", dir.file("x.PNG"), "--db", db}).status, 2);
 
 #ifdef ANALYTICSDB_TOOL_XMLLINT
   const std::string command = std::string(ANALYTICSDB_TOOL_XMLLINT) + " --noout '" + svgPath + "'";
@@ -129,7 +144,7 @@ TEST(ToolPlot, LongSpansAreGatheredIntoBandsAndGapsBreakTheLine) {
   EXPECT_EQ(xmlProblem(svg), "");
   EXPECT_EQ(countOf(svg, "<path class=\"line\" d=\"M"), 2u);
   EXPECT_EQ(countOf(svg, "<path class=\"range\" d=\"M"), 2u);
-  EXPECT_NE(svg.find("no bandwidth readings"), std::string::npos);
+  EXPECT_NE(svg.find("no receive bandwidth readings"), std::string::npos);
   EXPECT_NE(svg.find(">Tue<"), std::string::npos); // day ticks over a week
 }
 
@@ -149,8 +164,9 @@ TEST(ToolPlot, DeviceWithoutSamplesStillGetsAPictureOfNothing) {
   input.spanLabel = "last 1h";
   std::string svg = renderSvg(input);
   EXPECT_EQ(xmlProblem(svg), "");
-  EXPECT_NE(svg.find("no RSSI readings"), std::string::npos);
-  EXPECT_NE(svg.find("no bandwidth readings"), std::string::npos);
+  EXPECT_EQ(svg.find("RSSI"), std::string::npos);
+  EXPECT_NE(svg.find("no receive bandwidth readings"), std::string::npos);
+  EXPECT_NE(svg.find("no transmit bandwidth readings"), std::string::npos);
 }
 
 } // namespace
