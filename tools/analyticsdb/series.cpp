@@ -206,6 +206,19 @@ std::optional<Series> readSeries(const SeriesSpec &spec, const std::string &mac,
   return series;
 }
 
+std::string formatValueLike(const SeriesSpec &spec, double value, double reference) {
+  if (spec.kind == SeriesKind::Rssi)
+    return formatValue(spec, value);
+  char text[32];
+  if (std::fabs(reference) >= 1000000.0)
+    std::snprintf(text, sizeof text, "%.1f Gbit/s", value / 1000000.0);
+  else if (std::fabs(reference) >= 1000.0)
+    std::snprintf(text, sizeof text, "%.1f Mbit/s", value / 1000.0);
+  else
+    return formatValue(spec, value);
+  return text;
+}
+
 std::string formatValue(const SeriesSpec &spec, double value) {
   if (spec.kind != SeriesKind::Rssi)
     return humanRate(value);

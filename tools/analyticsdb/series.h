@@ -90,5 +90,7 @@ std::optional<Series> readSeries(const SeriesSpec &spec, const std::string &mac,
 
 // "-57 dBm", "12.5 Mbit/s": a value of the series with its unit.
 std::string formatValue(const SeriesSpec &spec, double value);
+// `value` in the unit that `reference` is shown in ("0.0 Mbit/s" beside "28.8 Mbit/s").
+std::string formatValueLike(const SeriesSpec &spec, double value, double reference);
 
 } // namespace adbtool
