@@ -4,6 +4,9 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <csignal>
+#include <sstream>
+#include <thread>
 #include <chrono>
 #include <cmath>
 #include <cstring>
@@ -43,6 +46,8 @@ struct SpanArguments {
 
 struct Arguments {
   std::string db;
+  double watchSeconds = 0.0;
+  int watchCount = 0;
   bool force = false;
   double waitSeconds = 5.0;
   int verbosity = 0;
@@ -118,6 +123,53 @@ void addDevice(CLI::App *command, std::string &target) {
   command->add_option("DEVICE", target, "MAC address or host name of the device")->required();
 }
 
+volatile std::sig_atomic_t gInterrupted = 0;
+
+// Redraws until interrupted: the connection is closed between rounds, so the gateway's own
+// writers never wait for the tool. A busy database is reported and tried again next round.
+template <class Run>
+void watchLoop(double seconds, int count, bool terminal, std::ostream &out, Run run) {
+  gInterrupted = 0;
+  struct sigaction action {};
+  action.sa_handler = [](int) { gInterrupted = 1; };
+  sigemptyset(&action.sa_mask);
+  struct sigaction oldInt {}, oldTerm {};
+  sigaction(SIGINT, &action, &oldInt);
+  sigaction(SIGTERM, &action, &oldTerm);
+  struct Restore {
+    struct sigaction &i, &t;
+    ~Restore() {
+      sigaction(SIGINT, &i, nullptr);
+      sigaction(SIGTERM, &t, nullptr);
+    }
+  } restore{oldInt, oldTerm};
+
+  for (int round = 0; !gInterrupted && (count == 0 || round < count); ++round) {
+    if (round > 0) {
+      auto until = std::chrono::steady_clock::now() +
+                   std::chrono::milliseconds(std::lround(seconds * 1000.0));
+      while (!gInterrupted && std::chrono::steady_clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      if (gInterrupted)
+        break;
+    }
+    std::ostringstream frame;
+    try {
+      run(frame);
+    } catch (const ToolError &error) {
+      if (error.failure() != Failure::Busy)
+        throw;
+      frame << "analyticsdb: " << printable(error.what()) << '\n';
+    }
+    // Home the cursor and clear, then the whole frame at once: no flicker of half a table.
+    if (terminal)
+      out << "\x1b[H\x1b[2J";
+    else if (round > 0)
+      out << '\n';
+    out << frame.str() << std::flush;
+  }
+}
+
 std::string failureMessage(const CLI::App *, const CLI::Error &error) {
   return std::string("analyticsdb: ") + error.what() + "\nRun 'analyticsdb --help' for usage.\n";
 }
@@ -146,6 +198,11 @@ int runTool(const std::vector<std::string> &args, std::ostream &out, std::ostrea
       ->capture_default_str();
   app.add_flag("-v,--verbose", a.verbosity,
                "Show the library's log lines (twice: debug lines too)");
+  app.add_option("--watch", a.watchSeconds,
+                 "Redraw devices, series or top every this many seconds, until interrupted")
+      ->check(CLI::Range(0.5, 86400.0));
+  app.add_option("--count", a.watchCount, "With --watch: stop after this many redraws")
+      ->check(CLI::Range(1, 1000000));
   app.footer(kExitStatusHelp);
 
   CLI::App *init = app.add_subcommand("init", "Create every table of a full week");
@@ -265,28 +322,41 @@ int runTool(const std::vector<std::string> &args, std::ostream &out, std::ostrea
   else if (outIsTerminal)
     a.series.chart.width = std::clamp(terminalColumns() - 16, 16, 200);
 
-  try {
+  auto runOnce = [&](std::ostream &to) {
     Session session(path, a.verbosity, err,
                     std::chrono::milliseconds(std::lround(a.waitSeconds * 1000.0)));
     bool clean = true;
     if (init->parsed())
-      runInit(session, a.force, out);
+      runInit(session, a.force, to);
     else if (devices->parsed())
-      runDevices(session, a.json, out);
+      runDevices(session, a.json, to);
     else if (series->parsed())
-      runSeries(session, a.series, out);
+      runSeries(session, a.series, to);
     else if (exporter->parsed())
-      runExport(session, a.exporting, out);
+      runExport(session, a.exporting, to);
     else if (top->parsed())
-      runTop(session, a.top, out);
+      runTop(session, a.top, to);
     else if (plot->parsed())
-      runPlot(session, a.plot, out);
+      runPlot(session, a.plot, to);
     else if (simulate->parsed())
-      clean = runSimulate(session, a.simulate, a.force, out);
+      clean = runSimulate(session, a.simulate, a.force, to);
     else if (isDemo)
-      clean = runDemo(session, defaultPath, a.series.chart, out);
+      clean = runDemo(session, defaultPath, a.series.chart, to);
     if (!clean)
       throw ToolError("the simulation lost requests or read back other values than it wrote");
+  };
+
+  const bool watching = a.watchSeconds > 0.0;
+  if (watching && !(devices->parsed() || series->parsed() || top->parsed())) {
+    err << "analyticsdb: --watch redraws devices, series or top only\n";
+    return kExitUsage;
+  }
+  try {
+    if (!watching) {
+      runOnce(out);
+      return kExitOk;
+    }
+    watchLoop(a.watchSeconds, a.watchCount, outIsTerminal, out, runOnce);
     return kExitOk;
   } catch (const ToolError &error) {
     out.flush();

@@ -33,6 +33,8 @@ TEST(ToolCommands, ReadCommandsMatchGolden) {
   expectGolden("devices.txt", run({"devices"}));
   expectGolden("devices.json", run({"devices", "--json"}));
   expectGolden("top.txt", run({"top"}));
+  const std::string table = run({"devices"});
+  EXPECT_EQ(run({"devices", "--watch", "0.5", "--count", "2"}), table + "\n" + table);
   Json top = Json::parse(run({"top", "--last", "1h", "--sort", "rssi", "--json"}));
   EXPECT_EQ(top["version"], 1);
   EXPECT_EQ(top["devices"][0]["host"], "living-room-tv"); // weaker than the phone
