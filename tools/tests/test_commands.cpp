@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "analyticsdb.h"
@@ -152,6 +153,23 @@ TEST(ToolCommands, RuntimeErrorsAreOneLineWithStatusOne) {
   EXPECT_EQ(runCli({"devices", "--db", foreign}).status, 4);
   EXPECT_EQ(runCli({"init", "--force", "--db", foreign}).status, 0);
   EXPECT_EQ(runCli({"devices", "--db", foreign}).status, 0);
+}
+
+TEST(ToolCommands, ReadOnlyFileIsRefusedWithStatusSix) {
+  if (geteuid() == 0)
+    GTEST_SKIP() << "running as root, for whom no file is read-only";
+  TempDir dir;
+  const std::string db = dir.file("read-only.db");
+  ASSERT_EQ(runCli({"init", "--db", db}).status, 0);
+  ASSERT_EQ(chmod(db.c_str(), 0444), 0);
+  for (const char *command : {"init", "simulate"}) {
+    ToolRun result = runCli({command, "--db", db});
+    EXPECT_EQ(result.status, 6) << command << ": " << result.err;
+    EXPECT_EQ(result.err, "analyticsdb: cannot write " + db + ": Permission denied\n");
+  }
+  ASSERT_EQ(chmod(db.c_str(), 0), 0);
+  EXPECT_EQ(runCli({"devices", "--db", db}).err,
+            "analyticsdb: cannot read " + db + ": Permission denied\n");
 }
 
 TEST(ToolCommands, BusyDatabaseWaitsTheGivenTimeThenExitsThree) {
