@@ -3,8 +3,8 @@
 #include "chart.h"
 
 #include <algorithm>
-#include <ctime>
 #include <cmath>
+#include <ctime>
 #include <optional>
 #include <string>
 #include <vector>
@@ -51,7 +51,7 @@ TimeLabels timeLabels(const std::vector<uint32_t> &columnTimes, uint32_t columnS
   const uint32_t to = columnTimes.back() + columnSeconds;
   const bool days = to - from > 26 * 3600;
   const std::size_t labelWidth = days ? 6 : 5; // "Mon 01" or "06:00"
-  static const uint32_t kSteps[] = {300,   900,   1800,  3600,  7200,   10800,
+  static const uint32_t kSteps[] = {300,   900,   1800,  3600,   7200,  10800,
                                     21600, 43200, 86400, 172800, 604800};
   // The smallest round step whose labels stand at least two blanks apart.
   uint32_t step = kSteps[std::size(kSteps) - 1];
@@ -157,8 +157,7 @@ void printChart(std::ostream &out, const Series &series, const ChartOptions &opt
       line.pop_back();
     out << line << '\n';
   }
-  const uint32_t columnSeconds =
-      static_cast<uint32_t>(group * kSlotSeconds / repeat);
+  const uint32_t columnSeconds = static_cast<uint32_t>(group * kSlotSeconds / repeat);
   TimeLabels labels = timeLabels(columnTimes, std::max<uint32_t>(columnSeconds, 1));
   std::string axis(labelWidth + 1, ' ');
   axis += options.ascii ? "+" : "└";

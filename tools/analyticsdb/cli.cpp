@@ -4,19 +4,19 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <csignal>
-#include <sstream>
-#include <thread>
 #include <chrono>
 #include <cmath>
+#include <csignal>
 #include <cstring>
 #include <map>
+#include <sstream>
 #include <sys/ioctl.h>
+#include <thread>
 #include <unistd.h>
 
 #include "commands.h"
-#include "output.h"
 #include "export.h"
+#include "output.h"
 #include "session.h"
 #include "top.h"
 
@@ -91,12 +91,11 @@ int terminalColumns() {
 }
 
 void addSpanOptions(CLI::App *command, SpanArguments &target) {
-  auto *last =
-      command
-          ->add_option("--last", target.last,
-                       "Span ending at the latest sample: 5m to 7d, e.g. 1h, 24h, 7d")
-          ->check(kSpanValidator)
-          ->capture_default_str();
+  auto *last = command
+                   ->add_option("--last", target.last,
+                                "Span ending at the latest sample: 5m to 7d, e.g. 1h, 24h, 7d")
+                   ->check(kSpanValidator)
+                   ->capture_default_str();
   command->add_option("--from", target.from, "Start at this local time (instead of --last)")
       ->check(kTimeValidator)
       ->excludes(last);
@@ -133,7 +132,8 @@ void watchLoop(double seconds, int count, bool terminal, std::ostream &out, Run 
   struct sigaction action {};
   action.sa_handler = [](int) { gInterrupted = 1; };
   sigemptyset(&action.sa_mask);
-  struct sigaction oldInt {}, oldTerm {};
+  struct sigaction oldInt {
+  }, oldTerm{};
   sigaction(SIGINT, &action, &oldInt);
   sigaction(SIGTERM, &action, &oldTerm);
   struct Restore {
@@ -229,12 +229,13 @@ int runTool(const std::vector<std::string> &args, std::ostream &out, std::ostrea
       "top", "Every device over a span: traffic totals, peak, latest and worst RSSI");
   addSpanOptions(top, a.topSpan);
   top->add_option("--sort", a.top.order, "Order: total, rx, tx, rssi (weakest first) or name")
-      ->transform(CLI::CheckedTransformer(std::map<std::string, TopOrder>{{"total", TopOrder::Total},
-                                                                          {"rx", TopOrder::Rx},
-                                                                          {"tx", TopOrder::Tx},
-                                                                          {"rssi", TopOrder::Rssi},
-                                                                          {"name", TopOrder::Name}},
-                                          CLI::ignore_case));
+      ->transform(
+          CLI::CheckedTransformer(std::map<std::string, TopOrder>{{"total", TopOrder::Total},
+                                                                  {"rx", TopOrder::Rx},
+                                                                  {"tx", TopOrder::Tx},
+                                                                  {"rssi", TopOrder::Rssi},
+                                                                  {"name", TopOrder::Name}},
+                                  CLI::ignore_case));
   top->add_flag("--json", a.top.json, "JSON for machines");
 
   CLI::App *exporter = app.add_subcommand(

@@ -8,7 +8,8 @@
 namespace adbtool {
 
 // Exit statuses: 0 done, 1 a runtime error (one line "analyticsdb: ..." on `err`), 2 a usage
-// error or a refusal, 3 to 6 the failures of session.h's Failure that scripts may handle. `args` excludes the program name. `outIsTerminal` lets charts use the terminal width.
+// error or a refusal, 3 to 6 the failures of session.h's Failure that scripts may handle. `args`
+// excludes the program name. `outIsTerminal` lets charts use the terminal width.
 int runTool(const std::vector<std::string> &args, std::ostream &out, std::ostream &err,
             bool outIsTerminal = false);
 

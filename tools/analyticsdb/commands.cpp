@@ -133,18 +133,19 @@ void printSeriesJson(std::ostream &out, const Series &series, const DeviceSummar
                            {"slot", series.slots[i]},
                            {"value", series.present(i) ? Json(series.values[i]) : Json()}});
   const bool any = stats.count > 0;
-  printJson(out, Json{{"version", kJsonVersion},
-                      {"mac", device.known ? device.mac : series.mac},
-                      {"host", device.host},
-                      {"series", series.spec->word},
-                      {"unit", series.spec->unit},
-                      {"slotSeconds", kSlotSeconds},
-                      {"latest", {{"timestamp", series.latestTime}, {"slot", series.latestSlot}}},
-                      {"count", series.values.size()},
-                      {"min", any ? Json(stats.min) : Json()},
-                      {"avg", any ? Json(std::round(stats.average * 10.0) / 10.0) : Json()},
-                      {"max", any ? Json(stats.max) : Json()},
-                      {"samples", std::move(samples)}},
+  printJson(out,
+            Json{{"version", kJsonVersion},
+                 {"mac", device.known ? device.mac : series.mac},
+                 {"host", device.host},
+                 {"series", series.spec->word},
+                 {"unit", series.spec->unit},
+                 {"slotSeconds", kSlotSeconds},
+                 {"latest", {{"timestamp", series.latestTime}, {"slot", series.latestSlot}}},
+                 {"count", series.values.size()},
+                 {"min", any ? Json(stats.min) : Json()},
+                 {"avg", any ? Json(std::round(stats.average * 10.0) / 10.0) : Json()},
+                 {"max", any ? Json(stats.max) : Json()},
+                 {"samples", std::move(samples)}},
             -1);
 }
 
@@ -207,8 +208,8 @@ bool parseTime(const std::string &text, uint32_t &epoch) {
     epoch = static_cast<uint32_t>(value);
     return true;
   }
-  for (const char *format : {"%Y-%m-%d %H:%M:%S", "%Y-%m-%dT%H:%M:%S", "%Y-%m-%d %H:%M",
-                             "%Y-%m-%dT%H:%M", "%Y-%m-%d"}) {
+  for (const char *format :
+       {"%Y-%m-%d %H:%M:%S", "%Y-%m-%dT%H:%M:%S", "%Y-%m-%d %H:%M", "%Y-%m-%dT%H:%M", "%Y-%m-%d"}) {
     std::tm parts{};
     const char *end = strptime(text.c_str(), format, &parts);
     if (end == nullptr || *end != '\0')
@@ -389,16 +390,15 @@ void runPlot(Session &session, PlotOptions options, std::ostream &out) {
       << deviceTitle(options.mac, device) << ", " << options.span.label() << '\n';
 }
 
-bool runSimulate(Session &session, const SimulateOptions &options, bool force,
-                 std::ostream &out) {
+bool runSimulate(Session &session, const SimulateOptions &options, bool force, std::ostream &out) {
   DatabaseContents contents = session.requireWritableDatabase();
   if (!force) {
     refuseForeign(contents, session.path(), "write synthetic rows into it");
     if (contents.devices > 0 || contents.seriesRows > 0)
       throw ToolError(session.path() + " already holds " + std::to_string(contents.devices) +
-                      " devices and " + std::to_string(contents.seriesRows) +
-                      " series rows; refusing to mix synthetic rows into them (use a new file, "
-                      "or --force)",
+                          " devices and " + std::to_string(contents.seriesRows) +
+                          " series rows; refusing to mix synthetic rows into them (use a new file, "
+                          "or --force)",
                       Failure::Usage);
   }
   SimulateResult result = simulate(session, options, out);

@@ -36,8 +36,7 @@ void runDevices(Session &session, bool json, std::ostream &out);
 void runSeries(Session &session, SeriesOptions options, std::ostream &out);
 void runPlot(Session &session, PlotOptions options, std::ostream &out);
 // Returns false when the simulation lost requests or read back something else than it wrote.
-bool runSimulate(Session &session, const SimulateOptions &options, bool force,
-                 std::ostream &out);
+bool runSimulate(Session &session, const SimulateOptions &options, bool force, std::ostream &out);
 bool runDemo(Session &session, bool defaultPath, const ChartOptions &chart, std::ostream &out);
 
 // "1h" -> 3600 seconds; false when the text is not a span of 5m to 7d.

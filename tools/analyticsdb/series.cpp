@@ -74,8 +74,8 @@ std::vector<int64_t> readSlots(const SeriesSpec &spec, const std::string &mac,
       days.push_back(db_findTable(slot));
   for (int32_t day : days) {
     DayListGuard found;
-    int32_t status = retryWhileBusy(
-        [&] { return spec.day(day, mac.c_str(), &found.list, &found.rows); });
+    int32_t status =
+        retryWhileBusy([&] { return spec.day(day, mac.c_str(), &found.list, &found.rows); });
     if (status == DB_STATUS_EMPTY)
       continue;
     if (status != DB_STATUS_SUCCESS)
@@ -158,7 +158,8 @@ std::optional<Series> readSeries(const SeriesSpec &spec, const std::string &mac,
     back = (latestTime - span.to + kSlotSeconds - 1) / kSlotSeconds;
   if (back >= static_cast<uint32_t>(week))
     throw ToolError(std::string("no ") + spec.noun + " samples of " + mac + " stored before " +
-                    localTime(span.to, "%Y-%m-%d %H:%M %Z") + " (the database keeps the week up to " +
+                    localTime(span.to, "%Y-%m-%d %H:%M %Z") +
+                    " (the database keeps the week up to " +
                     localTime(latestTime, "%Y-%m-%d %H:%M %Z") + ")");
   series.latestTime = latestTime - back * kSlotSeconds;
   series.latestSlot = ((latestSlot - 1 - static_cast<int32_t>(back)) % week + week) % week + 1;

@@ -66,7 +66,7 @@ std::vector<int64_t> readSlots(const SeriesSpec &spec, const std::string &mac,
 struct DeviceSummary {
   bool known = false;
   bool wired = false; // the inventory has no RSSI for it
-  std::string mac; // as stored
+  std::string mac;    // as stored
   std::string host;
   uint32_t addedTs = 0;
 };

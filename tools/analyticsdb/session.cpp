@@ -20,11 +20,10 @@ namespace {
 std::chrono::milliseconds gBusyWait = std::chrono::seconds(5);
 
 bool isAnalyticsTable(const std::string &name) {
-  static const char *const kFixed[] = {"DEVICEINFO",     "MESHTOPO",
-                                       "CLIENTS",        "SUBSCRIBERINFO",
-                                       "DEVICETHRESHOLD", "CMAINFO",
-                                       "PRIMITIVE_RSSI", "PRIMITIVE_BANDWIDTHRX",
-                                       "PRIMITIVE_BANDWIDTHTX"};
+  static const char *const kFixed[] = {
+      "DEVICEINFO",           "MESHTOPO", "CLIENTS",        "SUBSCRIBERINFO",
+      "DEVICETHRESHOLD",      "CMAINFO",  "PRIMITIVE_RSSI", "PRIMITIVE_BANDWIDTHRX",
+      "PRIMITIVE_BANDWIDTHTX"};
   for (const char *fixed : kFixed)
     if (strcasecmp(name.c_str(), fixed) == 0)
       return true;
@@ -46,8 +45,7 @@ struct Connection {
   std::string what = message != nullptr ? message : sqlite3_errstr(code);
   switch (primary) {
   case SQLITE_BUSY:
-  case SQLITE_LOCKED:
-  {
+  case SQLITE_LOCKED: {
     char waited[32];
     std::snprintf(waited, sizeof waited, "%g", static_cast<double>(gBusyWait.count()) / 1000.0);
     throw ToolError(path + " is busy: another process held it for " + waited +

@@ -33,7 +33,7 @@ struct DatabaseContents {
   bool exists = false;
   std::vector<std::string> foreignTables; // tables that are not part of the analytics schema
   std::size_t analyticsTables = 0;
-  int64_t devices = 0;   // inventory rows
+  int64_t devices = 0;    // inventory rows
   int64_t seriesRows = 0; // index rows of the three sample series
 };
 

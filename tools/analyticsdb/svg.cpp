@@ -17,9 +17,9 @@ namespace {
 
 constexpr double kLeft = 90;
 constexpr double kRightMargin = 30;
-constexpr double kTitleHeight = 62;  // title line, then the first panel's own title
-constexpr double kPanelGap = 48;     // room for a panel's title and legend
-constexpr double kAxisHeight = 60;   // time labels, dates and the zone under the last panel
+constexpr double kTitleHeight = 62; // title line, then the first panel's own title
+constexpr double kPanelGap = 48;    // room for a panel's title and legend
+constexpr double kAxisHeight = 60;  // time labels, dates and the zone under the last panel
 
 struct Panel {
   double top;
@@ -50,7 +50,6 @@ Layout layoutFor(double width, double height, std::size_t panels) {
   }
   return layout;
 }
-
 
 // RSSI scale: at least this stretch, so that -91 dBm and -52 dBm sit where they belong against
 // the good/fair/weak bands instead of filling the panel either way.
@@ -185,8 +184,8 @@ void drawTimeAxis(std::string &svg, const Layout &layout, const TimeAxis &axis) 
     }
     std::string clock = localTime(static_cast<uint32_t>(t), step >= 86400 ? "%a" : "%H:%M");
     std::string date = localTime(static_cast<uint32_t>(t), "%b %d");
-    appendf(svg, "<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"middle\">%s</text>\n", x,
-            bottom + 18, clock.c_str());
+    appendf(svg, "<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"middle\">%s</text>\n", x, bottom + 18,
+            clock.c_str());
     bool midnight = localTime(static_cast<uint32_t>(t), "%H:%M") == "00:00";
     if (t == first || midnight || step >= 86400)
       appendf(svg, "<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"middle\" fill=\"#555\">%s</text>\n",
@@ -306,16 +305,16 @@ void drawPeak(std::string &svg, const Series &series, const Scale &scale, const 
               const TimeAxis &axis, const char *colour) {
   std::size_t best = series.values.size();
   for (std::size_t i = 0; i < series.values.size(); ++i)
-    if (series.present(i) && (best == series.values.size() || series.values[i] > series.values[best]))
+    if (series.present(i) &&
+        (best == series.values.size() || series.values[i] > series.values[best]))
       best = i;
   if (best == series.values.size())
     return;
   double x = axis.x(series.times[best]);
   double y = yOf(scale, panel, static_cast<double>(series.values[best]));
-  std::string text = "peak " + formatValue(*series.spec, static_cast<double>(series.values[best])) +
-                     " at " +
-                     localTime(series.times[best],
-                               axis.to - axis.from > 26 * 3600 ? "%a %H:%M" : "%H:%M");
+  std::string text =
+      "peak " + formatValue(*series.spec, static_cast<double>(series.values[best])) + " at " +
+      localTime(series.times[best], axis.to - axis.from > 26 * 3600 ? "%a %H:%M" : "%H:%M");
   bool leftOfMarker = x > (kLeft + axis.right) / 2;
   appendf(svg,
           "<circle class=\"peak\" cx=\"%.1f\" cy=\"%.1f\" r=\"4\" fill=\"none\" "
@@ -432,9 +431,9 @@ std::string renderSvg(const PlotInput &input, const SvgSize &size) {
     const char *what;
     const char *colour;
   };
-  for (const RatePanel &rate : {RatePanel{&input.rx, "Receive (RX)", "receive bandwidth", kRxColour},
-                                RatePanel{&input.tx, "Transmit (TX)", "transmit bandwidth",
-                                          kTxColour}}) {
+  for (const RatePanel &rate :
+       {RatePanel{&input.rx, "Receive (RX)", "receive bandwidth", kRxColour},
+        RatePanel{&input.tx, "Transmit (TX)", "transmit bandwidth", kTxColour}}) {
     const Panel &panel = layout.panels[next++];
     const bool any = *rate.series && statsOf(**rate.series).count > 0;
     double high = any ? static_cast<double>(statsOf(**rate.series).max) : 0.0;

@@ -102,8 +102,7 @@ bool before(const DeviceRow &a, const DeviceRow &b, TopOrder order) {
 
 const char *kOrderWords[] = {"total traffic", "received", "sent", "weakest signal", "name"};
 
-void printJson(std::ostream &out, const std::vector<DeviceRow> &rows, uint32_t from,
-               uint32_t to) {
+void printJson(std::ostream &out, const std::vector<DeviceRow> &rows, uint32_t from, uint32_t to) {
   Json devices = Json::array();
   for (const DeviceRow &row : rows) {
     Json peak = row.peak ? Json{{"timestamp", row.peak->first}, {"kbitPerSecond", row.peak->second}}
@@ -154,7 +153,7 @@ void runTop(Session &session, const TopOptions &options, std::ostream &out) {
   uint32_t newest = newestSample(rows);
   SpanOption span = options.span;
   uint32_t to = span.to != 0 ? std::min(span.to, newest) : newest;
-  uint32_t from = span.from != 0                          ? span.from
+  uint32_t from = span.from != 0                     ? span.from
                   : to + kSlotSeconds > span.seconds ? to + kSlotSeconds - span.seconds
                                                      : 1;
   span.to = to;

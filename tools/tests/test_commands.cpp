@@ -103,42 +103,62 @@ TEST(ToolCommands, RuntimeErrorsAreOneLineWithStatusOne) {
   };
   const std::string unwritable = dir.file("no-such-folder/x.svg");
   const Case cases[] = {
-      {{"series", "02:ad:b0:00:00:99", "--db", db}, 1,
+      {{"series", "02:ad:b0:00:00:99", "--db", db},
+       1,
        "analyticsdb: unknown device 02:ad:b0:00:00:99: not in the inventory and no RSSI samples\n"},
-      {{"series", kTv, "--tx", "--db", db}, 1,
+      {{"series", kTv, "--tx", "--db", db},
+       1,
        "analyticsdb: unknown device " + kTv +
            ": not in the inventory and no transmit bandwidth samples\n"},
-      {{"plot", "02:ad:b0:00:00:99", "--out", dir.file("x.svg"), "--db", db}, 1,
+      {{"plot", "02:ad:b0:00:00:99", "--out", dir.file("x.svg"), "--db", db},
+       1,
        "analyticsdb: unknown device 02:ad:b0:00:00:99: not in the inventory and no samples\n"},
-      {{"plot", kTv, "--out", unwritable, "--db", db}, 1,
+      {{"plot", kTv, "--out", unwritable, "--db", db},
+       1,
        "analyticsdb: cannot write " + unwritable + ": No such file or directory\n"},
-      {{"devices", "--db", missing}, 4,
+      {{"devices", "--db", missing},
+       4,
        "analyticsdb: no database at " + missing + " (create one with 'analyticsdb init --db " +
            missing + "')\n"},
-      {{"init", "--db", "/nonexistent-folder/a.db"}, 4,
+      {{"init", "--db", "/nonexistent-folder/a.db"},
+       4,
        "analyticsdb: cannot create /nonexistent-folder/a.db: no folder /nonexistent-folder\n"},
-      {{"devices", "--db", dir.file("")}, 1,
+      {{"devices", "--db", dir.file("")},
+       1,
        "analyticsdb: " + dir.file("") + " is a directory, not a database file\n"},
-      {{"devices", "--db", notDatabase}, 5,
-       "analyticsdb: " + notDatabase + " is not a database or is damaged: file is not a database\n"},
-      {{"simulate", "--db", notDatabase}, 5,
-       "analyticsdb: " + notDatabase + " is not a database or is damaged: file is not a database\n"},
-      {{"devices", "--db", foreign}, 4,
+      {{"devices", "--db", notDatabase},
+       5,
+       "analyticsdb: " + notDatabase +
+           " is not a database or is damaged: file is not a database\n"},
+      {{"simulate", "--db", notDatabase},
+       5,
+       "analyticsdb: " + notDatabase +
+           " is not a database or is damaged: file is not a database\n"},
+      {{"devices", "--db", foreign},
+       4,
        "analyticsdb: no device table in " + foreign + " (run 'analyticsdb init' first)\n"},
-      {{"series", kUplink, "--tx", "--db", foreign}, 4,
+      {{"series", kUplink, "--tx", "--db", foreign},
+       4,
        "analyticsdb: no table PRIMITIVE_BANDWIDTHTX in the database (run 'analyticsdb init' "
        "first)\n"},
       // Writes into a file that holds something else are refused without --force.
-      {{"init", "--db", foreign}, 2,
-       "analyticsdb: " + foreign + " holds tables of another program (unrelated); refusing to add "
-       "the analytics tables (--force to do it anyway)\n"},
-      {{"simulate", "--db", foreign}, 2,
-       "analyticsdb: " + foreign + " holds tables of another program (unrelated); refusing to "
-       "write synthetic rows into it (--force to do it anyway)\n"},
-      {{"simulate", "--db", db}, 2,
-       "analyticsdb: " + db + " already holds 0 devices and 1 series rows; refusing to mix "
-       "synthetic rows into them (use a new file, or --force)\n"},
-      {{"devices", "--db", ""}, 2,
+      {{"init", "--db", foreign},
+       2,
+       "analyticsdb: " + foreign +
+           " holds tables of another program (unrelated); refusing to add "
+           "the analytics tables (--force to do it anyway)\n"},
+      {{"simulate", "--db", foreign},
+       2,
+       "analyticsdb: " + foreign +
+           " holds tables of another program (unrelated); refusing to "
+           "write synthetic rows into it (--force to do it anyway)\n"},
+      {{"simulate", "--db", db},
+       2,
+       "analyticsdb: " + db +
+           " already holds 0 devices and 1 series rows; refusing to mix "
+           "synthetic rows into them (use a new file, or --force)\n"},
+      {{"devices", "--db", ""},
+       2,
        "analyticsdb: --db is empty (give a file, or add --force to use " +
            std::string(ANALYTICSDB_DB_PATH_FOR_TESTS) + ")\n"},
   };

@@ -42,16 +42,16 @@ TEST(ToolPlot, SvgIsWellFormedAndCarriesAxesUnitsAndLines) {
   // sends a few hundred kbit/s while it receives tens of Mbit/s) with the peak marked.
   for (const char *expected :
        {"Ann&apos;s &quot;TV&quot; &amp; &lt;den&gt;", ">dBm<", ">Mbit/s<", ">kbit/s<", ">06:00<",
-        ">Jan 01<", "Receive (RX) — min", "Transmit (TX) — min", "stroke=\"#1f6fb4\"",
-        ">good<", ">fair<", ">weak<", "latest -52 dBm, good", ">peak 28.8 Mbit/s at 20:25<"})
+        ">Jan 01<", "Receive (RX) — min", "Transmit (TX) — min", "stroke=\"#1f6fb4\"", ">good<",
+        ">fair<", ">weak<", "latest -52 dBm, good", ">peak 28.8 Mbit/s at 20:25<"})
     EXPECT_NE(svg.find(expected), std::string::npos) << expected;
   EXPECT_EQ(countOf(svg, "<path class=\"line\" d=\"M"), 3u);
   EXPECT_EQ(countOf(svg, "<circle class=\"peak\""), 2u);
 
   // The wired uplink has no RSSI panel; the picture can go to standard output at another size;
   // a raster file name is refused rather than filled with SVG.
-  ToolRun wired = runCli({"plot", "internet-uplink", "--out", "-", "--width", "640", "--height",
-                          "480", "--db", db});
+  ToolRun wired = runCli(
+      {"plot", "internet-uplink", "--out", "-", "--width", "640", "--height", "480", "--db", db});
   ASSERT_EQ(wired.status, 0) << wired.err;
   EXPECT_EQ(xmlProblem(wired.out), "");
   EXPECT_NE(wired.out.find("width=\"640\" height=\"480\""), std::string::npos);
@@ -63,7 +63,6 @@ TEST(ToolPlot, SvgIsWellFormedAndCarriesAxesUnitsAndLines) {
   const std::string command = std::string(ANALYTICSDB_TOOL_XMLLINT) + " --noout '" + svgPath + "'";
   EXPECT_EQ(std::system(command.c_str()), 0) << command;
 #endif
-
 }
 
 TEST(ToolPlot, HostileNamesReachTheTerminalWithoutControlBytesAndStayAligned) {
@@ -76,8 +75,12 @@ TEST(ToolPlot, HostileNamesReachTheTerminalWithoutControlBytesAndStayAligned) {
   ASSERT_EQ(0, db_setDatabasePath(db.c_str()));
   // A terminal retitle, a line break and tab, wide characters with a combining mark, bytes that
   // are not UTF-8, and a right-to-left override.
-  const char *const names[] = {"\x1b]0;pwned\x07", "two\nlines\there", "\xe5\xae\xa2\xe5\x8e\x85" "e\xcc\x81",
-                               "bad\xff\xfe", "\xe2\x80\xae" "evil"};
+  const char *const names[] = {"\x1b]0;pwned\x07", "two\nlines\there",
+                               "\xe5\xae\xa2\xe5\x8e\x85"
+                               "e\xcc\x81",
+                               "bad\xff\xfe",
+                               "\xe2\x80\xae"
+                               "evil"};
   for (std::size_t i = 0; i < std::size(names); ++i) {
     std::string mac = "02:ad:b0:00:00:0" + std::to_string(i);
     char *row[] = {const_cast<char *>(mac.c_str()), const_cast<char *>(names[i])};
@@ -86,16 +89,17 @@ TEST(ToolPlot, HostileNamesReachTheTerminalWithoutControlBytesAndStayAligned) {
   ASSERT_EQ(0, db_writeQuery("UPDATE DEVICEINFO SET HOST_S = FRIENDLYNAME_S"));
   db_closeDbConnection();
 
-  for (const std::vector<std::string> &args :
-       {std::vector<std::string>{"devices"}, {"top", "--last", "7d"},
-        {"series", "02:ad:b0:00:00:00", "--rx"}}) {
+  for (const std::vector<std::string> &args : {std::vector<std::string>{"devices"},
+                                               {"top", "--last", "7d"},
+                                               {"series", "02:ad:b0:00:00:00", "--rx"}}) {
     std::vector<std::string> withDb = args;
     withDb.insert(withDb.end(), {"--db", db});
     ToolRun run = runCli(withDb);
     ASSERT_EQ(run.status, 0) << args[0] << ": " << run.err;
     for (char c : run.out)
       ASSERT_TRUE(c == '\n' || (static_cast<unsigned char>(c) >= 0x20 && c != 0x7f))
-          << args[0] << " printed control byte " << static_cast<int>(c) << ":\n" << run.out;
+          << args[0] << " printed control byte " << static_cast<int>(c) << ":\n"
+          << run.out;
     EXPECT_EQ(run.out.find("\xe2\x80\xae"), std::string::npos) << args[0];
     EXPECT_EQ(run.out.find("\xff"), std::string::npos) << args[0];
     if (args[0] == "top") {
