@@ -330,7 +330,7 @@ int runTool(const std::vector<std::string> &args, std::ostream &out, std::ostrea
     if (init->parsed())
       runInit(session, a.force, to);
     else if (devices->parsed())
-      runDevices(session, a.json, to);
+      runDevices(session, a.json, outIsTerminal ? terminalColumns() : 0, to);
     else if (series->parsed())
       runSeries(session, a.series, to);
     else if (exporter->parsed())

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <sstream>
 #include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -295,7 +296,7 @@ void runInit(Session &session, bool force, std::ostream &out) {
       << " tables (inventory, 3 index tables, 3 series x 7 day tables of 288 five-minute slots)\n";
 }
 
-void runDevices(Session &session, bool json, std::ostream &out) {
+void runDevices(Session &session, bool json, int columns, std::ostream &out) {
   session.requireExistingDatabase();
   DeviceList found;
   int32_t status =
@@ -321,20 +322,37 @@ void runDevices(Session &session, bool json, std::ostream &out) {
     out << "no devices in " << session.path() << '\n';
     return;
   }
-  std::vector<std::string> headers;
-  std::vector<Align> aligns;
-  for (const DeviceColumn &column : kDeviceColumns) {
-    headers.emplace_back(column.header);
-    aligns.push_back(column.align);
-  }
-  std::vector<std::vector<std::string>> rows;
-  for (const DeviceInfoRecord *device : devices) {
-    std::vector<std::string> row;
-    for (const DeviceColumn &column : kDeviceColumns)
-      row.push_back(column.cell(*device).text);
-    rows.push_back(std::move(row));
-  }
-  printTable(out, headers, aligns, rows);
+  // On a terminal narrower than the whole table, IP and category give way (JSON has them),
+  // host names are cut, and times lose their year: a wrapped table is unreadable.
+  auto table = [&](bool narrow) {
+    std::vector<std::string> headers;
+    std::vector<Align> aligns;
+    std::vector<std::vector<std::string>> rows(devices.size());
+    for (const DeviceColumn &column : kDeviceColumns) {
+      std::string key = column.jsonKey;
+      if (narrow && (key == "ip" || key == "category"))
+        continue;
+      headers.emplace_back(column.header);
+      aligns.push_back(column.align);
+      for (std::size_t i = 0; i < devices.size(); ++i) {
+        std::string text = column.cell(*devices[i]).text;
+        if (narrow && key == "host")
+          text = fitWidth(printable(text), 16);
+        if (narrow && key == "lastOnline" && devices[i]->lastOnlineTs != 0)
+          text = localTime(devices[i]->lastOnlineTs, "%m-%d %H:%M");
+        rows[i].push_back(std::move(text));
+      }
+    }
+    std::ostringstream text;
+    printTable(text, headers, aligns, rows);
+    return text.str();
+  };
+  std::string wide = table(false);
+  std::size_t widest = 0;
+  for (std::size_t start = 0, end; (end = wide.find('\n', start)) != std::string::npos;
+       start = end + 1)
+    widest = std::max(widest, displayWidth(wide.substr(start, end - start)));
+  out << (columns > 0 && widest > static_cast<std::size_t>(columns) ? table(true) : wide);
 }
 
 void runSeries(Session &session, SeriesOptions options, std::ostream &out) {
@@ -430,7 +448,7 @@ bool runDemo(Session &session, bool defaultPath, const ChartOptions &chart, std:
   bool clean = runSimulate(session, simulation, false, out);
 
   out << "\n$ analyticsdb devices --db " << path << '\n';
-  runDevices(session, false, out);
+  runDevices(session, false, 0, out);
 
   SeriesOptions series;
   series.mac = "02:ad:b0:00:00:01";

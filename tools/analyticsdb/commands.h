@@ -32,7 +32,8 @@ struct PlotOptions {
 };
 
 void runInit(Session &session, bool force, std::ostream &out);
-void runDevices(Session &session, bool json, std::ostream &out);
+// `columns`: the terminal's width, 0 when the output is not a terminal.
+void runDevices(Session &session, bool json, int columns, std::ostream &out);
 void runSeries(Session &session, SeriesOptions options, std::ostream &out);
 void runPlot(Session &session, PlotOptions options, std::ostream &out);
 // Returns false when the simulation lost requests or read back something else than it wrote.
