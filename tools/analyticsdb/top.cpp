@@ -156,6 +156,9 @@ void runTop(Session &session, const TopOptions &options, std::ostream &out) {
   uint32_t from = span.from != 0                     ? span.from
                   : to + kSlotSeconds > span.seconds ? to + kSlotSeconds - span.seconds
                                                      : 1;
+  if (newest != 0 && from > to)
+    throw ToolError("no samples after " + localTime(from, "%Y-%m-%d %H:%M %Z") +
+                    " (the newest is at " + localTime(newest, "%Y-%m-%d %H:%M %Z") + ")");
   span.to = to;
   span.from = from;
   for (std::size_t i = 0; newest != 0 && from <= to && i < rows.size(); ++i) {
