@@ -18,7 +18,7 @@ sysroot=${1:-${ANALYTICSDB_ARMHF_SYSROOT:-$repo/build-armhf-sysroot}}
 triplet=arm-linux-gnueabihf
 # Target libraries a GoogleTest test linked with SQLite and pthread needs;
 # libc, libstdc++ and libgcc come with the cross compiler.
-packages=(libsqlite3-0 libsqlite3-dev libgtest-dev libgmock-dev libcli11-dev)
+packages=(libsqlite3-0 libsqlite3-dev libgtest-dev libgmock-dev libcli11-dev nlohmann-json3-dev)
 
 sudo=
 [ "$(id -u)" -eq 0 ] || sudo=sudo

@@ -7,6 +7,7 @@
 set -euo pipefail
 
 packages=(cmake g++ make pkg-config libsqlite3-dev libgtest-dev libgmock-dev libcli11-dev
+  nlohmann-json3-dev
   libxml2-utils "$@")
 missing=()
 for pkg in "${packages[@]}"; do

@@ -6,7 +6,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <fstream>
+#include <sstream>
 #include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,21 +26,21 @@ namespace {
 
 struct Cell {
   std::string text;
-  std::string json;
+  Json json;
 };
 
-Cell textCell(const char *value) { return {value[0] != '\0' ? value : "-", jsonString(value)}; }
+Cell textCell(const char *value) { return {value[0] != '\0' ? value : "-", value}; }
 Cell rssiCell(int32_t rssi) {
   // 0 is what a wired device or a never-measured one reports.
   if (rssi == 0)
-    return {"-", "null"};
-  return {std::to_string(rssi), std::to_string(rssi)};
+    return {"-", nullptr};
+  return {std::to_string(rssi), rssi};
 }
-Cell activeCell(int32_t active) { return {active ? "yes" : "no", active ? "true" : "false"}; }
+Cell activeCell(int32_t active) { return {active ? "yes" : "no", active != 0}; }
 Cell timeCell(uint32_t epoch) {
   if (epoch == 0)
-    return {"-", "null"};
-  return {localTime(epoch), std::to_string(epoch)};
+    return {"-", nullptr};
+  return {localTime(epoch), epoch};
 }
 
 struct DeviceColumn {
@@ -72,28 +74,27 @@ struct DeviceList {
 };
 
 void printDevicesJson(std::ostream &out, const std::vector<const DeviceInfoRecord *> &devices) {
-  out << "[";
-  for (std::size_t i = 0; i < devices.size(); ++i) {
-    out << (i == 0 ? "\n  {" : ",\n  {");
-    for (std::size_t c = 0; c < std::size(kDeviceColumns); ++c) {
-      const DeviceColumn &column = kDeviceColumns[c];
-      out << (c == 0 ? "" : ", ") << jsonString(column.jsonKey) << ": "
-          << column.cell(*devices[i]).json;
-    }
-    out << "}";
+  Json list = Json::array();
+  for (const DeviceInfoRecord *device : devices) {
+    Json row = Json::object();
+    for (const DeviceColumn &column : kDeviceColumns)
+      row[column.jsonKey] = column.cell(*device).json;
+    list.push_back(std::move(row));
   }
-  out << (devices.empty() ? "]\n" : "\n]\n");
+  printJson(out, Json{{"version", kJsonVersion}, {"devices", std::move(list)}});
 }
 
 // ---- series ------------------------------------------------------------------------------
 
 std::string deviceTitle(const std::string &mac, const DeviceSummary &device) {
-  return (device.known ? device.mac : mac) + (device.host.empty() ? "" : "  " + device.host);
+  // Host names are whatever a device called itself: never print them raw.
+  return printable((device.known ? device.mac : mac) +
+                   (device.host.empty() ? "" : "  " + device.host));
 }
 
 Series requireSeries(const SeriesSpec &spec, const std::string &mac, const DeviceSummary &device,
                      const SpanOption &span) {
-  std::optional<Series> series = readSeries(spec, mac, span.seconds, device.addedTs);
+  std::optional<Series> series = readSeries(spec, mac, span, device.addedTs);
   if (series)
     return *series;
   if (!device.known)
@@ -112,45 +113,52 @@ std::string statsLine(const Series &series) {
          formatValue(spec, static_cast<double>(stats.max));
 }
 
+// A slot without a reading (RSSI of a wired device, or never written) is empty in CSV and null
+// in JSON: 0 dBm would read as a perfect signal.
 void printSeriesCsv(std::ostream &out, const Series &series) {
   out << "timestamp,time,slot," << series.spec->csvColumn << '\n';
-  for (std::size_t i = 0; i < series.values.size(); ++i)
-    out << series.times[i] << ',' << isoTime(series.times[i]) << ',' << series.slots[i] << ','
-        << series.values[i] << '\n';
+  for (std::size_t i = 0; i < series.values.size(); ++i) {
+    out << series.times[i] << ',' << isoTime(series.times[i]) << ',' << series.slots[i] << ',';
+    if (series.present(i))
+      out << series.values[i];
+    out << '\n';
+  }
 }
 
 void printSeriesJson(std::ostream &out, const Series &series, const DeviceSummary &device) {
   SeriesStats stats = statsOf(series);
-  char average[32];
-  std::snprintf(average, sizeof average, "%.1f", stats.average);
-  out << "{\"mac\": " << jsonString(device.known ? device.mac : series.mac)
-      << ", \"host\": " << jsonString(device.host)
-      << ", \"series\": " << jsonString(series.spec->word)
-      << ", \"unit\": " << jsonString(series.spec->unit) << ", \"slotSeconds\": " << kSlotSeconds
-      << ",\n \"latest\": {\"timestamp\": " << series.latestTime
-      << ", \"slot\": " << series.latestSlot << "}, \"count\": " << series.values.size();
-  if (stats.count > 0)
-    out << ", \"min\": " << stats.min << ", \"avg\": " << average << ", \"max\": " << stats.max;
-  else
-    out << ", \"min\": null, \"avg\": null, \"max\": null";
-  out << ",\n \"samples\": [";
-  for (std::size_t i = 0; i < series.values.size(); ++i) {
-    out << (i == 0 ? "\n  " : ",\n  ") << "{\"timestamp\": " << series.times[i]
-        << ", \"time\": " << jsonString(isoTime(series.times[i]))
-        << ", \"slot\": " << series.slots[i] << ", \"value\": " << series.values[i] << "}";
-  }
-  out << "\n]}\n";
+  Json samples = Json::array();
+  for (std::size_t i = 0; i < series.values.size(); ++i)
+    samples.push_back(Json{{"timestamp", series.times[i]},
+                           {"time", isoTime(series.times[i])},
+                           {"slot", series.slots[i]},
+                           {"value", series.present(i) ? Json(series.values[i]) : Json()}});
+  const bool any = stats.count > 0;
+  printJson(out,
+            Json{{"version", kJsonVersion},
+                 {"mac", device.known ? device.mac : series.mac},
+                 {"host", device.host},
+                 {"series", series.spec->word},
+                 {"unit", series.spec->unit},
+                 {"slotSeconds", kSlotSeconds},
+                 {"latest", {{"timestamp", series.latestTime}, {"slot", series.latestSlot}}},
+                 {"count", series.values.size()},
+                 {"min", any ? Json(stats.min) : Json()},
+                 {"avg", any ? Json(std::round(stats.average * 10.0) / 10.0) : Json()},
+                 {"max", any ? Json(stats.max) : Json()},
+                 {"samples", std::move(samples)}},
+            -1);
 }
 
 void printSeriesChart(std::ostream &out, const Series &series, const DeviceSummary &device,
                       const SeriesOptions &options) {
-  out << deviceTitle(series.mac, device) << "  -  " << series.spec->title << ", last "
-      << options.span.text << '\n';
+  out << deviceTitle(series.mac, device) << "  -  " << series.spec->title << ", "
+      << options.span.label() << '\n';
   std::size_t count = series.values.size();
   out << count << " slot" << (count == 1 ? "" : "s") << " of 5 min, "
       << localTime(series.times.front()) << " .. "
       << localTime(series.times.back(), "%Y-%m-%d %H:%M %Z");
-  if (count * kSlotSeconds < options.span.seconds)
+  if (options.span.from == 0 && count * kSlotSeconds < options.span.seconds)
     out << " (the device is younger than the span)";
   out << '\n';
   if (statsOf(series).count > 0)
@@ -189,6 +197,66 @@ bool parseSpan(const std::string &text, SpanOption &span) {
   return true;
 }
 
+bool parseTime(const std::string &text, uint32_t &epoch) {
+  if (text.size() > 1 && text[0] == '@') {
+    if (!std::all_of(text.begin() + 1, text.end(),
+                     [](char c) { return std::isdigit(static_cast<unsigned char>(c)); }) ||
+        text.size() > 11)
+      return false;
+    uint64_t value = std::stoull(text.substr(1));
+    if (value == 0 || value > UINT32_MAX)
+      return false;
+    epoch = static_cast<uint32_t>(value);
+    return true;
+  }
+  for (const char *format :
+       {"%Y-%m-%d %H:%M:%S", "%Y-%m-%dT%H:%M:%S", "%Y-%m-%d %H:%M", "%Y-%m-%dT%H:%M", "%Y-%m-%d"}) {
+    std::tm parts{};
+    const char *end = strptime(text.c_str(), format, &parts);
+    if (end == nullptr || *end != '\0')
+      continue;
+    parts.tm_isdst = -1;
+    // mktime's time_t is 32 bits on the gateway: it fails past 2038 rather than wrapping.
+    std::time_t seconds = std::mktime(&parts);
+    if (seconds <= 0 || static_cast<uint64_t>(seconds) > UINT32_MAX)
+      return false;
+    epoch = static_cast<uint32_t>(seconds);
+    return true;
+  }
+  return false;
+}
+
+std::string resolveDevice(const std::string &macOrHost) {
+  if (isMacAddress(macOrHost))
+    return macOrHost;
+  DeviceList found;
+  int32_t status =
+      retryWhileBusy([&found] { return db_readDeviceInfoTable(&found.list, &found.rows); });
+  if (status != DB_STATUS_SUCCESS && status != DB_STATUS_EMPTY && status != DB_STATUS_NO_TABLE)
+    throw ToolError("cannot read the inventory: " + describeStatus(status), failureOf(status));
+  const int32_t rows = status == DB_STATUS_SUCCESS ? found.rows : 0;
+  // An exact name wins; otherwise names that differ only in letter case.
+  for (bool exact : {true, false}) {
+    std::vector<std::string> macs;
+    for (int32_t i = 0; i < rows; ++i) {
+      const char *host = found.list[i]->host;
+      if (exact ? macOrHost == host : strcasecmp(macOrHost.c_str(), host) == 0)
+        macs.emplace_back(found.list[i]->mac);
+    }
+    std::sort(macs.begin(), macs.end());
+    if (macs.size() == 1)
+      return macs.front();
+    if (macs.size() > 1) {
+      std::string list;
+      for (const std::string &mac : macs)
+        list += (list.empty() ? "" : ", ") + mac;
+      throw ToolError("host name '" + macOrHost + "' is ambiguous: " + list + " (give the MAC)",
+                      Failure::Usage);
+    }
+  }
+  throw ToolError("no device has the MAC address or host name '" + macOrHost + "'");
+}
+
 bool isMacAddress(const std::string &text) {
   if (text.size() != 17)
     return false;
@@ -201,21 +269,44 @@ bool isMacAddress(const std::string &text) {
   return true;
 }
 
-void runInit(Session &session, std::ostream &out) {
-  session.requireCreatableDatabase();
+namespace {
+
+// Another program's database is never extended with 30 tables by a slip of --db.
+void refuseForeign(const DatabaseContents &contents, const std::string &path, const char *what) {
+  if (contents.foreignTables.empty())
+    return;
+  std::string names;
+  for (std::size_t i = 0; i < contents.foreignTables.size() && i < 3; ++i)
+    names += (i == 0 ? "" : ", ") + printable(contents.foreignTables[i]);
+  if (contents.foreignTables.size() > 3)
+    names += ", ...";
+  throw ToolError(path + " holds tables of another program (" + names + "); refusing to " + what +
+                      " (--force to do it anyway)",
+                  Failure::Usage);
+}
+
+} // namespace
+
+void runInit(Session &session, bool force, std::ostream &out) {
+  DatabaseContents contents = session.requireWritableDatabase();
+  if (!force)
+    refuseForeign(contents, session.path(), "add the analytics tables");
   int tables = createAllTables(session.path());
   out << "initialised " << session.path() << ": " << tables
       << " tables (inventory, 3 index tables, 3 series x 7 day tables of 288 five-minute slots)\n";
 }
 
-void runDevices(Session &session, bool json, std::ostream &out) {
+void runDevices(Session &session, bool json, int columns, std::ostream &out) {
   session.requireExistingDatabase();
   DeviceList found;
-  int32_t status = db_readDeviceInfoTable(&found.list, &found.rows);
+  int32_t status =
+      retryWhileBusy([&found] { return db_readDeviceInfoTable(&found.list, &found.rows); });
   if (status == DB_STATUS_NO_TABLE)
-    throw ToolError("no device table in " + session.path() + " (run 'analyticsdb init' first)");
+    throw ToolError("no device table in " + session.path() + " (run 'analyticsdb init' first)",
+                    Failure::Missing);
   if (status != DB_STATUS_SUCCESS && status != DB_STATUS_EMPTY)
-    throw ToolError("cannot read the devices of " + session.path() + ": " + describeStatus(status));
+    throw ToolError("cannot read the devices of " + session.path() + ": " + describeStatus(status),
+                    failureOf(status));
 
   std::vector<const DeviceInfoRecord *> devices(
       found.list, found.list + (status == DB_STATUS_SUCCESS ? found.rows : 0));
@@ -231,24 +322,42 @@ void runDevices(Session &session, bool json, std::ostream &out) {
     out << "no devices in " << session.path() << '\n';
     return;
   }
-  std::vector<std::string> headers;
-  std::vector<Align> aligns;
-  for (const DeviceColumn &column : kDeviceColumns) {
-    headers.emplace_back(column.header);
-    aligns.push_back(column.align);
-  }
-  std::vector<std::vector<std::string>> rows;
-  for (const DeviceInfoRecord *device : devices) {
-    std::vector<std::string> row;
-    for (const DeviceColumn &column : kDeviceColumns)
-      row.push_back(column.cell(*device).text);
-    rows.push_back(std::move(row));
-  }
-  printTable(out, headers, aligns, rows);
+  // On a terminal narrower than the whole table, IP and category give way (JSON has them),
+  // host names are cut, and times lose their year: a wrapped table is unreadable.
+  auto table = [&](bool narrow) {
+    std::vector<std::string> headers;
+    std::vector<Align> aligns;
+    std::vector<std::vector<std::string>> rows(devices.size());
+    for (const DeviceColumn &column : kDeviceColumns) {
+      std::string key = column.jsonKey;
+      if (narrow && (key == "ip" || key == "category"))
+        continue;
+      headers.emplace_back(column.header);
+      aligns.push_back(column.align);
+      for (std::size_t i = 0; i < devices.size(); ++i) {
+        std::string text = column.cell(*devices[i]).text;
+        if (narrow && key == "host")
+          text = fitWidth(printable(text), 16);
+        if (narrow && key == "lastOnline" && devices[i]->lastOnlineTs != 0)
+          text = localTime(devices[i]->lastOnlineTs, "%m-%d %H:%M");
+        rows[i].push_back(std::move(text));
+      }
+    }
+    std::ostringstream text;
+    printTable(text, headers, aligns, rows);
+    return text.str();
+  };
+  std::string wide = table(false);
+  std::size_t widest = 0;
+  for (std::size_t start = 0, end; (end = wide.find('\n', start)) != std::string::npos;
+       start = end + 1)
+    widest = std::max(widest, displayWidth(wide.substr(start, end - start)));
+  out << (columns > 0 && widest > static_cast<std::size_t>(columns) ? table(true) : wide);
 }
 
-void runSeries(Session &session, const SeriesOptions &options, std::ostream &out) {
+void runSeries(Session &session, SeriesOptions options, std::ostream &out) {
   session.requireExistingDatabase();
+  options.mac = resolveDevice(options.mac);
   DeviceSummary device = lookupDevice(options.mac);
   Series series = requireSeries(seriesSpec(options.kind), options.mac, device, options.span);
   switch (options.format) {
@@ -264,36 +373,52 @@ void runSeries(Session &session, const SeriesOptions &options, std::ostream &out
   }
 }
 
-void runPlot(Session &session, const PlotOptions &options, std::ostream &out) {
+void runPlot(Session &session, PlotOptions options, std::ostream &out) {
   session.requireExistingDatabase();
+  options.mac = resolveDevice(options.mac);
   DeviceSummary device = lookupDevice(options.mac);
   PlotInput input;
   input.mac = device.known ? device.mac : options.mac;
   input.host = device.host;
-  input.spanLabel = "last " + options.span.text;
+  input.spanLabel = options.span.label();
   std::optional<Series> *targets[] = {&input.rssi, &input.rx, &input.tx};
   for (const SeriesSpec &spec : allSeries())
     *targets[static_cast<std::size_t>(spec.kind)] =
-        readSeries(spec, options.mac, options.span.seconds, device.addedTs);
+        readSeries(spec, options.mac, options.span, device.addedTs);
   if (!input.rssi && !input.rx && !input.tx) {
     if (!device.known)
       throw ToolError("unknown device " + options.mac + ": not in the inventory and no samples");
     throw ToolError("device " + deviceTitle(options.mac, device) + " has no samples");
   }
 
-  std::string svg = renderSvg(input);
+  std::string svg = renderSvg(input, options.size);
+  if (options.outPath == "-") {
+    out << svg;
+    return;
+  }
   std::ofstream file(options.outPath, std::ios::binary | std::ios::trunc);
   if (!file)
-    throw ToolError("cannot write " + options.outPath + ": " + std::strerror(errno));
+    throw ToolError("cannot write " + options.outPath + ": " + std::strerror(errno),
+                    errno == EACCES || errno == EROFS ? Failure::Permission : Failure::General);
   file << svg;
   file.close();
   if (!file)
     throw ToolError("cannot write " + options.outPath + ": " + std::strerror(errno));
   out << "wrote " << options.outPath << ": RSSI, receive and transmit bandwidth of "
-      << deviceTitle(options.mac, device) << ", last " << options.span.text << '\n';
+      << deviceTitle(options.mac, device) << ", " << options.span.label() << '\n';
 }
 
-bool runSimulate(Session &session, const SimulateOptions &options, std::ostream &out) {
+bool runSimulate(Session &session, const SimulateOptions &options, bool force, std::ostream &out) {
+  DatabaseContents contents = session.requireWritableDatabase();
+  if (!force) {
+    refuseForeign(contents, session.path(), "write synthetic rows into it");
+    if (contents.devices > 0 || contents.seriesRows > 0)
+      throw ToolError(session.path() + " already holds " + std::to_string(contents.devices) +
+                          " devices and " + std::to_string(contents.seriesRows) +
+                          " series rows; refusing to mix synthetic rows into them (use a new file, "
+                          "or --force)",
+                      Failure::Usage);
+  }
   SimulateResult result = simulate(session, options, out);
   return result.lost == 0 && result.mismatches == 0;
 }
@@ -320,10 +445,10 @@ bool runDemo(Session &session, bool defaultPath, const ChartOptions &chart, std:
       << "\nwhile a second process keeps the database busy in bursts (parked writes are "
          "replayed).\n\n"
       << "$ analyticsdb simulate --devices 6 --days 1 --contend --db " << path << '\n';
-  bool clean = runSimulate(session, simulation, out);
+  bool clean = runSimulate(session, simulation, false, out);
 
   out << "\n$ analyticsdb devices --db " << path << '\n';
-  runDevices(session, false, out);
+  runDevices(session, false, 0, out);
 
   SeriesOptions series;
   series.mac = "02:ad:b0:00:00:01";

@@ -10,15 +10,11 @@
 #include "series.h"
 #include "session.h"
 #include "simulate.h"
+#include "svg.h"
 
 namespace adbtool {
 
 enum class SeriesFormat { Chart, Csv, Json };
-
-struct SpanOption {
-  uint32_t seconds = 24 * 3600;
-  std::string text = "24h";
-};
 
 struct SeriesOptions {
   std::string mac;
@@ -31,19 +27,27 @@ struct SeriesOptions {
 struct PlotOptions {
   std::string mac;
   SpanOption span;
-  std::string outPath;
+  std::string outPath; // "-": standard output
+  SvgSize size;
 };
 
-void runInit(Session &session, std::ostream &out);
-void runDevices(Session &session, bool json, std::ostream &out);
-void runSeries(Session &session, const SeriesOptions &options, std::ostream &out);
-void runPlot(Session &session, const PlotOptions &options, std::ostream &out);
+void runInit(Session &session, bool force, std::ostream &out);
+// `columns`: the terminal's width, 0 when the output is not a terminal.
+void runDevices(Session &session, bool json, int columns, std::ostream &out);
+void runSeries(Session &session, SeriesOptions options, std::ostream &out);
+void runPlot(Session &session, PlotOptions options, std::ostream &out);
 // Returns false when the simulation lost requests or read back something else than it wrote.
-bool runSimulate(Session &session, const SimulateOptions &options, std::ostream &out);
+bool runSimulate(Session &session, const SimulateOptions &options, bool force, std::ostream &out);
 bool runDemo(Session &session, bool defaultPath, const ChartOptions &chart, std::ostream &out);
 
 // "1h" -> 3600 seconds; false when the text is not a span of 5m to 7d.
 bool parseSpan(const std::string &text, SpanOption &span);
+// "2024-01-01 06:00", "2024-01-01T06:00:00", "2024-01-01" (local time) or "@1704067200";
+// false when the text is none of these.
+bool parseTime(const std::string &text, uint32_t &epoch);
+// The MAC of a device given by MAC or by host name; throws ToolError when no device or more
+// than one has that name.
+std::string resolveDevice(const std::string &macOrHost);
 bool isMacAddress(const std::string &text);
 
 } // namespace adbtool

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -12,16 +13,30 @@ namespace adbtool {
 enum class Align { Left, Right };
 
 // One aligned plain-text table: a header row, then the rows, columns padded to their widest
-// cell (counted in characters, not bytes) and separated by two blanks.
+// cell (in terminal columns) and separated by two blanks. Cells pass through printable().
 void printTable(std::ostream &out, const std::vector<std::string> &headers,
                 const std::vector<Align> &aligns,
                 const std::vector<std::vector<std::string>> &rows);
 
-// Number of characters of UTF-8 text (what a terminal column count needs).
+// Terminal columns of UTF-8 text: wide characters count two, combining marks none.
 std::size_t displayWidth(std::string_view text);
+// `text` cut to at most `columns` terminal columns, an ellipsis marking the cut.
+std::string fitWidth(std::string_view text, std::size_t columns);
 
-// A JSON string literal, quotes included.
-std::string jsonString(std::string_view text);
+// Text from the database made safe for a terminal: control characters shown as ^X, C1
+// controls, bidirectional overrides and bytes that are not UTF-8 as U+FFFD.
+std::string printable(std::string_view text);
+// Text with every byte that is not UTF-8 replaced by U+FFFD, for formats that require UTF-8.
+std::string validUtf8(std::string_view text);
+
+// JSON with keys in the order they were added, so the documented layout is what is printed.
+using Json = nlohmann::ordered_json;
+// Bumped only when a field changes meaning or disappears; new fields may appear at any time.
+inline constexpr int kJsonVersion = 1;
+// Indented JSON and a newline; text that is not UTF-8 (a device's name can be anything) is
+// written with U+FFFD in its place, so the output always parses.
+// `indent` -1 gives one line (long sample lists).
+void printJson(std::ostream &out, const Json &value, int indent = 2);
 // A CSV field, quoted only when it needs to be.
 std::string csvField(std::string_view text);
 
@@ -34,5 +49,7 @@ std::string isoTime(uint32_t epoch);
 // "1.5 Mbit/s"-style text of a kbit/s figure, and digits grouped by thousands.
 std::string humanRate(double kbits);
 std::string groupDigits(uint64_t value);
+// "1.2 GB": bytes in decimal units, at most 7 characters.
+std::string humanBytes(uint64_t bytes);
 
 } // namespace adbtool

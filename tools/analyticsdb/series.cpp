@@ -54,7 +54,8 @@ struct DayListGuard {
 
 [[noreturn]] void failRead(const SeriesSpec &spec, const std::string &mac, int32_t status) {
   throw ToolError(std::string("cannot read the ") + spec.noun + " samples of " + mac + ": " +
-                  describeStatus(status));
+                      describeStatus(status),
+                  failureOf(status));
 }
 
 } // namespace
@@ -73,7 +74,8 @@ std::vector<int64_t> readSlots(const SeriesSpec &spec, const std::string &mac,
       days.push_back(db_findTable(slot));
   for (int32_t day : days) {
     DayListGuard found;
-    int32_t status = spec.day(day, mac.c_str(), &found.list, &found.rows);
+    int32_t status =
+        retryWhileBusy([&] { return spec.day(day, mac.c_str(), &found.list, &found.rows); });
     if (status == DB_STATUS_EMPTY)
       continue;
     if (status != DB_STATUS_SUCCESS)
@@ -110,42 +112,72 @@ SeriesStats statsOf(const Series &series) {
 DeviceSummary lookupDevice(const std::string &mac) {
   DeviceListGuard found;
   DeviceSummary summary;
-  int32_t status = db_readMacDeviceInfo(mac.c_str(), &found.list, &found.rows, 1);
+  int32_t status = retryWhileBusy(
+      [&] { return db_readMacDeviceInfo(mac.c_str(), &found.list, &found.rows, 1); });
   // A database without an inventory can still hold samples: only real failures stop here.
   if (status == DB_STATUS_EMPTY || status == DB_STATUS_NO_TABLE)
     return summary;
   if (status != DB_STATUS_SUCCESS)
-    throw ToolError("cannot read the inventory row of " + mac + ": " + describeStatus(status));
+    throw ToolError("cannot read the inventory row of " + mac + ": " + describeStatus(status),
+                    failureOf(status));
   summary.known = true;
   summary.mac = found.list[0]->mac;
   summary.host = found.list[0]->host;
   summary.addedTs = found.list[0]->addedTs;
+  summary.wired = found.list[0]->rssi == 0;
   return summary;
 }
 
 std::optional<Series> readSeries(const SeriesSpec &spec, const std::string &mac,
-                                 uint32_t spanSeconds, uint32_t notBefore) {
+                                 const SpanOption &span, uint32_t notBefore) {
   Series series;
   series.spec = &spec;
   series.mac = mac;
-  int32_t status = spec.latest(mac.c_str(), &series.latestTime, &series.latestSlot);
+  uint32_t latestTime = 0;
+  int32_t latestSlot = 0;
+  int32_t status =
+      retryWhileBusy([&] { return spec.latest(mac.c_str(), &latestTime, &latestSlot); });
   if (status == DB_STATUS_EMPTY)
     return std::nullopt;
   if (status == DB_STATUS_NO_TABLE)
     throw ToolError(std::string("no table ") + spec.indexTable +
-                    " in the database (run 'analyticsdb init' first)");
+                        " in the database (run 'analyticsdb init' first)",
+                    Failure::Missing);
   if (status != DB_STATUS_SUCCESS)
     failRead(spec, mac, status);
   const int32_t week = static_cast<int32_t>(db_calcSlotCount());
-  if (series.latestSlot < 1 || series.latestSlot > week)
+  if (latestSlot < 1 || latestSlot > week)
     throw ToolError(std::string("the ") + spec.noun + " index row of " + mac +
-                    " holds no valid slot (" + std::to_string(series.latestSlot) + ")");
+                    " holds no valid slot (" + std::to_string(latestSlot) + ")");
 
+  // The stretch ends at the last stored slot at or before --to; the ring holds one week back
+  // from the latest slot, and older slots have been overwritten.
+  const uint32_t stored = static_cast<uint32_t>(week) * kSlotSeconds;
+  uint32_t back = 0;
+  if (span.to != 0 && span.to < latestTime)
+    back = (latestTime - span.to + kSlotSeconds - 1) / kSlotSeconds;
+  if (back >= static_cast<uint32_t>(week))
+    throw ToolError(std::string("no ") + spec.noun + " samples of " + mac + " stored before " +
+                    localTime(span.to, "%Y-%m-%d %H:%M %Z") +
+                    " (the database keeps the week up to " +
+                    localTime(latestTime, "%Y-%m-%d %H:%M %Z") + ")");
+  series.latestTime = latestTime - back * kSlotSeconds;
+  series.latestSlot = ((latestSlot - 1 - static_cast<int32_t>(back)) % week + week) % week + 1;
+
+  uint32_t spanSeconds = std::max<uint32_t>(span.seconds, kSlotSeconds);
+  if (span.from != 0) {
+    if (span.from > series.latestTime)
+      throw ToolError(std::string("no ") + spec.noun + " samples of " + mac + " after " +
+                      localTime(span.from, "%Y-%m-%d %H:%M %Z") + " (the latest is at " +
+                      localTime(latestTime, "%Y-%m-%d %H:%M %Z") + ")");
+    spanSeconds = series.latestTime - span.from + kSlotSeconds;
+  }
+  spanSeconds = std::min(spanSeconds, stored - back * kSlotSeconds);
   // Slots before the device was added hold nothing of it: leave them out.
-  uint32_t span = std::max<uint32_t>(spanSeconds, kSlotSeconds);
+  uint32_t spanLeft = spanSeconds;
   if (notBefore > 0 && notBefore <= series.latestTime)
-    span = std::min(span, series.latestTime - notBefore + kSlotSeconds);
-  uint32_t from = series.latestTime > span ? series.latestTime - span : 0;
+    spanLeft = std::min(spanLeft, series.latestTime - notBefore + kSlotSeconds);
+  uint32_t from = series.latestTime > spanLeft ? series.latestTime - spanLeft : 0;
   int32_t start = 0;
   int32_t end = 0;
   if (db_findIndexLimits(from, series.latestTime, series.latestSlot, &start, &end) !=
@@ -160,7 +192,7 @@ std::optional<Series> readSeries(const SeriesSpec &spec, const std::string &mac,
 
   if (spec.span != nullptr) {
     auto record = std::make_unique<BandWidthRecord>();
-    status = spec.span(mac.c_str(), start, end, record.get());
+    status = retryWhileBusy([&] { return spec.span(mac.c_str(), start, end, record.get()); });
     if (status == DB_STATUS_SUCCESS && record->slotCount == count) {
       for (std::size_t i = 0; i < count; ++i)
         series.values.push_back(static_cast<int64_t>(record->slots[i]));
@@ -173,6 +205,19 @@ std::optional<Series> readSeries(const SeriesSpec &spec, const std::string &mac,
   }
   series.values = readSlots(spec, mac, series.slots);
   return series;
+}
+
+std::string formatValueLike(const SeriesSpec &spec, double value, double reference) {
+  if (spec.kind == SeriesKind::Rssi)
+    return formatValue(spec, value);
+  char text[32];
+  if (std::fabs(reference) >= 1000000.0)
+    std::snprintf(text, sizeof text, "%.1f Gbit/s", value / 1000000.0);
+  else if (std::fabs(reference) >= 1000.0)
+    std::snprintf(text, sizeof text, "%.1f Mbit/s", value / 1000.0);
+  else
+    return formatValue(spec, value);
+  return text;
 }
 
 std::string formatValue(const SeriesSpec &spec, double value) {

@@ -65,19 +65,32 @@ std::vector<int64_t> readSlots(const SeriesSpec &spec, const std::string &mac,
 // The inventory row of a device, as far as the series commands need it.
 struct DeviceSummary {
   bool known = false;
-  std::string mac; // as stored
+  bool wired = false; // the inventory has no RSSI for it
+  std::string mac;    // as stored
   std::string host;
   uint32_t addedTs = 0;
 };
 DeviceSummary lookupDevice(const std::string &mac);
 
-// Reads the last `spanSeconds` of a series ending at the device's latest sample, starting no
-// earlier than `notBefore` (when the device was added) where that is known. Empty when the
-// device has no row in the series' index table; throws ToolError on database errors.
+// Which stretch of a series to read: the last `seconds` before the latest sample, or the
+// absolute times `from` .. `to` (unix time; 0 where not given) within the stored week.
+struct SpanOption {
+  uint32_t seconds = 24 * 3600;
+  std::string text = "24h";
+  uint32_t from = 0;
+  uint32_t to = 0;
+  std::string label() const { return from != 0 || to != 0 ? text : "last " + text; }
+};
+
+// Reads a stretch of a series, starting no earlier than `notBefore` (when the device was
+// added) where that is known. Empty when the device has no row in the series' index table;
+// throws ToolError on database errors and when the stretch holds no stored slot.
 std::optional<Series> readSeries(const SeriesSpec &spec, const std::string &mac,
-                                 uint32_t spanSeconds, uint32_t notBefore);
+                                 const SpanOption &span, uint32_t notBefore);
 
 // "-57 dBm", "12.5 Mbit/s": a value of the series with its unit.
 std::string formatValue(const SeriesSpec &spec, double value);
+// `value` in the unit that `reference` is shown in ("0.0 Mbit/s" beside "28.8 Mbit/s").
+std::string formatValueLike(const SeriesSpec &spec, double value, double reference);
 
 } // namespace adbtool

@@ -348,7 +348,7 @@ int createAllTables(const std::string &path) {
 }
 
 SimulateResult simulate(Session &session, const SimulateOptions &options, std::ostream &out) {
-  session.requireCreatableDatabase();
+  session.requireWritableDatabase();
   createAllTables(session.path());
 
   HomeNetwork network(options.devices);

@@ -9,26 +9,52 @@
 #include <vector>
 
 #include "output.h"
+#include "top.h"
 
 namespace adbtool {
 
 namespace {
 
-constexpr double kWidth = 960;
-constexpr double kHeight = 600;
 constexpr double kLeft = 90;
-constexpr double kRight = 930;
+constexpr double kRightMargin = 30;
+constexpr double kTitleHeight = 62; // title line, then the first panel's own title
+constexpr double kPanelGap = 48;    // room for a panel's title and legend
+constexpr double kAxisHeight = 60;  // time labels, dates and the zone under the last panel
 
 struct Panel {
   double top;
   double bottom;
 };
-constexpr Panel kRssiPanel{70, 260};
-constexpr Panel kRatePanel{350, 540};
-// Beyond one point per two pixels a line turns into a solid block: points are then gathered
-// into buckets drawn as their mean with a light band from minimum to maximum.
-constexpr std::size_t kMaxPoints = static_cast<std::size_t>((kRight - kLeft) / 2);
-constexpr double kMinRssiRange = 10.0; // dB; a narrower scale makes noise look like drama
+
+// Where everything goes for the requested picture size: panels stacked over one time axis.
+struct Layout {
+  double width;
+  double height;
+  double right;
+  std::vector<Panel> panels;
+  std::size_t maxPoints() const {
+    // Beyond one point per two pixels a line turns into a solid block: points are then gathered
+    // into buckets drawn as their mean with a light band from minimum to maximum.
+    return static_cast<std::size_t>(std::max(2.0, (right - kLeft) / 2));
+  }
+};
+
+Layout layoutFor(double width, double height, std::size_t panels) {
+  Layout layout{width, height, width - kRightMargin, {}};
+  double room = height - kTitleHeight - kAxisHeight - kPanelGap * static_cast<double>(panels - 1);
+  double each = room / static_cast<double>(panels);
+  double top = kTitleHeight;
+  for (std::size_t i = 0; i < panels; ++i) {
+    layout.panels.push_back({top, top + each});
+    top += each + kPanelGap;
+  }
+  return layout;
+}
+
+// RSSI scale: at least this stretch, so that -91 dBm and -52 dBm sit where they belong against
+// the good/fair/weak bands instead of filling the panel either way.
+constexpr double kRssiFloor = -95.0;
+constexpr double kRssiCeiling = -30.0;
 
 const char *const kRssiColour = "#1f6fb4";
 const char *const kRxColour = "#2a9d3a";
@@ -71,7 +97,8 @@ struct Scale {
 
 Scale valueScale(double low, double high, bool zeroBased, bool rate) {
   Scale scale{low, high, 1.0, 1.0, rate ? "kbit/s" : "dBm"};
-  if (rate && high >= 2000.0) {
+  // The same switch as the titles' figures, so an axis never says kbit/s under a title in Mbit/s.
+  if (rate && high >= 1000.0) {
     scale.divisor = 1000.0;
     scale.unit = "Mbit/s";
   }
@@ -79,10 +106,9 @@ Scale valueScale(double low, double high, bool zeroBased, bool rate) {
     scale.low = std::min(0.0, low);
   if (rate && scale.high - scale.low < 10.0)
     scale.high = scale.low + 10.0;
-  if (!rate && scale.high - scale.low < kMinRssiRange) {
-    double middle = (scale.high + scale.low) / 2;
-    scale.low = middle - kMinRssiRange / 2;
-    scale.high = middle + kMinRssiRange / 2;
+  if (!rate) {
+    scale.low = std::min(scale.low, kRssiFloor);
+    scale.high = std::max(scale.high, kRssiCeiling);
   }
   scale.step = niceStep((scale.high - scale.low) / scale.divisor, 5) * scale.divisor;
   scale.low = std::floor(scale.low / scale.step) * scale.step;
@@ -93,10 +119,11 @@ Scale valueScale(double low, double high, bool zeroBased, bool rate) {
 struct TimeAxis {
   uint32_t from;
   uint32_t to;
+  double right;
   double x(uint32_t t) const {
     if (to == from)
-      return (kLeft + kRight) / 2;
-    return kLeft + (kRight - kLeft) * (static_cast<double>(t - from) / (to - from));
+      return (kLeft + right) / 2;
+    return kLeft + (right - kLeft) * (static_cast<double>(t - from) / (to - from));
   }
 };
 
@@ -110,12 +137,13 @@ std::string formatTick(double value, double step) {
   return text;
 }
 
-void drawValueAxis(std::string &svg, const Scale &scale, const Panel &panel,
+void drawValueAxis(std::string &svg, const Layout &layout, const Scale &scale, const Panel &panel,
                    const std::string &title) {
+  const double right = layout.right;
   for (double v = scale.low; v <= scale.high + scale.step / 2; v += scale.step) {
     double y = yOf(scale, panel, v);
     appendf(svg, "<line x1=\"%.1f\" y1=\"%.1f\" x2=\"%.1f\" y2=\"%.1f\" stroke=\"#e3e3e3\"/>\n",
-            kLeft, y, kRight, y);
+            kLeft, y, right, y);
     appendf(svg, "<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"end\">%s</text>\n", kLeft - 8, y + 4,
             formatTick(v / scale.divisor, scale.step / scale.divisor).c_str());
   }
@@ -128,11 +156,12 @@ void drawValueAxis(std::string &svg, const Scale &scale, const Panel &panel,
   appendf(svg,
           "<rect x=\"%.1f\" y=\"%.1f\" width=\"%.1f\" height=\"%.1f\" fill=\"none\" "
           "stroke=\"#888\"/>\n",
-          kLeft, panel.top, kRight - kLeft, panel.bottom - panel.top);
+          kLeft, panel.top, right - kLeft, panel.bottom - panel.top);
 }
 
 // Ticks at whole local hours or days, so labels read 06:00, 12:00, ... rather than 06:05.
-void drawTimeAxis(std::string &svg, const TimeAxis &axis) {
+void drawTimeAxis(std::string &svg, const Layout &layout, const TimeAxis &axis) {
+  const double bottom = layout.panels.back().bottom;
   static const uint32_t kSteps[] = {900, 1800, 3600, 7200, 10800, 21600, 43200, 86400, 172800};
   uint32_t span = std::max<uint32_t>(axis.to - axis.from, 1);
   uint32_t step = kSteps[std::size(kSteps) - 1];
@@ -149,22 +178,22 @@ void drawTimeAxis(std::string &svg, const TimeAxis &axis) {
   int64_t first = ((static_cast<int64_t>(axis.from) + offset + step - 1) / step) * step - offset;
   for (int64_t t = first; t <= axis.to; t += step) {
     double x = axis.x(static_cast<uint32_t>(t));
-    for (const Panel &panel : {kRssiPanel, kRatePanel}) {
+    for (const Panel &panel : layout.panels) {
       appendf(svg, "<line x1=\"%.1f\" y1=\"%.1f\" x2=\"%.1f\" y2=\"%.1f\" stroke=\"#e3e3e3\"/>\n",
               x, panel.top, x, panel.bottom);
     }
     std::string clock = localTime(static_cast<uint32_t>(t), step >= 86400 ? "%a" : "%H:%M");
     std::string date = localTime(static_cast<uint32_t>(t), "%b %d");
-    appendf(svg, "<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"middle\">%s</text>\n", x,
-            kRatePanel.bottom + 18, clock.c_str());
+    appendf(svg, "<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"middle\">%s</text>\n", x, bottom + 18,
+            clock.c_str());
     bool midnight = localTime(static_cast<uint32_t>(t), "%H:%M") == "00:00";
     if (t == first || midnight || step >= 86400)
       appendf(svg, "<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"middle\" fill=\"#555\">%s</text>\n",
-              x, kRatePanel.bottom + 34, date.c_str());
+              x, bottom + 34, date.c_str());
   }
   appendf(svg,
           "<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"middle\" fill=\"#555\">time (%s)</text>\n",
-          (kLeft + kRight) / 2, kHeight - 8, localTime(axis.to, "%Z").c_str());
+          (kLeft + layout.right) / 2, layout.height - 6, localTime(axis.to, "%Z").c_str());
 }
 
 struct Bucket {
@@ -176,9 +205,10 @@ struct Bucket {
 
 // Runs of consecutive buckets with readings; a bucket without any breaks the line, so missing
 // readings show as gaps instead of drops to 0.
-std::vector<std::vector<Bucket>> bucketRuns(const Series &series, const TimeAxis &axis) {
+std::vector<std::vector<Bucket>> bucketRuns(const Series &series, const TimeAxis &axis,
+                                            std::size_t maxPoints) {
   const std::size_t count = series.values.size();
-  const std::size_t buckets = std::min(count, kMaxPoints);
+  const std::size_t buckets = std::min(count, maxPoints);
   std::vector<std::vector<Bucket>> runs(1);
   for (std::size_t b = 0; b < buckets; ++b) {
     std::size_t first = b * count / buckets;
@@ -208,10 +238,10 @@ std::vector<std::vector<Bucket>> bucketRuns(const Series &series, const TimeAxis
   return runs;
 }
 
-void drawLine(std::string &svg, const Series &series, const Scale &scale, const Panel &panel,
-              const TimeAxis &axis, const char *colour) {
-  const bool gathered = series.values.size() > kMaxPoints;
-  for (const std::vector<Bucket> &run : bucketRuns(series, axis)) {
+void drawLine(std::string &svg, const Layout &layout, const Series &series, const Scale &scale,
+              const Panel &panel, const TimeAxis &axis, const char *colour) {
+  const bool gathered = series.values.size() > layout.maxPoints();
+  for (const std::vector<Bucket> &run : bucketRuns(series, axis, layout.maxPoints())) {
     if (gathered) {
       std::string band;
       for (const Bucket &b : run)
@@ -234,11 +264,67 @@ void drawLine(std::string &svg, const Series &series, const Scale &scale, const 
   }
 }
 
-void drawNoData(std::string &svg, const Panel &panel, const char *what) {
+void drawNoData(std::string &svg, const Layout &layout, const Panel &panel, const char *what) {
   appendf(
       svg,
       "<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"middle\" fill=\"#888\">no %s readings</text>\n",
-      (kLeft + kRight) / 2, (panel.top + panel.bottom) / 2, what);
+      (kLeft + layout.right) / 2, (panel.top + panel.bottom) / 2, what);
+}
+
+// Good, fair and weak signal as tinted bands behind the RSSI line, labelled on the right.
+void drawRssiBands(std::string &svg, const Layout &layout, const Scale &scale, const Panel &panel) {
+  struct Band {
+    double high;
+    double low;
+    const char *fill;
+    const char *label;
+  };
+  const Band bands[] = {{scale.high, -67.0, "#e3f4e1", "good"},
+                        {-67.0, -80.0, "#fbf3d5", "fair"},
+                        {-80.0, scale.low, "#fbe1dd", "weak"}};
+  for (const Band &band : bands) {
+    double top = yOf(scale, panel, std::min(band.high, scale.high));
+    double bottom = yOf(scale, panel, std::max(band.low, scale.low));
+    if (bottom <= top)
+      continue;
+    appendf(svg,
+            "<rect class=\"band\" x=\"%.1f\" y=\"%.1f\" width=\"%.1f\" height=\"%.1f\" "
+            "fill=\"%s\"/>\n",
+            kLeft, top, layout.right - kLeft, bottom - top, band.fill);
+    appendf(svg,
+            "<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"end\" fill=\"#777\" "
+            "font-size=\"11\" stroke=\"#fff\" stroke-width=\"3\" paint-order=\"stroke\">"
+            "%s</text>\n",
+            layout.right - 6, top + 14, band.label);
+  }
+}
+
+// A marker on the highest single slot, with its value and time: the line itself may show
+// bucket means, the peak is what a user asks about.
+void drawPeak(std::string &svg, const Series &series, const Scale &scale, const Panel &panel,
+              const TimeAxis &axis, const char *colour) {
+  std::size_t best = series.values.size();
+  for (std::size_t i = 0; i < series.values.size(); ++i)
+    if (series.present(i) &&
+        (best == series.values.size() || series.values[i] > series.values[best]))
+      best = i;
+  if (best == series.values.size())
+    return;
+  double x = axis.x(series.times[best]);
+  double y = yOf(scale, panel, static_cast<double>(series.values[best]));
+  std::string text =
+      "peak " + formatValue(*series.spec, static_cast<double>(series.values[best])) + " at " +
+      localTime(series.times[best], axis.to - axis.from > 26 * 3600 ? "%a %H:%M" : "%H:%M");
+  bool leftOfMarker = x > (kLeft + axis.right) / 2;
+  appendf(svg,
+          "<circle class=\"peak\" cx=\"%.1f\" cy=\"%.1f\" r=\"4\" fill=\"none\" "
+          "stroke=\"%s\" stroke-width=\"2\"/>\n",
+          x, y, colour);
+  appendf(svg,
+          "<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"%s\" font-size=\"11\" "
+          "fill=\"#333\" stroke=\"#fff\" stroke-width=\"3\" paint-order=\"stroke\">%s</text>\n",
+          leftOfMarker ? x - 8 : x + 8, std::max(y + 4, panel.top + 12),
+          leftOfMarker ? "end" : "start", xmlEscape(text).c_str());
 }
 
 std::string statsText(const Series &series) {
@@ -249,22 +335,6 @@ std::string statsText(const Series &series) {
   return "min " + formatValue(spec, static_cast<double>(stats.min)) + " · avg " +
          formatValue(spec, stats.average) + " · max " +
          formatValue(spec, static_cast<double>(stats.max));
-}
-
-// Above the bandwidth panel, on the right, where no line can run through it.
-void drawLegend(std::string &svg,
-                const std::vector<std::pair<const char *, std::string>> &entries) {
-  const double left = kRight - 430;
-  double y = kRatePanel.top - 10 -
-             18.0 * static_cast<double>(entries.size() - std::min<std::size_t>(entries.size(), 1));
-  for (const auto &[colour, label] : entries) {
-    appendf(svg,
-            "<line x1=\"%.1f\" y1=\"%.1f\" x2=\"%.1f\" y2=\"%.1f\" stroke=\"%s\" "
-            "stroke-width=\"3\"/>\n",
-            left, y - 4, left + 22, y - 4, colour);
-    appendf(svg, "<text x=\"%.1f\" y=\"%.1f\">%s</text>\n", left + 28, y, xmlEscape(label).c_str());
-    y += 18;
-  }
 }
 
 } // namespace
@@ -297,12 +367,16 @@ std::string xmlEscape(const std::string &text) {
   return escaped;
 }
 
-std::string renderSvg(const PlotInput &input) {
+std::string renderSvg(const PlotInput &input, const SvgSize &size) {
   std::vector<const Series *> all;
   for (const auto *series : {&input.rssi, &input.rx, &input.tx})
     if (*series && !(*series)->times.empty())
       all.push_back(&**series);
-  TimeAxis axis{0, 0};
+  // A device without RSSI readings (wired) gets no RSSI panel; receive and transmit each get
+  // their own, so a small upload is not drawn flat under a large download.
+  const bool rssiPanel = input.rssi && statsOf(*input.rssi).count > 0;
+  Layout layout = layoutFor(size.width, size.height, rssiPanel ? 3 : 2);
+  TimeAxis axis{0, 0, layout.right};
   if (!all.empty()) {
     axis.from = all.front()->times.front();
     axis.to = all.front()->times.back();
@@ -318,53 +392,64 @@ std::string renderSvg(const PlotInput &input) {
           "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"%.0f\" height=\"%.0f\" "
           "viewBox=\"0 0 %.0f %.0f\" font-family=\"DejaVu Sans, Arial, sans-serif\" "
           "font-size=\"12\" fill=\"#222\">\n",
-          kWidth, kHeight, kWidth, kHeight);
+          layout.width, layout.height, layout.width, layout.height);
   std::string title =
       input.mac + (input.host.empty() ? "" : "  " + input.host) + "  —  " + input.spanLabel;
   std::string period;
   if (!all.empty())
     period = localTime(axis.from) + " to " + localTime(axis.to, "%Y-%m-%d %H:%M %Z");
   svg += "<title>" + xmlEscape(title + (period.empty() ? "" : " (" + period + ")")) + "</title>\n";
-  appendf(svg, "<rect width=\"%.0f\" height=\"%.0f\" fill=\"#ffffff\"/>\n", kWidth, kHeight);
+  appendf(svg, "<rect width=\"%.0f\" height=\"%.0f\" fill=\"#ffffff\"/>\n", layout.width,
+          layout.height);
   appendf(svg,
-          "<text x=\"%.1f\" y=\"30\" font-size=\"17\"><tspan font-weight=\"bold\">%s</tspan>"
+          "<text x=\"%.1f\" y=\"26\" font-size=\"17\"><tspan font-weight=\"bold\">%s</tspan>"
           "<tspan dx=\"12\" font-size=\"13\" fill=\"#555\">%s</tspan></text>\n",
           kLeft, xmlEscape(title).c_str(), xmlEscape(period).c_str());
 
-  // RSSI panel.
-  if (input.rssi && statsOf(*input.rssi).count > 0) {
+  std::size_t next = 0;
+  if (rssiPanel) {
+    const Panel &panel = layout.panels[next++];
     SeriesStats stats = statsOf(*input.rssi);
     Scale scale =
         valueScale(static_cast<double>(stats.min), static_cast<double>(stats.max), false, false);
-    drawValueAxis(svg, scale, kRssiPanel, "RSSI — " + statsText(*input.rssi));
-    drawLine(svg, *input.rssi, scale, kRssiPanel, axis, kRssiColour);
-  } else {
-    drawValueAxis(svg, valueScale(-90, -30, false, false), kRssiPanel, "RSSI");
-    drawNoData(svg, kRssiPanel, "RSSI");
+    scale.step = 10.0;
+    scale.low = std::floor(scale.low / 10.0) * 10.0;
+    scale.high = std::ceil(scale.high / 10.0) * 10.0;
+    drawRssiBands(svg, layout, scale, panel);
+    int64_t latest = 0;
+    for (std::size_t i = 0; i < input.rssi->values.size(); ++i)
+      if (input.rssi->present(i))
+        latest = input.rssi->values[i];
+    drawValueAxis(svg, layout, scale, panel,
+                  "RSSI — " + statsText(*input.rssi) + " — latest " + std::to_string(latest) +
+                      " dBm, " + signalClass(latest));
+    drawLine(svg, layout, *input.rssi, scale, panel, axis, kRssiColour);
   }
-
-  // Bandwidth panel: receive and transmit on one scale.
-  double high = 0.0;
-  for (const auto *series : {&input.rx, &input.tx})
-    if (*series && statsOf(**series).count > 0)
-      high = std::max(high, static_cast<double>(statsOf(**series).max));
-  Scale rates = valueScale(0.0, high, true, true);
-  drawValueAxis(svg, rates, kRatePanel, "Bandwidth");
-  std::vector<std::pair<const char *, std::string>> legend;
-  if (input.rx) {
-    drawLine(svg, *input.rx, rates, kRatePanel, axis, kRxColour);
-    legend.emplace_back(kRxColour, "receive (RX): " + statsText(*input.rx));
+  struct RatePanel {
+    const std::optional<Series> *series;
+    const char *title;
+    const char *what;
+    const char *colour;
+  };
+  for (const RatePanel &rate :
+       {RatePanel{&input.rx, "Receive (RX)", "receive bandwidth", kRxColour},
+        RatePanel{&input.tx, "Transmit (TX)", "transmit bandwidth", kTxColour}}) {
+    const Panel &panel = layout.panels[next++];
+    const bool any = *rate.series && statsOf(**rate.series).count > 0;
+    double high = any ? static_cast<double>(statsOf(**rate.series).max) : 0.0;
+    Scale scale = valueScale(0.0, high, true, true);
+    drawValueAxis(svg, layout, scale, panel,
+                  std::string(rate.title) + (any ? " — " + statsText(**rate.series) : ""));
+    if (!any) {
+      drawNoData(svg, layout, panel, rate.what);
+      continue;
+    }
+    drawLine(svg, layout, **rate.series, scale, panel, axis, rate.colour);
+    drawPeak(svg, **rate.series, scale, panel, axis, rate.colour);
   }
-  if (input.tx) {
-    drawLine(svg, *input.tx, rates, kRatePanel, axis, kTxColour);
-    legend.emplace_back(kTxColour, "transmit (TX): " + statsText(*input.tx));
-  }
-  if (legend.empty())
-    drawNoData(svg, kRatePanel, "bandwidth");
-  drawLegend(svg, legend);
 
   if (!all.empty())
-    drawTimeAxis(svg, axis);
+    drawTimeAxis(svg, layout, axis);
   svg += "</svg>\n";
   return svg;
 }

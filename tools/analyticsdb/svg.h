@@ -17,9 +17,15 @@ struct PlotInput {
   std::optional<Series> tx;
 };
 
-// The whole document: two panels (RSSI in dBm; receive and transmit in kbit/s or Mbit/s) over a
-// shared time axis, with grid, tick labels, units and a legend. Needs no fonts or files.
-std::string renderSvg(const PlotInput &input);
+struct SvgSize {
+  double width = 960;
+  double height = 720;
+};
+
+// The whole document: panels for RSSI in dBm against good/fair/weak bands (left out when the
+// device has no RSSI readings), receive and transmit bandwidth each on its own scale with its
+// peak marked, over a shared time axis. Needs no fonts or files.
+std::string renderSvg(const PlotInput &input, const SvgSize &size = {});
 
 // Text made safe for XML character data and attribute values.
 std::string xmlEscape(const std::string &text);

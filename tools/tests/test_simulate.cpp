@@ -82,8 +82,7 @@ TEST(ToolSimulate, SeriesOfADeviceWithoutInventoryFallsBackToTheDayReads) {
                      "1704673200,2024-01-08T00:20:00Z,2016,900\n");
   ToolRun week = runCli({"series", mac, "--rx", "--last", "7d", "--json", "--db", db});
   ASSERT_EQ(week.status, 0) << week.err;
-  EXPECT_NE(week.out.find("\"count\": 2016, \"min\": 0, \"avg\": 0.8, \"max\": 900"),
-            std::string::npos)
+  EXPECT_NE(week.out.find("\"count\":2016,\"min\":0,\"avg\":0.8,\"max\":900"), std::string::npos)
       << week.out.substr(0, 300);
 
   ToolRun rssi = runCli({"series", mac, "--db", db});

@@ -1,0 +1,24 @@
+// export.h - the latest value of every device for a fleet's collectors: OpenMetrics text (for a
+// node exporter's textfile collector or any Prometheus-compatible scraper) or JSON.
+#pragma once
+
+#include <ostream>
+#include <string>
+
+#include "session.h"
+
+namespace adbtool {
+
+enum class ExportFormat { OpenMetrics, JsonDocument };
+
+struct ExportOptions {
+  ExportFormat format = ExportFormat::OpenMetrics;
+  std::string outPath; // empty or "-": standard output
+};
+
+void runExport(Session &session, const ExportOptions &options, std::ostream &out);
+
+// A label value in OpenMetrics text: valid UTF-8, no control characters, \ " and newline escaped.
+std::string metricLabel(const std::string &text);
+
+} // namespace adbtool
