@@ -7,6 +7,7 @@
  * module reaches SQLite only through the functions of this file.
  */
 #include <sqlite3.h>
+#include <strings.h>
 #include <sys/types.h>
 #include <time.h>
 #include <unistd.h>
@@ -19,6 +20,8 @@
 #include "internal/guards.h"
 #include "internal/log.h"
 #include "internal/numbers.h"
+#include "internal/statement.h"
+#include "internal/statement_cache.h"
 #include "internal/text_builder.h"
 #include "internal/transaction.h"
 
@@ -101,7 +104,136 @@ bool profilingOn() {
   return adb::log::enabled(RYX_LOG_INFO) && access(gProfileMarkerPath, F_OK) == 0;
 }
 
+
+// A statement text composed already.
+class PlainText final : public adb::StatementText {
+ public:
+  explicit PlainText(const char *sql) : sql_(sql) {}
+  const char *get() override { return sql_; }
+
+ private:
+  const char *sql_;
+};
+
+// Steps a compiled write once and leaves it reset and unbound; SQLite's result as sqlite3_exec
+// reports it, and its message in `message` on failure. The connection's lock is held
+// throughout, so that another thread's statement cannot replace the message first.
+int stepCompiled(sqlite3 *db, sqlite3_stmt *statement, adb::SqliteMessage &message) {
+  sqlite3_mutex *mutex = sqlite3_db_mutex(db);
+  sqlite3_mutex_enter(mutex);
+  int result = sqlite3_step(statement);
+  if (result == SQLITE_DONE || result == SQLITE_ROW) {
+    result = SQLITE_OK;
+  } else {
+    *message.out() = sqlite3_mprintf("%s", sqlite3_errmsg(db));
+  }
+  sqlite3_reset(statement);
+  sqlite3_clear_bindings(statement);
+  sqlite3_mutex_leave(mutex);
+  return result;
+}
+
+// Runs one write statement: its text through sqlite3_exec, or `compiled` (its values bound)
+// through sqlite3_step. The lines are db_execStatement's whichever way it ran, so that the log
+// does not show whether a cached statement ran; the text is composed only for a line that is
+// logged. SQLite's result goes to `result`.
+int32_t execWrite(adb::StatementText &sql, sqlite3 *db, sqlite3_stmt *compiled, int *result) {
+  ADB_LOG_DEBUG_AS("db_execStatement", "[analyticsDB] WRITE QUERY: %s", orNull(sql.get()));
+  adb::SqliteMessage message;
+  if (compiled != nullptr) {
+    *result = stepCompiled(db, compiled, message);
+  } else {
+    // Compiled statements of a table that changes or goes are dropped before it does.
+    if (db != nullptr && db == database_connection && adb::mayChangeSchema(sql.get())) {
+      adb::clearStatementCache();
+    }
+    *result = sqlite3_exec(db, sql.get(), nullptr, nullptr, message.out());
+  }
+  if (*result == SQLITE_OK) return DB_STATUS_SUCCESS;
+  if (message.get() != nullptr) {
+    // A duplicate key is the expected first step of insert-or-update: not worth an error line.
+    if ((*result & 0xff) == SQLITE_CONSTRAINT && std::strstr(message.get(), "UNIQUE constraint")) {
+      ADB_LOG_DEBUG_AS("db_execStatement", "[analyticsDB] WRITE Error: %s ret : %d \n Query : %s \n",
+                       message.get(), *result, orNull(sql.get()));
+    } else {
+      ADB_LOG_ERROR_AS("db_execStatement", "[analyticsDB] WRITE Error: %s ret : %d \n Query : %s \n",
+                       message.get(), *result, orNull(sql.get()));
+    }
+    if (mentionsMissingTable(message.get())) {
+      ADB_LOG_ERROR_AS("db_execStatement", "[analyticsDB] WRITE Table doesnt exist\n");
+      return DB_STATUS_NO_TABLE;
+    }
+  } else {
+    ADB_LOG_ERROR_AS("db_execStatement", "[analyticsDB] WRITE Error: ret : %d \n Query : %s \n",
+                     *result, orNull(sql.get()));
+  }
+  return statusOf(*result);
+}
+
+// execWrite on the shared connection, profiled while the marker file exists; the profile line
+// is db_write's either way.
+int32_t writeProfiled(adb::StatementText &sql, sqlite3_stmt *compiled, int *result) {
+  if (!profilingOn()) return execWrite(sql, database_connection, compiled, result);
+  ProfileSample start = ProfileSample::take();
+  int32_t status = execWrite(sql, database_connection, compiled, result);
+  ProfileSample end = ProfileSample::take();
+  ADB_LOG_INFO_AS("db_write",
+                  "[analyticsDB] Profile : Time [%llu] millisecs  Clock ticks [%lu] API [%s]",
+                  static_cast<unsigned long long>(end.millis - start.millis),
+                  static_cast<unsigned long>(end.ticks - start.ticks), orNull(sql.get()));
+  return status;
+}
+
+// "=" finds the rows LIKE finds (no wildcards in the value) only where the key column has text
+// affinity and compares without case, as LIKE does.
+bool keyComparedWithoutCase(sqlite3 *db, const void *context) {
+  const auto *write = static_cast<const adb::BoundWrite *>(context);
+  const char *type = nullptr;
+  const char *collation = nullptr;
+  if (sqlite3_table_column_metadata(db, nullptr, write->keyTable, write->keyColumn, &type,
+                                    &collation, nullptr, nullptr, nullptr) != SQLITE_OK) {
+    return false;
+  }
+  bool textAffinity = type != nullptr && strcasestr(type, "INT") == nullptr &&
+                      (strcasestr(type, "CHAR") != nullptr || strcasestr(type, "CLOB") != nullptr ||
+                       strcasestr(type, "TEXT") != nullptr);
+  return textAffinity && collation != nullptr && strcasecmp(collation, "NOCASE") == 0;
+}
+
+bool bindAll(sqlite3_stmt *statement, const adb::BoundWrite &write) {
+  if (sqlite3_bind_parameter_count(statement) != write.count) return false;
+  for (int32_t i = 0; i < write.count; ++i) {
+    const adb::BoundValue &value = write.values[i];
+    int result = value.text != nullptr
+                     ? sqlite3_bind_text(statement, i + 1, value.text,
+                                         static_cast<int>(value.length), SQLITE_STATIC)
+                     : sqlite3_bind_int64(statement, i + 1, value.number);
+    if (result != SQLITE_OK) return false;
+  }
+  return true;
+}
+
 }  // namespace
+
+bool adb::writeCompiled(const BoundWrite &write, StatementText &text, int32_t *status) {
+  sqlite3 *db = database_connection;
+  if (!statementCacheEnabled() || db == nullptr || transactionLost()) return false;
+  sqlite3_stmt *statement = checkOutStatement(
+      db, write.sql, write.keyColumn != nullptr ? keyComparedWithoutCase : nullptr, &write);
+  if (statement == nullptr) return false;
+  if (!bindAll(statement, write)) {
+    sqlite3_clear_bindings(statement);
+    checkInStatement(statement, true);
+    return false;
+  }
+  int result = SQLITE_OK;
+  *status = writeProfiled(text, statement, &result);
+  if (*status == DB_STATUS_SUCCESS) noteTransactionState();
+  // A statement that failed to recompile after a schema change is compiled afresh next time.
+  int primary = result & 0xff;
+  checkInStatement(statement, primary != SQLITE_ERROR && primary != SQLITE_SCHEMA);
+  return true;
+}
 
 void adb::noteTransactionState() {
   gTransactionOpen =
@@ -156,6 +288,8 @@ ADB_API int32_t db_open(void) {
 
 ADB_API int32_t db_close_connection(sqlite3 **handle) {
   if (handle == nullptr) return DB_STATUS_SUCCESS;
+  // Compiled statements would keep SQLite from closing the connection.
+  if (*handle != nullptr && *handle == database_connection) adb::clearStatementCache();
   int result = sqlite3_close_v2(*handle);
   if (result != SQLITE_OK) {
     ADB_LOG_ERROR("[analyticsDB] Closing connection failed %d\n", result);
@@ -177,27 +311,9 @@ ADB_API int32_t db_closeConnection(void) { return db_close(); }
 ADB_API int32_t db_closeDbConnection(void) { return db_closeConnection(); }
 
 ADB_API int32_t db_execStatement(const char *sql, sqlite3 **handle) {
-  ADB_LOG_DEBUG("[analyticsDB] WRITE QUERY: %s", orNull(sql));
-  adb::SqliteMessage message;
-  int result = sqlite3_exec(connectionOf(handle), sql, nullptr, nullptr, message.out());
-  if (result == SQLITE_OK) return DB_STATUS_SUCCESS;
-  if (message.get() != nullptr) {
-    // A duplicate key is the expected first step of insert-or-update: not worth an error line.
-    if ((result & 0xff) == SQLITE_CONSTRAINT && std::strstr(message.get(), "UNIQUE constraint")) {
-      ADB_LOG_DEBUG("[analyticsDB] WRITE Error: %s ret : %d \n Query : %s \n", message.get(),
-                    result, orNull(sql));
-    } else {
-      ADB_LOG_ERROR("[analyticsDB] WRITE Error: %s ret : %d \n Query : %s \n", message.get(),
-                    result, orNull(sql));
-    }
-    if (mentionsMissingTable(message.get())) {
-      ADB_LOG_ERROR("[analyticsDB] WRITE Table doesnt exist\n");
-      return DB_STATUS_NO_TABLE;
-    }
-  } else {
-    ADB_LOG_ERROR("[analyticsDB] WRITE Error: ret : %d \n Query : %s \n", result, orNull(sql));
-  }
-  return statusOf(result);
+  PlainText text(sql);
+  int result = SQLITE_OK;
+  return execWrite(text, connectionOf(handle), nullptr, &result);
 }
 
 ADB_API int32_t db_retrieveTableData(const char *sql, char ***cells, int32_t *rowCount,
@@ -225,22 +341,27 @@ ADB_API int32_t db_write(const char *sql) {
                   "error, COMMIT ends it \n Query : %s \n", orNull(sql));
     return DB_STATUS_FAILURE;
   }
-  int32_t status;
-  if (!profilingOn()) {
-    status = db_execStatement(sql, &database_connection);
-  } else {
-    ProfileSample start = ProfileSample::take();
-    status = db_execStatement(sql, &database_connection);
-    ProfileSample end = ProfileSample::take();
-    ADB_LOG_INFO("[analyticsDB] Profile : Time [%llu] millisecs  Clock ticks [%lu] API [%s]",
-                 static_cast<unsigned long long>(end.millis - start.millis),
-                 static_cast<unsigned long>(end.ticks - start.ticks), orNull(sql));
-  }
+  PlainText text(sql);
+  int result = SQLITE_OK;
+  int32_t status = writeProfiled(text, nullptr, &result);
   // A statement that succeeded cannot have lost a transaction, but it may have begun or ended
   // one (the caller's own BEGIN, COMMIT or ROLLBACK); a failed one leaves the record as it was,
   // so that a rollback SQLite made on its own stays visible.
   if (status == DB_STATUS_SUCCESS) adb::noteTransactionState();
   return status;
+}
+
+ADB_API int32_t db_setStatementCache(int32_t enabled) {
+  adb::setStatementCacheEnabled(enabled != 0);
+  return DB_STATUS_SUCCESS;
+}
+
+ADB_API int32_t db_getStatementCacheFigures(uint32_t *statements, uint32_t *bytes) {
+  if (statements == nullptr || bytes == nullptr) return DB_STATUS_FAILURE;
+  adb::StatementCacheFigures figures = adb::statementCacheFigures();
+  *statements = figures.entries;
+  *bytes = figures.bytes;
+  return DB_STATUS_SUCCESS;
 }
 
 ADB_API int32_t db_read(const char *sql, char ***cells, int32_t *rowCount, int32_t *columnCount) {

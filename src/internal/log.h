@@ -39,9 +39,24 @@ consteval bool isBaseNameOf(std::string_view module, std::string_view fileName) 
            __LINE__ __VA_OPT__(, ) __VA_ARGS__);                                              \
   } while (0)
 
+// For a helper that logs on behalf of the exported function `function`, so that the line does
+// not depend on which helper ran.
+#define ADB_LOG_AS_AT(level, sink, function, format, ...)                                    \
+  do {                                                                                        \
+    if (adb::log::enabled(level))                                                             \
+      sink(function, __LINE__, "analyticsDB: [%s %s:%d] " format, kLogModule, function,      \
+           __LINE__ __VA_OPT__(, ) __VA_ARGS__);                                              \
+  } while (0)
+
 #define ADB_LOG_ERROR(format, ...) ADB_LOG_AT(RYX_LOG_ERROR, ryxLogError, format, __VA_ARGS__)
 #define ADB_LOG_NOTICE(format, ...) ADB_LOG_AT(RYX_LOG_NOTICE, ryxLogNotice, format, __VA_ARGS__)
 #define ADB_LOG_INFO(format, ...) ADB_LOG_AT(RYX_LOG_INFO, ryxLogInfo, format, __VA_ARGS__)
 #define ADB_LOG_DEBUG(format, ...) ADB_LOG_AT(RYX_LOG_DEBUG, ryxLogDebug, format, __VA_ARGS__)
+#define ADB_LOG_ERROR_AS(function, format, ...) \
+  ADB_LOG_AS_AT(RYX_LOG_ERROR, ryxLogError, function, format, __VA_ARGS__)
+#define ADB_LOG_INFO_AS(function, format, ...) \
+  ADB_LOG_AS_AT(RYX_LOG_INFO, ryxLogInfo, function, format, __VA_ARGS__)
+#define ADB_LOG_DEBUG_AS(function, format, ...) \
+  ADB_LOG_AS_AT(RYX_LOG_DEBUG, ryxLogDebug, function, format, __VA_ARGS__)
 
 #endif
