@@ -133,6 +133,29 @@ int stepCompiled(sqlite3 *db, sqlite3_stmt *statement, adb::SqliteMessage &messa
   return result;
 }
 
+// The status of a write that SQLite refused with `result` and `message`, its lines logged as
+// db_execStatement logs them.
+int32_t reportWriteFailure(adb::StatementText &sql, int result, const char *message) {
+  if (message != nullptr) {
+    // A duplicate key is the expected first step of insert-or-update: not worth an error line.
+    if ((result & 0xff) == SQLITE_CONSTRAINT && std::strstr(message, "UNIQUE constraint")) {
+      ADB_LOG_DEBUG_AS("db_execStatement", "[analyticsDB] WRITE Error: %s ret : %d \n Query : %s \n",
+                       message, result, orNull(sql.get()));
+    } else {
+      ADB_LOG_ERROR_AS("db_execStatement", "[analyticsDB] WRITE Error: %s ret : %d \n Query : %s \n",
+                       message, result, orNull(sql.get()));
+    }
+    if (mentionsMissingTable(message)) {
+      ADB_LOG_ERROR_AS("db_execStatement", "[analyticsDB] WRITE Table doesnt exist\n");
+      return DB_STATUS_NO_TABLE;
+    }
+  } else {
+    ADB_LOG_ERROR_AS("db_execStatement", "[analyticsDB] WRITE Error: ret : %d \n Query : %s \n",
+                     result, orNull(sql.get()));
+  }
+  return statusOf(result);
+}
+
 // Runs one write statement: its text through sqlite3_exec, or `compiled` (its values bound)
 // through sqlite3_step. The lines are db_execStatement's whichever way it ran, so that the log
 // does not show whether a cached statement ran; the text is composed only for a line that is
@@ -150,24 +173,7 @@ int32_t execWrite(adb::StatementText &sql, sqlite3 *db, sqlite3_stmt *compiled, 
     *result = sqlite3_exec(db, sql.get(), nullptr, nullptr, message.out());
   }
   if (*result == SQLITE_OK) return DB_STATUS_SUCCESS;
-  if (message.get() != nullptr) {
-    // A duplicate key is the expected first step of insert-or-update: not worth an error line.
-    if ((*result & 0xff) == SQLITE_CONSTRAINT && std::strstr(message.get(), "UNIQUE constraint")) {
-      ADB_LOG_DEBUG_AS("db_execStatement", "[analyticsDB] WRITE Error: %s ret : %d \n Query : %s \n",
-                       message.get(), *result, orNull(sql.get()));
-    } else {
-      ADB_LOG_ERROR_AS("db_execStatement", "[analyticsDB] WRITE Error: %s ret : %d \n Query : %s \n",
-                       message.get(), *result, orNull(sql.get()));
-    }
-    if (mentionsMissingTable(message.get())) {
-      ADB_LOG_ERROR_AS("db_execStatement", "[analyticsDB] WRITE Table doesnt exist\n");
-      return DB_STATUS_NO_TABLE;
-    }
-  } else {
-    ADB_LOG_ERROR_AS("db_execStatement", "[analyticsDB] WRITE Error: ret : %d \n Query : %s \n",
-                     *result, orNull(sql.get()));
-  }
-  return statusOf(*result);
+  return reportWriteFailure(sql, *result, message.get());
 }
 
 // execWrite on the shared connection, profiled while the marker file exists; the profile line
@@ -184,20 +190,66 @@ int32_t writeProfiled(adb::StatementText &sql, sqlite3_stmt *compiled, int *resu
   return status;
 }
 
+// Marks of an UPDATE admitted to the cache.
+constexpr int kKeyMatches = 0;
+// ...and on its table an INSERT of a row whose key exists can only fail on the key: no other
+// column must be NOT NULL, no CHECK may refuse the values first, no trigger may act on it.
+constexpr int kInsertFailsOnKeyAlone = 1;
+
+// The text of one row of the schema table about `table`, if any, handed to `use`.
+template <typename Use>
+bool schemaRow(sqlite3 *db, const char *query, const char *table, Use &&use) {
+  sqlite3_stmt *statement = nullptr;
+  if (sqlite3_prepare_v2(db, query, -1, &statement, nullptr) != SQLITE_OK) {
+    sqlite3_finalize(statement);
+    return false;
+  }
+  sqlite3_bind_text(statement, 1, table, -1, SQLITE_STATIC);
+  int result = sqlite3_step(statement);
+  if (result == SQLITE_ROW) {
+    use(reinterpret_cast<const char *>(sqlite3_column_text(statement, 0)));
+  }
+  sqlite3_finalize(statement);
+  return result == SQLITE_ROW || result == SQLITE_DONE;
+}
+
+size_t occurrences(const char *text, const char *part) {
+  size_t count = 0;
+  for (const char *p = text; p != nullptr && (p = strcasestr(p, part)) != nullptr; ++p) ++count;
+  return count;
+}
+
 // "=" finds the rows LIKE finds (no wildcards in the value) only where the key column has text
 // affinity and compares without case, as LIKE does.
-bool keyComparedWithoutCase(sqlite3 *db, const void *context) {
+int admitKeyedUpdate(sqlite3 *db, const void *context) {
   const auto *write = static_cast<const adb::BoundWrite *>(context);
   const char *type = nullptr;
   const char *collation = nullptr;
+  int notNull = 0;
   if (sqlite3_table_column_metadata(db, nullptr, write->keyTable, write->keyColumn, &type,
-                                    &collation, nullptr, nullptr, nullptr) != SQLITE_OK) {
-    return false;
+                                    &collation, &notNull, nullptr, nullptr) != SQLITE_OK) {
+    return -1;
   }
   bool textAffinity = type != nullptr && strcasestr(type, "INT") == nullptr &&
                       (strcasestr(type, "CHAR") != nullptr || strcasestr(type, "CLOB") != nullptr ||
                        strcasestr(type, "TEXT") != nullptr);
-  return textAffinity && collation != nullptr && strcasecmp(collation, "NOCASE") == 0;
+  if (!textAffinity || collation == nullptr || strcasecmp(collation, "NOCASE") != 0) return -1;
+  bool plainTable = false;
+  bool triggers = true;
+  bool read =
+      schemaRow(db, "SELECT sql FROM sqlite_master WHERE type='table' AND name=?1 COLLATE NOCASE",
+                write->keyTable,
+                [&](const char *sql) {
+                  plainTable = sql != nullptr && strcasestr(sql, "CHECK") == nullptr &&
+                               occurrences(sql, "NOT NULL") == (notNull != 0 ? 1u : 0u);
+                }) &&
+      schemaRow(db,
+                "SELECT count(*) FROM sqlite_master WHERE type='trigger' AND tbl_name=?1 "
+                "COLLATE NOCASE",
+                write->keyTable, [&](const char *count) {
+                  triggers = count == nullptr || std::strcmp(count, "0") != 0;
+                });
+  return read && plainTable && !triggers && notNull != 0 ? kInsertFailsOnKeyAlone : kKeyMatches;
 }
 
 bool bindAll(sqlite3_stmt *statement, const adb::BoundWrite &write) {
@@ -218,8 +270,9 @@ bool bindAll(sqlite3_stmt *statement, const adb::BoundWrite &write) {
 bool adb::writeCompiled(const BoundWrite &write, StatementText &text, int32_t *status) {
   sqlite3 *db = database_connection;
   if (!statementCacheEnabled() || db == nullptr || transactionLost()) return false;
+  int mark = 0;
   sqlite3_stmt *statement = checkOutStatement(
-      db, write.sql, write.keyColumn != nullptr ? keyComparedWithoutCase : nullptr, &write);
+      db, write.sql, write.keyColumn != nullptr ? admitKeyedUpdate : nullptr, &write, &mark);
   if (statement == nullptr) return false;
   if (!bindAll(statement, write)) {
     sqlite3_clear_bindings(statement);
@@ -232,6 +285,51 @@ bool adb::writeCompiled(const BoundWrite &write, StatementText &text, int32_t *s
   // A statement that failed to recompile after a schema change is compiled afresh next time.
   int primary = result & 0xff;
   checkInStatement(statement, primary != SQLITE_ERROR && primary != SQLITE_SCHEMA);
+  return true;
+}
+
+bool adb::updateExistingRow(const BoundWrite &update, StatementText &text, int32_t *status) {
+  sqlite3 *db = database_connection;
+  // Only where skipping the INSERT shows nowhere: its refusal is logged at debug level, and
+  // profiled.
+  if (!statementCacheEnabled() || db == nullptr || update.keyColumn == nullptr ||
+      adb::log::enabled(RYX_LOG_DEBUG) || transactionLost() || profilingOn()) {
+    return false;
+  }
+  int mark = 0;
+  sqlite3_stmt *statement = checkOutStatement(db, update.sql, admitKeyedUpdate, &update, &mark);
+  if (statement == nullptr) return false;
+  if (mark != kInsertFailsOnKeyAlone || !bindAll(statement, update)) {
+    sqlite3_clear_bindings(statement);
+    checkInStatement(statement, true);
+    return false;
+  }
+  adb::SqliteMessage message;
+  sqlite3_mutex *mutex = sqlite3_db_mutex(db);
+  sqlite3_mutex_enter(mutex);
+  int result = sqlite3_step(statement);
+  bool updated = result == SQLITE_DONE && sqlite3_changes(db) == 1;
+  if (result != SQLITE_DONE) *message.out() = sqlite3_mprintf("%s", sqlite3_errmsg(db));
+  sqlite3_reset(statement);
+  sqlite3_clear_bindings(statement);
+  sqlite3_mutex_leave(mutex);
+  int primary = result & 0xff;
+  checkInStatement(statement, primary != SQLITE_ERROR && primary != SQLITE_SCHEMA);
+  if (updated) {
+    *status = DB_STATUS_SUCCESS;
+    noteTransactionState();
+    return true;
+  }
+  // No row; or a refusal that SQLite undid whole (busy, a constraint, a schema change): the
+  // INSERT and UPDATE run as usual and meet it themselves.
+  if (result == SQLITE_DONE || primary == SQLITE_BUSY || primary == SQLITE_LOCKED ||
+      primary == SQLITE_CONSTRAINT || primary == SQLITE_ERROR || primary == SQLITE_SCHEMA) {
+    return false;
+  }
+  // A failed write or sync (the row was there to be written), a full disk, no memory: may have
+  // cost the caller's transaction, so it is not tried again; reported as the UPDATE's failure,
+  // which is what the INSERT refused on the key would have been followed by.
+  *status = reportWriteFailure(text, result, message.get());
   return true;
 }
 

@@ -289,7 +289,9 @@ class ShapedWrite {
       const char *name = names[i];
       const char *value = values[i];
       if (name == nullptr || value == nullptr) continue;
-      if (keyValue == nullptr && std::strcmp(name, key) == 0) {
+      if (std::strcmp(name, key) == 0) {
+        // A second value of the key is assigned by the text; too rare to compile.
+        if (keyValue != nullptr) return false;
         keyValue = value;
         continue;
       }
@@ -555,10 +557,23 @@ ADB_API int32_t db_writeTable(const char *tableName, const char *keyField,
     ADB_LOG_ERROR("[analyticsDB] Write: DB open failed");
     return status;
   }
-  // INSERT first: a new row costs one statement, an existing one a refused INSERT and an UPDATE.
-  status = db_tryInsert(tableName, fieldNames, fieldValues, fieldCount);
-  if (status != DB_STATUS_CONSTRAINT) return status;
-  status = db_tryUpdate(tableName, keyField, matchOperator, fieldNames, fieldValues, fieldCount);
+  bool updated = false;
+  if (keyField != nullptr && matchOperator != nullptr) {
+    ShapedWrite insert;
+    ShapedWrite update;
+    UpdateText text(tableName, keyField, matchOperator, fieldNames, fieldValues, fieldCount);
+    updated =
+        insert.ofInsert(tableName, fieldNames, fieldValues, fieldCount) &&
+        update.ofUpdate(tableName, keyField, matchOperator, fieldNames, fieldValues, fieldCount) &&
+        adb::updateExistingRow(update.write(), text, &status);
+  }
+  if (!updated) {
+    // INSERT first: a new row costs one statement, an existing one a refused INSERT and an
+    // UPDATE.
+    status = db_tryInsert(tableName, fieldNames, fieldValues, fieldCount);
+    if (status != DB_STATUS_CONSTRAINT) return status;
+    status = db_tryUpdate(tableName, keyField, matchOperator, fieldNames, fieldValues, fieldCount);
+  }
   if (status != DB_STATUS_SUCCESS) {
     ADB_LOG_ERROR("[analyticsDB] Write: Cant Insert/Update this record\n");
   }

@@ -23,6 +23,7 @@ struct Slot {
   uint32_t hash = 0;
   uint32_t bytes = 0;
   uint64_t lastUse = 0;
+  int mark = 0;
 };
 
 struct Cache {
@@ -42,6 +43,7 @@ constexpr int kMaxOut = 8;
 struct Out {
   sqlite3_stmt *statement;
   uint64_t generation;
+  int mark;
 };
 Out gOut[kMaxOut];
 
@@ -59,22 +61,22 @@ void release(Cache &cache, Slot &slot) {
   slot = Slot{};
 }
 
-bool noteOut(sqlite3_stmt *statement, uint64_t generation) {
+bool noteOut(sqlite3_stmt *statement, uint64_t generation, int mark) {
   for (Out &out : gOut) {
     if (out.statement == nullptr) {
-      out = {statement, generation};
+      out = {statement, generation, mark};
       return true;
     }
   }
   return false;
 }
 
-// The generation `statement` was checked out under, and forgets it; false when unknown.
-bool takeOut(sqlite3_stmt *statement, uint64_t *generation) {
+// How `statement` was checked out, and forgets it; false when unknown.
+bool takeOut(sqlite3_stmt *statement, Out *taken) {
   for (Out &out : gOut) {
     if (out.statement == statement) {
-      *generation = out.generation;
-      out = {nullptr, 0};
+      *taken = out;
+      out = {nullptr, 0, 0};
       return true;
     }
   }
@@ -92,7 +94,8 @@ bool startsWithWord(const char *text, const char *word) {
 namespace adb {
 
 sqlite3_stmt *checkOutStatement(sqlite3 *db, const char *sql, StatementAdmission admit,
-                                const void *context) {
+                                const void *context, int *mark) {
+  *mark = 0;
   if (db == nullptr || sql == nullptr) return nullptr;
   uint32_t hash = hashOf(sql);
   uint64_t generation = 0;
@@ -103,14 +106,16 @@ sqlite3_stmt *checkOutStatement(sqlite3 *db, const char *sql, StatementAdmission
       if (slot.statement != nullptr && slot.hash == hash && slot.db == db &&
           std::strcmp(sqlite3_sql(slot.statement), sql) == 0) {
         sqlite3_stmt *statement = slot.statement;
-        if (!noteOut(statement, generation)) return nullptr;
+        if (!noteOut(statement, generation, slot.mark)) return nullptr;
+        *mark = slot.mark;
         gCache.bytes -= slot.bytes;
         slot = Slot{};
         return statement;
       }
     }
   }
-  if (admit != nullptr && !admit(db, context)) return nullptr;
+  int admitted = admit != nullptr ? admit(db, context) : 0;
+  if (admitted < 0) return nullptr;
   sqlite3_stmt *statement = nullptr;
   if (sqlite3_prepare_v3(db, sql, -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr) !=
           SQLITE_OK ||
@@ -119,21 +124,22 @@ sqlite3_stmt *checkOutStatement(sqlite3 *db, const char *sql, StatementAdmission
     return nullptr;
   }
   std::lock_guard<std::mutex> guard(gCache.lock);
-  if (!noteOut(statement, generation)) {
+  if (!noteOut(statement, generation, admitted)) {
     sqlite3_finalize(statement);
     return nullptr;
   }
+  *mark = admitted;
   return statement;
 }
 
 void checkInStatement(sqlite3_stmt *statement, bool keep) {
   if (statement == nullptr) return;
   std::lock_guard<std::mutex> guard(gCache.lock);
-  uint64_t generation = 0;
-  bool known = takeOut(statement, &generation);
+  Out taken{};
+  bool known = takeOut(statement, &taken);
   uint32_t bytes =
       static_cast<uint32_t>(sqlite3_stmt_status(statement, SQLITE_STMTSTATUS_MEMUSED, 0));
-  if (!known || !keep || generation != gCache.generation || !gEnabled ||
+  if (!known || !keep || taken.generation != gCache.generation || !gEnabled ||
       bytes > kStatementCacheMaxBytes) {
     sqlite3_finalize(statement);
     return;
@@ -163,7 +169,7 @@ void checkInStatement(sqlite3_stmt *statement, bool keep) {
     release(gCache, *oldest);
     if (free == nullptr) free = oldest;
   }
-  *free = Slot{statement, db, hash, bytes, ++gCache.clock};
+  *free = Slot{statement, db, hash, bytes, ++gCache.clock, taken.mark};
   gCache.bytes += bytes;
 }
 

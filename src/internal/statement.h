@@ -63,6 +63,14 @@ struct BoundWrite {
 // was run or logged and the caller takes the text path.
 bool writeCompiled(const BoundWrite &write, StatementText &text, int32_t *status);
 
+// The insert-or-update of a row whose key exists: the INSERT could only be refused on the key
+// and would change nothing, a refusal logged at debug level alone, so while debug lines and
+// profiling are off only the UPDATE (`update`, keyed; `text` its text) runs. True with its
+// status when it updated the row or failed in a way that may have cost the transaction (logged
+// as the UPDATE's failure); false, with nothing changed, when the ordinary INSERT and UPDATE
+// must run.
+bool updateExistingRow(const BoundWrite &update, StatementText &text, int32_t *status);
+
 }  // namespace adb
 
 #endif

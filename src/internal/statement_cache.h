@@ -23,15 +23,16 @@ namespace adb {
 constexpr uint32_t kStatementCacheMaxEntries = 24;
 constexpr uint32_t kStatementCacheMaxBytes = 768u * 1024u;
 
-// Asked before a statement is compiled for the cache; false keeps it out (the caller then takes
-// the text path).
-using StatementAdmission = bool (*)(sqlite3 *db, const void *context);
+// Asked before a statement is compiled for the cache: a negative answer keeps it out (the
+// caller then takes the text path); any other is kept with the statement as its mark.
+using StatementAdmission = int (*)(sqlite3 *db, const void *context);
 
 // Takes the compiled statement of `sql` out of the cache, compiling it on a miss (after
-// `admit`, when given, agreed). Null when it cannot be had; nothing is logged then. The caller
-// owns the statement until it hands it back with checkInStatement.
+// `admit`, when given, agreed; its answer goes to `mark`, 0 without `admit`). Null when it
+// cannot be had; nothing is logged then. The caller owns the statement until it hands it back
+// with checkInStatement.
 sqlite3_stmt *checkOutStatement(sqlite3 *db, const char *sql, StatementAdmission admit,
-                                const void *context);
+                                const void *context, int *mark);
 
 // Hands back a statement that is reset and unbound. It is kept unless `keep` is false, the
 // cache was emptied while the statement was out, or it is larger than the cache's bound; then
