@@ -7,7 +7,6 @@
  * COMMIT. All text goes through the bounded TextBuilder; statements run through db_write and
  * db_read of the access core.
  */
-#include <cctype>
 #include <cstdlib>
 #include <cstring>
 
@@ -202,7 +201,9 @@ constexpr const char kLikeOperator[] = " LIKE ";
 bool isPlainName(const char *name) {
   if (name == nullptr || *name == '\0') return false;
   for (const char *p = name; *p != '\0'; ++p) {
-    if (!std::isalnum(static_cast<unsigned char>(*p)) && *p != '_') return false;
+    bool plain = (*p >= 'A' && *p <= 'Z') || (*p >= 'a' && *p <= 'z') ||
+                 (*p >= '0' && *p <= '9') || *p == '_';
+    if (!plain) return false;
   }
   return true;
 }
@@ -285,14 +286,20 @@ class ShapedWrite {
     const char *keyValue = nullptr;
     size_t assignmentsLength = 0;
     int32_t assigned = 0;
+    // The lists of the INSERT of the same row (the key included), as its text would have them.
+    size_t insertColumns = 0;
+    size_t insertValues = 0;
     for (int32_t i = 0; i < count; ++i) {
       const char *name = names[i];
       const char *value = values[i];
       if (name == nullptr || value == nullptr) continue;
+      size_t separator = insertColumns > 0 ? 1 : 0;
       if (std::strcmp(name, key) == 0) {
         // A second value of the key is assigned by the text; too rare to compile.
         if (keyValue != nullptr) return false;
         keyValue = value;
+        insertColumns += separator + std::strlen(name);
+        insertValues += separator + std::strlen(value) + 2;
         continue;
       }
       size_t literal = 0;
@@ -303,6 +310,8 @@ class ShapedWrite {
       if (assigned > 0) sql_.append(",");
       sql_.append(name).append("=?");
       assignmentsLength += std::strlen(name) + 1 + literal + (assigned > 0 ? 1 : 0);
+      insertColumns += separator + std::strlen(name);
+      insertValues += separator + literal;
       ++assigned;
       ++count_;
     }
@@ -310,12 +319,15 @@ class ShapedWrite {
         *keyValue == '\0' || std::strpbrk(keyValue, "%_\\'") != nullptr) {
       return false;
     }
+    insertBinds_ = insertColumns < kInsertListCapacity && insertValues < kInsertListCapacity;
     values_[count_++] = {keyValue, 0, static_cast<uint32_t>(std::strlen(keyValue))};
     sql_.append(" WHERE ").append(key).append("=?");
     return finish(table, key);
   }
 
   const adb::BoundWrite &write() const { return write_; }
+  // After ofUpdate: whether the INSERT of the same row binds as well (ofInsert would agree).
+  bool insertBinds() const { return insertBinds_; }
 
  private:
   bool finish(const char *keyTable, const char *keyColumn) {
@@ -327,6 +339,7 @@ class ShapedWrite {
   adb::FixedText<kShapeCapacity> sql_;
   adb::BoundValue values_[kMaxBoundValues];
   int32_t count_ = 0;
+  bool insertBinds_ = false;
   adb::BoundWrite write_{};
 };
 
@@ -559,13 +572,11 @@ ADB_API int32_t db_writeTable(const char *tableName, const char *keyField,
   }
   bool updated = false;
   if (keyField != nullptr && matchOperator != nullptr) {
-    ShapedWrite insert;
     ShapedWrite update;
     UpdateText text(tableName, keyField, matchOperator, fieldNames, fieldValues, fieldCount);
     updated =
-        insert.ofInsert(tableName, fieldNames, fieldValues, fieldCount) &&
         update.ofUpdate(tableName, keyField, matchOperator, fieldNames, fieldValues, fieldCount) &&
-        adb::updateExistingRow(update.write(), text, &status);
+        update.insertBinds() && adb::updateExistingRow(update.write(), text, &status);
   }
   if (!updated) {
     // INSERT first: a new row costs one statement, an existing one a refused INSERT and an

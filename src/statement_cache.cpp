@@ -43,6 +43,7 @@ constexpr int kMaxOut = 8;
 struct Out {
   sqlite3_stmt *statement;
   uint64_t generation;
+  uint32_t hash;
   int mark;
 };
 Out gOut[kMaxOut];
@@ -61,10 +62,10 @@ void release(Cache &cache, Slot &slot) {
   slot = Slot{};
 }
 
-bool noteOut(sqlite3_stmt *statement, uint64_t generation, int mark) {
+bool noteOut(sqlite3_stmt *statement, uint64_t generation, uint32_t hash, int mark) {
   for (Out &out : gOut) {
     if (out.statement == nullptr) {
-      out = {statement, generation, mark};
+      out = {statement, generation, hash, mark};
       return true;
     }
   }
@@ -76,7 +77,7 @@ bool takeOut(sqlite3_stmt *statement, Out *taken) {
   for (Out &out : gOut) {
     if (out.statement == statement) {
       *taken = out;
-      out = {nullptr, 0, 0};
+      out = {nullptr, 0, 0, 0};
       return true;
     }
   }
@@ -106,7 +107,7 @@ sqlite3_stmt *checkOutStatement(sqlite3 *db, const char *sql, StatementAdmission
       if (slot.statement != nullptr && slot.hash == hash && slot.db == db &&
           std::strcmp(sqlite3_sql(slot.statement), sql) == 0) {
         sqlite3_stmt *statement = slot.statement;
-        if (!noteOut(statement, generation, slot.mark)) return nullptr;
+        if (!noteOut(statement, generation, hash, slot.mark)) return nullptr;
         *mark = slot.mark;
         gCache.bytes -= slot.bytes;
         slot = Slot{};
@@ -124,7 +125,7 @@ sqlite3_stmt *checkOutStatement(sqlite3 *db, const char *sql, StatementAdmission
     return nullptr;
   }
   std::lock_guard<std::mutex> guard(gCache.lock);
-  if (!noteOut(statement, generation, admitted)) {
+  if (!noteOut(statement, generation, hash, admitted)) {
     sqlite3_finalize(statement);
     return nullptr;
   }
@@ -145,7 +146,7 @@ void checkInStatement(sqlite3_stmt *statement, bool keep) {
     return;
   }
   const char *sql = sqlite3_sql(statement);
-  uint32_t hash = hashOf(sql);
+  uint32_t hash = taken.hash;
   sqlite3 *db = sqlite3_db_handle(statement);
   Slot *free = nullptr;
   for (Slot &slot : gCache.slots) {
