@@ -4,7 +4,12 @@
 // calls the public API, the baseline side runs the statements the library logged for that very
 // call (captured once, outside the timed loop) through sqlite3_exec / sqlite3_get_table on a
 // copy of the same database file. The ratio of the two is what the library itself costs. The
-// tick has a second baseline, "tick_256x3/upsert": prepared INSERT ... ON CONFLICT DO UPDATE.
+// tick has more baselines: "upsert" (prepared INSERT ... ON CONFLICT DO UPDATE), "floor" (one
+// compiled UPDATE per row written, compiled once: the least work that writes the same file) and
+// "uncached" (the library with its statement cache off); the existing-row inventory write has
+// "prepared" (one compiled UPDATE of the 38 columns). Every tick side also reports, per tick,
+// the bytes written and syncs asked for (counted by a VFS shim), SQLite's heap peak, and for the
+// library the statement cache's size.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -66,6 +71,27 @@ std::vector<Statement> capture(const std::function<void()> &work) {
 
 void failIf(benchmark::State &state, bool failed, const char *what) {
   if (failed) state.SkipWithError(what);
+}
+
+// Per-iteration I/O and SQLite's heap peak of the timed loop `run`.
+template <typename Run>
+void measured(benchmark::State &state, Run &&run) {
+  IoCounts before = ioCounts();
+  sqlite3_memory_highwater(1);
+  int64_t iterations = 0;
+  for (auto _ : state) {
+    run();
+    ++iterations;
+  }
+  IoCounts after = ioCounts();
+  double n = iterations > 0 ? static_cast<double>(iterations) : 1.0;
+  state.counters["bytes_written"] = static_cast<double>(after.bytesWritten - before.bytesWritten) / n;
+  state.counters["syncs"] = static_cast<double>(after.syncs - before.syncs) / n;
+  state.counters["heap_peak_kib"] = static_cast<double>(sqlite3_memory_highwater(0)) / 1024.0;
+  uint32_t statements = 0, bytes = 0;
+  db_getStatementCacheFigures(&statements, &bytes);
+  state.counters["cache_statements"] = statements;
+  state.counters["cache_kib"] = bytes / 1024.0;
 }
 
 /* ---------------------------------------------------------------- inventory writes ---- */
@@ -135,6 +161,34 @@ void inventoryExistingLibrary(benchmark::State &state) {
   }
 }
 
+// The least a bare SQLite user does for an existing row: one compiled UPDATE of its 38 columns.
+void inventoryExistingPrepared(benchmark::State &state) {
+  Pair files = freshPair("inventory-existing", true);
+  std::vector<std::string> row = deviceInfoRow(macOf(7), 1234);
+  RawConnection raw(files.sqlite);
+  std::string sql = "UPDATE DEVICEINFO SET ";
+  for (size_t i = 1; i < row.size(); ++i) {
+    sql += std::string(i > 1 ? "," : "") + deviceInfoFields[i] + "=?";
+  }
+  sql += " WHERE MAC_S=?";
+  sqlite3_stmt *update = nullptr;
+  failIf(state, sqlite3_prepare_v2(raw.get(), sql.c_str(), -1, &update, nullptr) != SQLITE_OK,
+         "prepare failed");
+  for (auto _ : state) {
+    for (size_t i = 1; i < row.size(); ++i) {
+      if (std::strstr(deviceInfoFields[i], "_S") != nullptr) {
+        sqlite3_bind_text(update, static_cast<int>(i), row[i].c_str(), -1, SQLITE_STATIC);
+      } else {
+        sqlite3_bind_int64(update, static_cast<int>(i), std::atoll(row[i].c_str()));
+      }
+    }
+    sqlite3_bind_text(update, static_cast<int>(row.size()), row[0].c_str(), -1, SQLITE_STATIC);
+    failIf(state, sqlite3_step(update) != SQLITE_DONE, "update failed");
+    sqlite3_reset(update);
+  }
+  sqlite3_finalize(update);
+}
+
 void inventoryExistingSqlite(benchmark::State &state) {
   Pair files = freshPair("inventory-existing", true);
   std::vector<std::string> row = deviceInfoRow(macOf(7), 1234);
@@ -154,14 +208,14 @@ struct SampleValues {
   std::vector<std::string> rssi, rx, tx;
 };
 
-SampleValues sampleOf(int device, int slot) {
+SampleValues sampleOf(int device, int slot, int phase = 0) {
   std::string mac = macOf(device);
   std::string time = std::to_string(kLatestTime + 300u * static_cast<uint32_t>(slot - kLatestSlot));
   std::string slotText = std::to_string(slot);
   std::string source = device == 0 ? kWanSource : "LAN";
-  return {{mac, time, slotText, std::to_string(-40 - device % 50)},
-          {mac, source, time, slotText, std::to_string(5'000'000 + device)},
-          {mac, source, time, slotText, std::to_string(900'000 + device)}};
+  return {{mac, time, slotText, std::to_string(-40 - device % 50 - phase)},
+          {mac, source, time, slotText, std::to_string(5'000'000 + device + phase)},
+          {mac, source, time, slotText, std::to_string(900'000 + device + phase)}};
 }
 
 void sampleLibrary(benchmark::State &state) {
@@ -185,9 +239,13 @@ void sampleSqlite(benchmark::State &state) {
   for (auto _ : state) runStatements(raw.get(), statements);
 }
 
-std::vector<SampleValues> tickSamples() {
+// Ticks alternate between two sets of values, so that every tick changes every row it writes
+// (SQLite skips writing a row that an UPDATE leaves as it was).
+std::vector<SampleValues> tickSamples(int phase) {
   std::vector<SampleValues> samples;
-  for (int device = 0; device < kDevices; ++device) samples.push_back(sampleOf(device, kTickSlot));
+  for (int device = 0; device < kDevices; ++device) {
+    samples.push_back(sampleOf(device, kTickSlot, phase));
+  }
   return samples;
 }
 
@@ -205,24 +263,91 @@ void runTick(std::vector<SampleValues> &samples) {
 void tickLibrary(benchmark::State &state) {
   Pair files = freshPair("tick", true);
   useLibraryDatabase(files.library);
-  auto samples = tickSamples();
-  for (auto _ : state) runTick(samples);
+  std::vector<SampleValues> samples[2] = {tickSamples(0), tickSamples(1)};
+  int phase = 0;
+  measured(state, [&] { runTick(samples[phase ^= 1]); });
   state.counters["statements"] = kDevices * 3 * 4 + 2;
+}
+
+void tickUncached(benchmark::State &state) {
+  db_setStatementCache(0);
+  tickLibrary(state);
+  db_setStatementCache(1);
+}
+
+// The floor for the same file: an UPDATE of the index row and one of the slot per sample, each
+// compiled once, in one transaction.
+void tickFloor(benchmark::State &state) {
+  Pair files = freshPair("tick", true);
+  RawConnection raw(files.sqlite);
+  sqlite3 *db = raw.get();
+  std::string slot = "SLOT" + std::to_string(kTickSlot);
+  int day = db_findTable(kTickSlot);
+  auto prepare = [&](const std::string &sql) {
+    sqlite3_stmt *statement = nullptr;
+    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
+      state.SkipWithError(sqlite3_errmsg(db));
+    }
+    return statement;
+  };
+  sqlite3_stmt *index[3] = {
+      prepare("UPDATE PRIMITIVE_RSSI SET TIMESTAMP=?3,SLT_IND=?4 WHERE MAC_S=?1"),
+      prepare("UPDATE PRIMITIVE_BANDWIDTHRX SET SOURCE_S=?2,TIMESTAMP=?3,SLT_IND=?4 WHERE MAC_S=?1"),
+      prepare("UPDATE PRIMITIVE_BANDWIDTHTX SET SOURCE_S=?2,TIMESTAMP=?3,SLT_IND=?4 WHERE MAC_S=?1")};
+  sqlite3_stmt *slots[3];
+  const char *words[3] = {"RSSI", "BANDWIDTHRX", "BANDWIDTHTX"};
+  for (int s = 0; s < 3; ++s) {
+    slots[s] = prepare(std::string("UPDATE ") + words[s] + std::to_string(day) + " SET " + slot +
+                       "=?2 WHERE MAC_S=?1");
+  }
+  std::vector<SampleValues> ticks[2] = {tickSamples(0), tickSamples(1)};
+  int phase = 0;
+  measured(state, [&] {
+    const std::vector<SampleValues> &samples = ticks[phase ^= 1];
+    sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr);
+    for (int device = 0; device < kDevices; ++device) {
+      const SampleValues &sample = samples[static_cast<size_t>(device)];
+      const std::vector<std::string> *series[3] = {&sample.rssi, &sample.rx, &sample.tx};
+      for (int s = 0; s < 3; ++s) {
+        const std::vector<std::string> &v = *series[s];
+        bool rssi = s == 0;
+        sqlite3_stmt *row = index[s];
+        sqlite3_bind_text(row, 1, v[0].c_str(), -1, SQLITE_STATIC);
+        if (!rssi) sqlite3_bind_text(row, 2, v[1].c_str(), -1, SQLITE_STATIC);
+        sqlite3_bind_int64(row, 3, std::atoll(v[rssi ? 1 : 2].c_str()));
+        sqlite3_bind_int(row, 4, std::atoi(v[rssi ? 2 : 3].c_str()));
+        if (sqlite3_step(row) != SQLITE_DONE) state.SkipWithError(sqlite3_errmsg(db));
+        sqlite3_reset(row);
+        sqlite3_stmt *cell = slots[s];
+        sqlite3_bind_text(cell, 1, v[0].c_str(), -1, SQLITE_STATIC);
+        sqlite3_bind_int64(cell, 2, std::atoll(v.back().c_str()));
+        if (sqlite3_step(cell) != SQLITE_DONE) state.SkipWithError(sqlite3_errmsg(db));
+        sqlite3_reset(cell);
+      }
+    }
+    sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
+  });
+  for (sqlite3_stmt *statement : index) sqlite3_finalize(statement);
+  for (sqlite3_stmt *statement : slots) sqlite3_finalize(statement);
 }
 
 void tickSqlite(benchmark::State &state) {
   Pair files = freshPair("tick", true);
-  auto samples = tickSamples();
+  std::vector<SampleValues> samples[2] = {tickSamples(0), tickSamples(1)};
   db_close();
   copyWeekDatabase(workDir() + "/tick-capture.db");
   useLibraryDatabase(workDir() + "/tick-capture.db");
-  std::vector<Statement> statements = capture([&] { runTick(samples); });
+  std::vector<Statement> statements[2] = {capture([&] { runTick(samples[0]); }),
+                                          capture([&] { runTick(samples[1]); })};
   db_close();
-  failIf(state, statements.size() != kDevices * 3 * 4 + 2, "unexpected statement count");
+  for (const std::vector<Statement> &tick : statements) {
+    failIf(state, tick.size() != kDevices * 3 * 4 + 2, "unexpected statement count");
+  }
   RawConnection raw(files.sqlite);
-  failIf(state, runStatements(raw.get(), statements) != 0, "baseline statement failed");
-  for (auto _ : state) runStatements(raw.get(), statements);
-  state.counters["statements"] = static_cast<double>(statements.size());
+  failIf(state, runStatements(raw.get(), statements[0]) != 0, "baseline statement failed");
+  int phase = 0;
+  measured(state, [&] { runStatements(raw.get(), statements[phase ^= 1]); });
+  state.counters["statements"] = static_cast<double>(statements[0].size());
 }
 
 // What a user of bare SQLite writes for the tick: prepared upserts, one transaction. The slot
@@ -253,8 +378,10 @@ void tickUpsert(benchmark::State &state) {
   std::string rssiIndex =
       "INSERT INTO PRIMITIVE_RSSI (MAC_S,TIMESTAMP,SLT_IND) VALUES(?1,?3,?4) ON CONFLICT(MAC_S) "
       "DO UPDATE SET TIMESTAMP=excluded.TIMESTAMP,SLT_IND=excluded.SLT_IND";
-  auto samples = tickSamples();
-  for (auto _ : state) {
+  std::vector<SampleValues> ticks[2] = {tickSamples(0), tickSamples(1)};
+  int phase = 0;
+  measured(state, [&] {
+    const std::vector<SampleValues> &samples = ticks[phase ^= 1];
     sqlite3_stmt *index[3] = {prepare(rssiIndex), prepare(indexUpsert("PRIMITIVE_BANDWIDTHRX")),
                               prepare(indexUpsert("PRIMITIVE_BANDWIDTHTX"))};
     sqlite3_stmt *slots[3] = {prepare(slotUpsert("RSSI")), prepare(slotUpsert("BANDWIDTHRX")),
@@ -283,7 +410,7 @@ void tickUpsert(benchmark::State &state) {
     sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
     for (sqlite3_stmt *statement : index) sqlite3_finalize(statement);
     for (sqlite3_stmt *statement : slots) sqlite3_finalize(statement);
-  }
+  });
 }
 
 /* ---------------------------------------------------------------- reads ---- */
@@ -494,11 +621,14 @@ void registerAll() {
       {"inventory_write_new/sqlite", inventoryNewSqlite},
       {"inventory_write_existing/library", inventoryExistingLibrary},
       {"inventory_write_existing/sqlite", inventoryExistingSqlite},
+      {"inventory_write_existing/prepared", inventoryExistingPrepared},
       {"sample_rssi/library", sampleLibrary},
       {"sample_rssi/sqlite", sampleSqlite},
       {"tick_256x3/library", tickLibrary},
       {"tick_256x3/sqlite", tickSqlite},
       {"tick_256x3/upsert", tickUpsert},
+      {"tick_256x3/floor", tickFloor},
+      {"tick_256x3/uncached", tickUncached},
       {"week_read_rx_7x284/library", weekReadLibrary},
       {"week_read_rx_7x284/sqlite", weekReadSqlite},
       {"latest_span_24h_rx/library", latestSpanLibrary},
@@ -525,6 +655,7 @@ void registerAll() {
 }  // namespace adbbench
 
 int main(int argc, char **argv) {
+  adbbench::installCountingVfs();
   adbbench::silenceLibraryLog();
   adbbench::registerAll();
   benchmark::Initialize(&argc, argv);

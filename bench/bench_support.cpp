@@ -2,6 +2,7 @@
 
 #include <stdlib.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -184,6 +185,117 @@ void useLibraryDatabase(const std::string &path) {
   static std::once_flag queue;
   std::call_once(queue, [] { db_initQueue(); });
 }
+
+namespace {
+
+std::atomic<uint64_t> gBytesWritten{0};
+std::atomic<uint64_t> gSyncs{0};
+sqlite3_vfs *gRealVfs = nullptr;
+sqlite3_vfs gCountingVfs;
+
+// Our file header, followed in the same block by the real VFS's file.
+struct CountingFile {
+  sqlite3_file base;
+  sqlite3_file *real() { return reinterpret_cast<sqlite3_file *>(this + 1); }
+};
+
+sqlite3_file *realOf(sqlite3_file *file) { return reinterpret_cast<CountingFile *>(file)->real(); }
+
+int countingClose(sqlite3_file *f) { return realOf(f)->pMethods->xClose(realOf(f)); }
+int countingRead(sqlite3_file *f, void *buffer, int amount, sqlite3_int64 offset) {
+  return realOf(f)->pMethods->xRead(realOf(f), buffer, amount, offset);
+}
+int countingWrite(sqlite3_file *f, const void *buffer, int amount, sqlite3_int64 offset) {
+  gBytesWritten += static_cast<uint64_t>(amount);
+  return realOf(f)->pMethods->xWrite(realOf(f), buffer, amount, offset);
+}
+int countingTruncate(sqlite3_file *f, sqlite3_int64 size) {
+  return realOf(f)->pMethods->xTruncate(realOf(f), size);
+}
+int countingSync(sqlite3_file *f, int flags) {
+  ++gSyncs;
+  return realOf(f)->pMethods->xSync(realOf(f), flags);
+}
+int countingFileSize(sqlite3_file *f, sqlite3_int64 *size) {
+  return realOf(f)->pMethods->xFileSize(realOf(f), size);
+}
+int countingLock(sqlite3_file *f, int level) { return realOf(f)->pMethods->xLock(realOf(f), level); }
+int countingUnlock(sqlite3_file *f, int level) {
+  return realOf(f)->pMethods->xUnlock(realOf(f), level);
+}
+int countingCheckReservedLock(sqlite3_file *f, int *out) {
+  return realOf(f)->pMethods->xCheckReservedLock(realOf(f), out);
+}
+int countingFileControl(sqlite3_file *f, int op, void *arg) {
+  return realOf(f)->pMethods->xFileControl(realOf(f), op, arg);
+}
+int countingSectorSize(sqlite3_file *f) { return realOf(f)->pMethods->xSectorSize(realOf(f)); }
+int countingDeviceCharacteristics(sqlite3_file *f) {
+  return realOf(f)->pMethods->xDeviceCharacteristics(realOf(f));
+}
+int countingShmMap(sqlite3_file *f, int page, int size, int extend, void volatile **out) {
+  return realOf(f)->pMethods->xShmMap(realOf(f), page, size, extend, out);
+}
+int countingShmLock(sqlite3_file *f, int offset, int n, int flags) {
+  return realOf(f)->pMethods->xShmLock(realOf(f), offset, n, flags);
+}
+void countingShmBarrier(sqlite3_file *f) { realOf(f)->pMethods->xShmBarrier(realOf(f)); }
+int countingShmUnmap(sqlite3_file *f, int deleteFlag) {
+  return realOf(f)->pMethods->xShmUnmap(realOf(f), deleteFlag);
+}
+int countingFetch(sqlite3_file *f, sqlite3_int64 offset, int amount, void **out) {
+  return realOf(f)->pMethods->xFetch(realOf(f), offset, amount, out);
+}
+int countingUnfetch(sqlite3_file *f, sqlite3_int64 offset, void *page) {
+  return realOf(f)->pMethods->xUnfetch(realOf(f), offset, page);
+}
+
+const sqlite3_io_methods kCountingMethods = {
+    3,
+    countingClose,
+    countingRead,
+    countingWrite,
+    countingTruncate,
+    countingSync,
+    countingFileSize,
+    countingLock,
+    countingUnlock,
+    countingCheckReservedLock,
+    countingFileControl,
+    countingSectorSize,
+    countingDeviceCharacteristics,
+    countingShmMap,
+    countingShmLock,
+    countingShmBarrier,
+    countingShmUnmap,
+    countingFetch,
+    countingUnfetch,
+};
+
+int countingOpen(sqlite3_vfs *, sqlite3_filename name, sqlite3_file *file, int flags, int *out) {
+  auto *counting = reinterpret_cast<CountingFile *>(file);
+  counting->base.pMethods = nullptr;
+  int result = gRealVfs->xOpen(gRealVfs, name, counting->real(), flags, out);
+  // The real file's methods are version 3 on every Unix build; ours forward to them.
+  if (counting->real()->pMethods != nullptr) counting->base.pMethods = &kCountingMethods;
+  return result;
+}
+
+}  // namespace
+
+void installCountingVfs() {
+  if (gRealVfs != nullptr) return;
+  gRealVfs = sqlite3_vfs_find(nullptr);
+  gCountingVfs = *gRealVfs;
+  gCountingVfs.zName = "adb-counting";
+  gCountingVfs.szOsFile = static_cast<int>(sizeof(CountingFile)) + gRealVfs->szOsFile;
+  gCountingVfs.xOpen = countingOpen;
+  gCountingVfs.pAppData = nullptr;
+  gCountingVfs.pNext = nullptr;
+  check(sqlite3_vfs_register(&gCountingVfs, 1) == SQLITE_OK, "register the counting VFS");
+}
+
+IoCounts ioCounts() { return {gBytesWritten.load(), gSyncs.load()}; }
 
 RawConnection::RawConnection(const std::string &path) {
   check(sqlite3_open_v2(path.c_str(), &db_,

@@ -99,6 +99,15 @@ class BusyHolder {
   bool holding_ = false;
 };
 
+// A VFS shim, made the default, that counts the bytes every connection writes to its files and
+// the syncs it asks for, so that the I/O figures do not depend on the kernel or the disk.
+struct IoCounts {
+  uint64_t bytesWritten;
+  uint64_t syncs;
+};
+void installCountingVfs();
+IoCounts ioCounts();
+
 // Resident set size and its peak of this process, in kB (from /proc/self/status).
 long residentKb(const char *field);
 

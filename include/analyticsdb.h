@@ -87,6 +87,15 @@ ADB_API void ryxLogDebug(const char *function, int line, const char *format, ...
 ADB_API int32_t db_setDatabasePath(const char *path);
 ADB_API int32_t db_setProfileMarkerPath(const char *path);
 
+/* The write path keeps its compiled statements on the connection (statement cache), on by
+ * default. 0 turns it off and finalises what it holds (every write then compiles its text
+ * afresh), any other value turns it on. The database file, statuses and log lines are the same
+ * either way. Returns 0. */
+ADB_API int32_t db_setStatementCache(int32_t enabled);
+/* How many compiled statements the cache holds, and the bytes SQLite counts for them. Returns
+ * 0, or 1 for a NULL argument. */
+ADB_API int32_t db_getStatementCacheFigures(uint32_t *statements, uint32_t *bytes);
+
 /* ------------------------------------------------------------------------------------------ */
 /* Connection and statement execution                                                          */
 /* ------------------------------------------------------------------------------------------ */

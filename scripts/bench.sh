@@ -19,8 +19,10 @@ trap 'rm -f "$json"' EXIT
 
 echo "Machine: $(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2- | sed 's/^ *//'), $(uname -m)"
 echo
-# Names are "<operation>/<side>/min_time:..."; the baseline of every operation is "sqlite", the
-# tick also has "upsert" (prepared INSERT ... ON CONFLICT DO UPDATE).
+# Names are "<operation>/<side>/min_time:..."; the baseline of every operation is "sqlite" (the
+# same SQL text through bare SQLite). The tick also has "upsert" (prepared INSERT ... ON CONFLICT
+# DO UPDATE), "floor" (one UPDATE per row, compiled once) and "uncached" (the library with its
+# statement cache off); the existing-row inventory write has "prepared" (one compiled UPDATE).
 jq -r '
   [.benchmarks[] | select(.aggregate_name == "median")
    | {op: (.run_name | split("/")[0]), side: (.run_name | split("/")[1]),
@@ -28,7 +30,8 @@ jq -r '
   | group_by(.op)[]
   | (map({(.side): .}) | add) as $s
   | ($s.library) as $lib
-  | ([["sqlite", $s.sqlite], ["upsert", $s.upsert]][] | select(.[1] != null)) as $base
+  | ([["sqlite", $s.sqlite], ["upsert", $s.upsert], ["floor", $s.floor],
+      ["prepared", $s.prepared], ["uncached", $s.uncached]][] | select(.[1] != null)) as $base
   | [$lib.op, ($base[0]), $lib.real, $base[1].real, ($lib.real / $base[1].real),
      $lib.cpu, $base[1].cpu, ($lib.cpu / $base[1].cpu)]
   | @tsv' "$json" |
@@ -40,6 +43,20 @@ jq -r '
     }
     { printf "| %-28s | %-8s | %12.1f | %12.1f | %6.2f | %12.1f | %12.1f | %6.2f |\n",
         $1, $2, $3, $4, $5, $6, $7, $8 }'
+
+echo
+echo "Per tick (256 devices x 3 series): bytes written and syncs (counted by a VFS shim), SQLite's"
+echo "heap peak over the run, and the statement cache held at its end:"
+jq -r '.benchmarks[] | select(.aggregate_name == "median" and (.run_name | startswith("tick_")))
+       | [(.run_name | split("/")[1]), .bytes_written, .syncs, .heap_peak_kib, .cache_statements,
+          .cache_kib] | @tsv' "$json" |
+  awk -F'\t' 'BEGIN {
+      printf "| %-10s | %14s | %6s | %14s | %16s | %10s |\n", "side", "bytes written", "syncs",
+        "heap peak KiB", "cache statements", "cache KiB"
+      printf "|%s|%s|%s|%s|%s|%s|\n", "------------", "----------------", "--------",
+        "----------------", "------------------", "------------"
+    }
+    { printf "| %-10s | %14.0f | %6.1f | %14.0f | %16.0f | %10.0f |\n", $1, $2, $3, $4, $5, $6 }'
 
 echo
 echo "Log lines handed to the handler per db_write (notice: default level, debug: debug level):"

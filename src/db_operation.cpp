@@ -7,6 +7,7 @@
  * module reaches SQLite only through the functions of this file.
  */
 #include <sqlite3.h>
+#include <strings.h>
 #include <sys/types.h>
 #include <time.h>
 #include <unistd.h>
@@ -19,6 +20,8 @@
 #include "internal/guards.h"
 #include "internal/log.h"
 #include "internal/numbers.h"
+#include "internal/statement.h"
+#include "internal/statement_cache.h"
 #include "internal/text_builder.h"
 #include "internal/transaction.h"
 
@@ -101,7 +104,243 @@ bool profilingOn() {
   return adb::log::enabled(RYX_LOG_INFO) && access(gProfileMarkerPath, F_OK) == 0;
 }
 
+
+// The write path's lines are db_execStatement's and db_write's whichever way a statement ran
+// (its text through sqlite3_exec, or a cached compiled statement), so the log does not change
+// with the statement cache.
+constexpr adb::log::Origin kExecStatementLines{kLogModule, "db_execStatement"};
+constexpr adb::log::Origin kWriteLines{kLogModule, "db_write"};
+
+// A statement text composed already.
+class PlainText final : public adb::StatementText {
+ public:
+  explicit PlainText(const char *sql) : sql_(sql) {}
+  const char *get() override { return sql_; }
+
+ private:
+  const char *sql_;
+};
+
+// Steps a compiled write once and leaves it reset and unbound; SQLite's result as sqlite3_exec
+// reports it, and its message in `message` on failure. The connection's lock is held
+// throughout, so that another thread's statement cannot replace the message first.
+int stepCompiled(sqlite3 *db, sqlite3_stmt *statement, adb::SqliteMessage &message) {
+  sqlite3_mutex *mutex = sqlite3_db_mutex(db);
+  sqlite3_mutex_enter(mutex);
+  int result = sqlite3_step(statement);
+  if (result == SQLITE_DONE || result == SQLITE_ROW) {
+    result = SQLITE_OK;
+  } else {
+    *message.out() = sqlite3_mprintf("%s", sqlite3_errmsg(db));
+  }
+  sqlite3_reset(statement);
+  sqlite3_clear_bindings(statement);
+  sqlite3_mutex_leave(mutex);
+  return result;
+}
+
+// The status of a write that SQLite refused with `result` and `message`, its lines logged as
+// db_execStatement logs them.
+int32_t reportWriteFailure(adb::StatementText &sql, int result, const char *message) {
+  if (message != nullptr) {
+    // A duplicate key is the expected first step of insert-or-update: not worth an error line.
+    if ((result & 0xff) == SQLITE_CONSTRAINT && std::strstr(message, "UNIQUE constraint")) {
+      ADB_LOG_FOR(kExecStatementLines, RYX_LOG_DEBUG,
+                  "[analyticsDB] WRITE Error: %s ret : %d \n Query : %s \n", message, result,
+                  orNull(sql.get()));
+    } else {
+      ADB_LOG_FOR(kExecStatementLines, RYX_LOG_ERROR,
+                  "[analyticsDB] WRITE Error: %s ret : %d \n Query : %s \n", message, result,
+                  orNull(sql.get()));
+    }
+    if (mentionsMissingTable(message)) {
+      ADB_LOG_FOR(kExecStatementLines, RYX_LOG_ERROR, "[analyticsDB] WRITE Table doesnt exist\n");
+      return DB_STATUS_NO_TABLE;
+    }
+  } else {
+    ADB_LOG_FOR(kExecStatementLines, RYX_LOG_ERROR,
+                "[analyticsDB] WRITE Error: ret : %d \n Query : %s \n", result, orNull(sql.get()));
+  }
+  return statusOf(result);
+}
+
+// Runs one write statement: its text through sqlite3_exec, or `compiled` (its values bound)
+// through sqlite3_step. The lines are db_execStatement's whichever way it ran, so that the log
+// does not show whether a cached statement ran; the text is composed only for a line that is
+// logged. SQLite's result goes to `result`.
+int32_t execWrite(adb::StatementText &sql, sqlite3 *db, sqlite3_stmt *compiled, int *result) {
+  ADB_LOG_FOR(kExecStatementLines, RYX_LOG_DEBUG, "[analyticsDB] WRITE QUERY: %s",
+              orNull(sql.get()));
+  adb::SqliteMessage message;
+  if (compiled != nullptr) {
+    *result = stepCompiled(db, compiled, message);
+  } else {
+    // Compiled statements of a table that changes or goes are dropped before it does.
+    if (db != nullptr && db == database_connection && adb::mayChangeSchema(sql.get())) {
+      adb::clearStatementCache();
+    }
+    *result = sqlite3_exec(db, sql.get(), nullptr, nullptr, message.out());
+  }
+  if (*result == SQLITE_OK) return DB_STATUS_SUCCESS;
+  return reportWriteFailure(sql, *result, message.get());
+}
+
+// execWrite on the shared connection, profiled while the marker file exists; the profile line
+// is db_write's either way.
+int32_t writeProfiled(adb::StatementText &sql, sqlite3_stmt *compiled, int *result) {
+  if (!profilingOn()) return execWrite(sql, database_connection, compiled, result);
+  ProfileSample start = ProfileSample::take();
+  int32_t status = execWrite(sql, database_connection, compiled, result);
+  ProfileSample end = ProfileSample::take();
+  ADB_LOG_FOR(kWriteLines, RYX_LOG_INFO,
+              "[analyticsDB] Profile : Time [%llu] millisecs  Clock ticks [%lu] API [%s]",
+              static_cast<unsigned long long>(end.millis - start.millis),
+              static_cast<unsigned long>(end.ticks - start.ticks), orNull(sql.get()));
+  return status;
+}
+
+// Marks of an UPDATE admitted to the cache.
+constexpr int kKeyMatches = 0;
+// ...and on its table an INSERT of a row whose key exists can only fail on the key: no other
+// column must be NOT NULL, no CHECK may refuse the values first, no trigger may act on it.
+constexpr int kInsertFailsOnKeyAlone = 1;
+
+// The text of one row of the schema table about `table`, if any, handed to `use`.
+template <typename Use>
+bool schemaRow(sqlite3 *db, const char *query, const char *table, Use &&use) {
+  sqlite3_stmt *statement = nullptr;
+  if (sqlite3_prepare_v2(db, query, -1, &statement, nullptr) != SQLITE_OK) {
+    sqlite3_finalize(statement);
+    return false;
+  }
+  sqlite3_bind_text(statement, 1, table, -1, SQLITE_STATIC);
+  int result = sqlite3_step(statement);
+  if (result == SQLITE_ROW) {
+    use(reinterpret_cast<const char *>(sqlite3_column_text(statement, 0)));
+  }
+  sqlite3_finalize(statement);
+  return result == SQLITE_ROW || result == SQLITE_DONE;
+}
+
+size_t occurrences(const char *text, const char *part) {
+  size_t count = 0;
+  for (const char *p = text; p != nullptr && (p = strcasestr(p, part)) != nullptr; ++p) ++count;
+  return count;
+}
+
+// "=" finds the rows LIKE finds (no wildcards in the value) only where the key column has text
+// affinity and compares without case, as LIKE does.
+int admitKeyedUpdate(sqlite3 *db, const void *context) {
+  const auto *write = static_cast<const adb::BoundWrite *>(context);
+  const char *type = nullptr;
+  const char *collation = nullptr;
+  int notNull = 0;
+  if (sqlite3_table_column_metadata(db, nullptr, write->keyTable, write->keyColumn, &type,
+                                    &collation, &notNull, nullptr, nullptr) != SQLITE_OK) {
+    return -1;
+  }
+  bool textAffinity = type != nullptr && strcasestr(type, "INT") == nullptr &&
+                      (strcasestr(type, "CHAR") != nullptr || strcasestr(type, "CLOB") != nullptr ||
+                       strcasestr(type, "TEXT") != nullptr);
+  if (!textAffinity || collation == nullptr || strcasecmp(collation, "NOCASE") != 0) return -1;
+  bool plainTable = false;
+  bool triggers = true;
+  bool read =
+      schemaRow(db, "SELECT sql FROM sqlite_master WHERE type='table' AND name=?1 COLLATE NOCASE",
+                write->keyTable,
+                [&](const char *sql) {
+                  plainTable = sql != nullptr && strcasestr(sql, "CHECK") == nullptr &&
+                               occurrences(sql, "NOT NULL") == (notNull != 0 ? 1u : 0u);
+                }) &&
+      schemaRow(db,
+                "SELECT count(*) FROM sqlite_master WHERE type='trigger' AND tbl_name=?1 "
+                "COLLATE NOCASE",
+                write->keyTable, [&](const char *count) {
+                  triggers = count == nullptr || std::strcmp(count, "0") != 0;
+                });
+  return read && plainTable && !triggers && notNull != 0 ? kInsertFailsOnKeyAlone : kKeyMatches;
+}
+
+bool bindAll(sqlite3_stmt *statement, const adb::BoundWrite &write) {
+  if (sqlite3_bind_parameter_count(statement) != write.count) return false;
+  for (int32_t i = 0; i < write.count; ++i) {
+    const adb::BoundValue &value = write.values[i];
+    int result = value.text != nullptr
+                     ? sqlite3_bind_text(statement, i + 1, value.text,
+                                         static_cast<int>(value.length), SQLITE_STATIC)
+                     : sqlite3_bind_int64(statement, i + 1, value.number);
+    if (result != SQLITE_OK) return false;
+  }
+  return true;
+}
+
 }  // namespace
+
+bool adb::writeCompiled(const BoundWrite &write, StatementText &text, int32_t *status) {
+  sqlite3 *db = database_connection;
+  if (!statementCacheEnabled() || db == nullptr || transactionLost()) return false;
+  int mark = 0;
+  sqlite3_stmt *statement = checkOutStatement(
+      db, write.sql, write.keyColumn != nullptr ? admitKeyedUpdate : nullptr, &write, &mark);
+  if (statement == nullptr) return false;
+  if (!bindAll(statement, write)) {
+    sqlite3_clear_bindings(statement);
+    checkInStatement(statement, true);
+    return false;
+  }
+  int result = SQLITE_OK;
+  *status = writeProfiled(text, statement, &result);
+  if (*status == DB_STATUS_SUCCESS) noteTransactionState();
+  // A statement that failed to recompile after a schema change is compiled afresh next time.
+  int primary = result & 0xff;
+  checkInStatement(statement, primary != SQLITE_ERROR && primary != SQLITE_SCHEMA);
+  return true;
+}
+
+bool adb::updateExistingRow(const BoundWrite &update, StatementText &text, int32_t *status) {
+  sqlite3 *db = database_connection;
+  // Only where skipping the INSERT shows nowhere: its refusal is logged at debug level, and
+  // profiled.
+  if (!statementCacheEnabled() || db == nullptr || update.keyColumn == nullptr ||
+      adb::log::enabled(RYX_LOG_DEBUG) || transactionLost() || profilingOn()) {
+    return false;
+  }
+  int mark = 0;
+  sqlite3_stmt *statement = checkOutStatement(db, update.sql, admitKeyedUpdate, &update, &mark);
+  if (statement == nullptr) return false;
+  if (mark != kInsertFailsOnKeyAlone || !bindAll(statement, update)) {
+    sqlite3_clear_bindings(statement);
+    checkInStatement(statement, true);
+    return false;
+  }
+  adb::SqliteMessage message;
+  sqlite3_mutex *mutex = sqlite3_db_mutex(db);
+  sqlite3_mutex_enter(mutex);
+  int result = sqlite3_step(statement);
+  bool updated = result == SQLITE_DONE && sqlite3_changes(db) == 1;
+  if (result != SQLITE_DONE) *message.out() = sqlite3_mprintf("%s", sqlite3_errmsg(db));
+  sqlite3_reset(statement);
+  sqlite3_clear_bindings(statement);
+  sqlite3_mutex_leave(mutex);
+  int primary = result & 0xff;
+  checkInStatement(statement, primary != SQLITE_ERROR && primary != SQLITE_SCHEMA);
+  if (updated) {
+    *status = DB_STATUS_SUCCESS;
+    noteTransactionState();
+    return true;
+  }
+  // No row; or a refusal that SQLite undid whole (busy, a constraint, a schema change): the
+  // INSERT and UPDATE run as usual and meet it themselves.
+  if (result == SQLITE_DONE || primary == SQLITE_BUSY || primary == SQLITE_LOCKED ||
+      primary == SQLITE_CONSTRAINT || primary == SQLITE_ERROR || primary == SQLITE_SCHEMA) {
+    return false;
+  }
+  // A failed write or sync (the row was there to be written), a full disk, no memory: may have
+  // cost the caller's transaction, so it is not tried again; reported as the UPDATE's failure,
+  // which is what the INSERT refused on the key would have been followed by.
+  *status = reportWriteFailure(text, result, message.get());
+  return true;
+}
 
 void adb::noteTransactionState() {
   gTransactionOpen =
@@ -156,6 +395,8 @@ ADB_API int32_t db_open(void) {
 
 ADB_API int32_t db_close_connection(sqlite3 **handle) {
   if (handle == nullptr) return DB_STATUS_SUCCESS;
+  // Compiled statements would keep SQLite from closing the connection.
+  if (*handle != nullptr && *handle == database_connection) adb::clearStatementCache();
   int result = sqlite3_close_v2(*handle);
   if (result != SQLITE_OK) {
     ADB_LOG_ERROR("[analyticsDB] Closing connection failed %d\n", result);
@@ -177,27 +418,9 @@ ADB_API int32_t db_closeConnection(void) { return db_close(); }
 ADB_API int32_t db_closeDbConnection(void) { return db_closeConnection(); }
 
 ADB_API int32_t db_execStatement(const char *sql, sqlite3 **handle) {
-  ADB_LOG_DEBUG("[analyticsDB] WRITE QUERY: %s", orNull(sql));
-  adb::SqliteMessage message;
-  int result = sqlite3_exec(connectionOf(handle), sql, nullptr, nullptr, message.out());
-  if (result == SQLITE_OK) return DB_STATUS_SUCCESS;
-  if (message.get() != nullptr) {
-    // A duplicate key is the expected first step of insert-or-update: not worth an error line.
-    if ((result & 0xff) == SQLITE_CONSTRAINT && std::strstr(message.get(), "UNIQUE constraint")) {
-      ADB_LOG_DEBUG("[analyticsDB] WRITE Error: %s ret : %d \n Query : %s \n", message.get(),
-                    result, orNull(sql));
-    } else {
-      ADB_LOG_ERROR("[analyticsDB] WRITE Error: %s ret : %d \n Query : %s \n", message.get(),
-                    result, orNull(sql));
-    }
-    if (mentionsMissingTable(message.get())) {
-      ADB_LOG_ERROR("[analyticsDB] WRITE Table doesnt exist\n");
-      return DB_STATUS_NO_TABLE;
-    }
-  } else {
-    ADB_LOG_ERROR("[analyticsDB] WRITE Error: ret : %d \n Query : %s \n", result, orNull(sql));
-  }
-  return statusOf(result);
+  PlainText text(sql);
+  int result = SQLITE_OK;
+  return execWrite(text, connectionOf(handle), nullptr, &result);
 }
 
 ADB_API int32_t db_retrieveTableData(const char *sql, char ***cells, int32_t *rowCount,
@@ -225,22 +448,27 @@ ADB_API int32_t db_write(const char *sql) {
                   "error, COMMIT ends it \n Query : %s \n", orNull(sql));
     return DB_STATUS_FAILURE;
   }
-  int32_t status;
-  if (!profilingOn()) {
-    status = db_execStatement(sql, &database_connection);
-  } else {
-    ProfileSample start = ProfileSample::take();
-    status = db_execStatement(sql, &database_connection);
-    ProfileSample end = ProfileSample::take();
-    ADB_LOG_INFO("[analyticsDB] Profile : Time [%llu] millisecs  Clock ticks [%lu] API [%s]",
-                 static_cast<unsigned long long>(end.millis - start.millis),
-                 static_cast<unsigned long>(end.ticks - start.ticks), orNull(sql));
-  }
+  PlainText text(sql);
+  int result = SQLITE_OK;
+  int32_t status = writeProfiled(text, nullptr, &result);
   // A statement that succeeded cannot have lost a transaction, but it may have begun or ended
   // one (the caller's own BEGIN, COMMIT or ROLLBACK); a failed one leaves the record as it was,
   // so that a rollback SQLite made on its own stays visible.
   if (status == DB_STATUS_SUCCESS) adb::noteTransactionState();
   return status;
+}
+
+ADB_API int32_t db_setStatementCache(int32_t enabled) {
+  adb::setStatementCacheEnabled(enabled != 0);
+  return DB_STATUS_SUCCESS;
+}
+
+ADB_API int32_t db_getStatementCacheFigures(uint32_t *statements, uint32_t *bytes) {
+  if (statements == nullptr || bytes == nullptr) return DB_STATUS_FAILURE;
+  adb::StatementCacheFigures figures = adb::statementCacheFigures();
+  *statements = figures.entries;
+  *bytes = figures.bytes;
+  return DB_STATUS_SUCCESS;
 }
 
 ADB_API int32_t db_read(const char *sql, char ***cells, int32_t *rowCount, int32_t *columnCount) {

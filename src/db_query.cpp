@@ -14,6 +14,7 @@
 #include "internal/guards.h"
 #include "internal/log.h"
 #include "internal/statement.h"
+#include "internal/statement_cache.h"
 #include "internal/text_builder.h"
 #include "internal/transaction.h"
 
@@ -89,6 +90,258 @@ int32_t addMissingColumns(const char *tableName, char **fieldNames, char **field
   }
   return busy ? DB_STATUS_BUSY : DB_STATUS_SUCCESS;
 }
+
+
+/* ---- the text of INSERT and UPDATE, and their compiled shapes ---- */
+
+// The INSERT text of a row: "INSERT INTO  <table> (<columns>)  VALUES(<values>)", NULL names and
+// values skipped. Composed on first use.
+class InsertText final : public adb::StatementText {
+ public:
+  InsertText(const char *table, char **names, char **values, int32_t count)
+      : table_(table), names_(names), values_(values), count_(count) {}
+
+  // False when the statement's buffer cannot be had.
+  bool compose() {
+    if (statement_) return true;
+    adb::FixedText<kInsertListCapacity> columns;
+    adb::FixedText<kInsertListCapacity> values;
+    for (int32_t i = 0; i < count_; ++i) {
+      if (names_[i] == nullptr || values_[i] == nullptr) continue;
+      if (!columns.empty()) columns.append(",");
+      if (!values.empty()) values.append(",");
+      columns.append(names_[i]);
+      adb::appendColumnValue(values, names_[i], values_[i]);
+    }
+    size_t parts = std::strlen(table_) + columns.length() + values.length();
+    if (!statement_.allocate(parts + kInsertExtra)) return false;
+    adb::TextBuilder(statement_.get(), parts + kInsertTextExtra + 1)
+        .appendf("%s %s (%s) %s%s)", "INSERT INTO ", table_, columns.c_str(), " VALUES(",
+                 values.c_str());
+    return true;
+  }
+  const char *get() override { return compose() ? statement_.get() : nullptr; }
+
+ private:
+  const char *table_;
+  char **names_;
+  char **values_;
+  int32_t count_;
+  adb::HeapText statement_;
+};
+
+// The UPDATE text of a row: every named column but the first occurrence of the key is
+// assigned, the key's value is the condition. Composed on first use.
+class UpdateText final : public adb::StatementText {
+ public:
+  enum class Outcome { kComposed, kNoConditionMemory, kNoCondition, kNoMemory };
+
+  UpdateText(const char *table, const char *key, const char *matchOperator, char **names,
+             char **values, int32_t count)
+      : table_(table), key_(key), operator_(matchOperator), names_(names), values_(values),
+        count_(count) {}
+
+  Outcome compose() {
+    if (statement_) return Outcome::kComposed;
+    adb::FixedText<kUpdateListCapacity> assignments;
+    adb::HeapText condition;
+    size_t conditionLength = 0;
+    for (int32_t i = 0; i < count_; ++i) {
+      const char *name = names_[i];
+      const char *value = values_[i];
+      if (name == nullptr || value == nullptr) continue;
+      if (!condition && std::strcmp(name, key_) == 0) {
+        // Sized from the unescaped key: a key holding quotes loses its end and SQLite rejects it.
+        size_t size = std::strlen(name) + std::strlen(value) + 4 + std::strlen(operator_);
+        if (!condition.allocate(size)) {
+          failedField_ = i;
+          return Outcome::kNoConditionMemory;
+        }
+        adb::TextBuilder text(condition.get(), size);
+        text.append(" ");
+        adb::appendCondition(text, name, operator_, value);
+        conditionLength = text.length();
+        continue;
+      }
+      if (!assignments.empty()) assignments.append(",");
+      assignments.append(name).append("=");
+      adb::appendColumnValue(assignments, name, value);
+    }
+    if (!condition) return Outcome::kNoCondition;
+    size_t parts = std::strlen(table_) + assignments.length() + conditionLength;
+    if (!statement_.allocate(parts + kUpdateExtra)) return Outcome::kNoMemory;
+    adb::TextBuilder(statement_.get(), parts + kUpdateTextExtra + 1)
+        .appendf("%s %s %s %s %s %s", "UPDATE ", table_, " SET ", assignments.c_str(), " WHERE ",
+                 condition.get());
+    return Outcome::kComposed;
+  }
+  const char *get() override {
+    return compose() == Outcome::kComposed ? statement_.get() : nullptr;
+  }
+  int32_t failedField() const { return failedField_; }
+
+ private:
+  const char *table_;
+  const char *key_;
+  const char *operator_;
+  char **names_;
+  char **values_;
+  int32_t count_;
+  int32_t failedField_ = 0;
+  adb::HeapText statement_;
+};
+
+constexpr size_t kShapeCapacity = 4608;    // a parameterised write of a day of slots
+constexpr int32_t kMaxBoundValues = 300;   // the widest write: the key and a day of slots
+constexpr size_t kMaxPlainDigits = 18;     // any such decimal fits a 64-bit integer
+constexpr const char kLikeOperator[] = " LIKE ";
+
+// Names go into the compiled statement as they stand, as into the text; only plain ones, so
+// that both texts are sure to name the same thing and hold one statement.
+bool isPlainName(const char *name) {
+  if (name == nullptr || *name == '\0') return false;
+  for (const char *p = name; *p != '\0'; ++p) {
+    bool plain = (*p >= 'A' && *p <= 'Z') || (*p >= 'a' && *p <= 'z') ||
+                 (*p >= '0' && *p <= '9') || *p == '_';
+    if (!plain) return false;
+  }
+  return true;
+}
+
+// Whether `value` of `column` can be bound with the very meaning of its text literal: a text
+// column's value that the text path writes whole (it cuts long values that hold quotes), or a
+// plain decimal integer, which SQLite reads as the same integer. Sets the bound value and the
+// length of the literal the text path would write.
+bool bindValue(const char *column, const char *value, adb::BoundValue &out, size_t &literal) {
+  size_t length = std::strlen(value);
+  if (length == 0) return false;
+  if (adb::isTextColumn(column)) {
+    size_t quotes = 0;
+    for (const char *p = value; *p != '\0'; ++p) quotes += *p == '\'' ? 1 : 0;
+    if (quotes > 0 &&
+        (length > kMaxValueBeforeEscaping || length + quotes >= kEscapedValueCapacity)) {
+      return false;
+    }
+    out = {value, 0, static_cast<uint32_t>(length)};
+    literal = length + quotes + 2;
+    return true;
+  }
+  const char *digits = value[0] == '-' ? value + 1 : value;
+  size_t count = std::strlen(digits);
+  if (count == 0 || count > kMaxPlainDigits) return false;
+  int64_t number = 0;
+  for (const char *p = digits; *p != '\0'; ++p) {
+    if (*p < '0' || *p > '9') return false;
+    number = number * 10 + (*p - '0');
+  }
+  out = {nullptr, digits != value ? -number : number, 0};
+  literal = length;
+  return true;
+}
+
+// A write as a parameterised statement and its values, when the text path's statement would
+// mean exactly the same; otherwise (and while the statement cache is off) the text path runs.
+class ShapedWrite {
+ public:
+  // "INSERT INTO <table> (<columns>) VALUES(?,...)".
+  bool ofInsert(const char *table, char **names, char **values, int32_t count) {
+    if (!adb::statementCacheEnabled() || !isPlainName(table)) return false;
+    sql_.append("INSERT INTO ").append(table).append(" (");
+    size_t columnsLength = 0;
+    size_t valuesLength = 0;
+    for (int32_t i = 0; i < count; ++i) {
+      if (names[i] == nullptr || values[i] == nullptr) continue;
+      size_t literal = 0;
+      if (count_ == kMaxBoundValues || !isPlainName(names[i]) ||
+          !bindValue(names[i], values[i], values_[count_], literal)) {
+        return false;
+      }
+      if (count_ > 0) sql_.append(",");
+      sql_.append(names[i]);
+      columnsLength += std::strlen(names[i]) + (count_ > 0 ? 1 : 0);
+      valuesLength += literal + (count_ > 0 ? 1 : 0);
+      ++count_;
+    }
+    // Lists the text path cuts make a statement of their own.
+    if (count_ == 0 || columnsLength >= kInsertListCapacity ||
+        valuesLength >= kInsertListCapacity) {
+      return false;
+    }
+    sql_.append(") VALUES(");
+    for (int32_t i = 0; i < count_; ++i) sql_.append(i == 0 ? "?" : ",?");
+    sql_.append(")");
+    return finish(nullptr, nullptr);
+  }
+
+  // "UPDATE <table> SET <column>=?,... WHERE <key>=?". The text matches the key with LIKE;
+  // "=" matches the same rows for a key without wildcards on a key column compared without
+  // case (checked when the statement is compiled).
+  bool ofUpdate(const char *table, const char *key, const char *matchOperator, char **names,
+                char **values, int32_t count) {
+    if (!adb::statementCacheEnabled() || !isPlainName(table) || !isPlainName(key) ||
+        !adb::isTextColumn(key) || std::strcmp(matchOperator, kLikeOperator) != 0) {
+      return false;
+    }
+    sql_.append("UPDATE ").append(table).append(" SET ");
+    const char *keyValue = nullptr;
+    size_t assignmentsLength = 0;
+    int32_t assigned = 0;
+    // The lists of the INSERT of the same row (the key included), as its text would have them.
+    size_t insertColumns = 0;
+    size_t insertValues = 0;
+    for (int32_t i = 0; i < count; ++i) {
+      const char *name = names[i];
+      const char *value = values[i];
+      if (name == nullptr || value == nullptr) continue;
+      size_t separator = insertColumns > 0 ? 1 : 0;
+      if (std::strcmp(name, key) == 0) {
+        // A second value of the key is assigned by the text; too rare to compile.
+        if (keyValue != nullptr) return false;
+        keyValue = value;
+        insertColumns += separator + std::strlen(name);
+        insertValues += separator + std::strlen(value) + 2;
+        continue;
+      }
+      size_t literal = 0;
+      if (count_ == kMaxBoundValues - 1 || !isPlainName(name) ||
+          !bindValue(name, value, values_[count_], literal)) {
+        return false;
+      }
+      if (assigned > 0) sql_.append(",");
+      sql_.append(name).append("=?");
+      assignmentsLength += std::strlen(name) + 1 + literal + (assigned > 0 ? 1 : 0);
+      insertColumns += separator + std::strlen(name);
+      insertValues += separator + literal;
+      ++assigned;
+      ++count_;
+    }
+    if (keyValue == nullptr || assigned == 0 || assignmentsLength >= kUpdateListCapacity ||
+        *keyValue == '\0' || std::strpbrk(keyValue, "%_\\'") != nullptr) {
+      return false;
+    }
+    insertBinds_ = insertColumns < kInsertListCapacity && insertValues < kInsertListCapacity;
+    values_[count_++] = {keyValue, 0, static_cast<uint32_t>(std::strlen(keyValue))};
+    sql_.append(" WHERE ").append(key).append("=?");
+    return finish(table, key);
+  }
+
+  const adb::BoundWrite &write() const { return write_; }
+  // After ofUpdate: whether the INSERT of the same row binds as well (ofInsert would agree).
+  bool insertBinds() const { return insertBinds_; }
+
+ private:
+  bool finish(const char *keyTable, const char *keyColumn) {
+    if (sql_.truncated()) return false;
+    write_ = {sql_.c_str(), values_, count_, keyTable, keyColumn};
+    return true;
+  }
+
+  adb::FixedText<kShapeCapacity> sql_;
+  adb::BoundValue values_[kMaxBoundValues];
+  int32_t count_ = 0;
+  bool insertBinds_ = false;
+  adb::BoundWrite write_{};
+};
 
 }  // namespace
 
@@ -252,28 +505,22 @@ ADB_API int32_t db_tryInsert(const char *tableName, char **fieldNames, char **fi
     ADB_LOG_ERROR("[analyticsDB] Insert: Check Tablename/ Fieldcount /Fieldnames / FieldValues\n");
     return DB_STATUS_FAILURE;
   }
-  adb::FixedText<kInsertListCapacity> columns;
-  adb::FixedText<kInsertListCapacity> values;
-  for (int32_t i = 0; i < fieldCount; ++i) {
-    if (fieldNames[i] == nullptr || fieldValues[i] == nullptr) continue;
-    if (!columns.empty()) columns.append(",");
-    if (!values.empty()) values.append(",");
-    columns.append(fieldNames[i]);
-    adb::appendColumnValue(values, fieldNames[i], fieldValues[i]);
-  }
-
-  size_t parts = std::strlen(tableName) + columns.length() + values.length();
-  adb::HeapText statement(parts + kInsertExtra);
-  if (!statement) {
+  InsertText text(tableName, fieldNames, fieldValues, fieldCount);
+  ShapedWrite shaped;
+  bool bound = shaped.ofInsert(tableName, fieldNames, fieldValues, fieldCount);
+  // The text is composed up front only for the debug line; otherwise a cached statement runs
+  // without it.
+  bool debug = adb::log::enabled(RYX_LOG_DEBUG);
+  int32_t status = DB_STATUS_SUCCESS;
+  if (bound && !debug && adb::writeCompiled(shaped.write(), text, &status)) return status;
+  if (!text.compose()) {
     ADB_LOG_ERROR("[analyticsDB][db_tryInsert] malloc failed %s\n", tableName);
     return DB_STATUS_FAILURE;
   }
-  adb::TextBuilder(statement.get(), parts + kInsertTextExtra + 1)
-      .appendf("%s %s (%s) %s%s)", "INSERT INTO ", tableName, columns.c_str(), " VALUES(",
-               values.c_str());
   ADB_LOG_DEBUG("[analyticsDB] Insert: tableName : %s\nQuery framed %s\n", tableName,
-                statement.get());
-  return db_write(statement.get());
+                text.get());
+  if (bound && debug && adb::writeCompiled(shaped.write(), text, &status)) return status;
+  return db_write(text.get());
 }
 
 ADB_API int32_t db_tryUpdate(const char *tableName, const char *keyField,
@@ -284,46 +531,29 @@ ADB_API int32_t db_tryUpdate(const char *tableName, const char *keyField,
     ADB_LOG_ERROR("[analyticsDB] Update: Check Tablename/ Fieldcount /Fieldnames / FieldValues\n");
     return DB_STATUS_FAILURE;
   }
-  adb::FixedText<kUpdateListCapacity> assignments;
-  adb::HeapText condition;
-  size_t conditionLength = 0;
-  for (int32_t i = 0; i < fieldCount; ++i) {
-    const char *name = fieldNames[i];
-    const char *value = fieldValues[i];
-    if (name == nullptr || value == nullptr) continue;
-    if (!condition && std::strcmp(name, keyField) == 0) {
-      // Sized from the unescaped key: a key holding quotes loses its end and SQLite rejects it.
-      size_t size = std::strlen(name) + std::strlen(value) + 4 + std::strlen(matchOperator);
-      if (!condition.allocate(size)) {
-        ADB_LOG_ERROR("[analyticsDB] Update malloc failed : %d FieldName : %s FieldValue %s\n", i,
-                      name, value);
-        return DB_STATUS_FAILURE;
-      }
-      adb::TextBuilder text(condition.get(), size);
-      text.append(" ");
-      adb::appendCondition(text, name, matchOperator, value);
-      conditionLength = text.length();
-      continue;
+  UpdateText text(tableName, keyField, matchOperator, fieldNames, fieldValues, fieldCount);
+  ShapedWrite shaped;
+  bool bound =
+      shaped.ofUpdate(tableName, keyField, matchOperator, fieldNames, fieldValues, fieldCount);
+  int32_t status = DB_STATUS_SUCCESS;
+  if (bound && adb::writeCompiled(shaped.write(), text, &status)) return status;
+  switch (text.compose()) {
+    case UpdateText::Outcome::kComposed:
+      return db_write(text.get());
+    case UpdateText::Outcome::kNoConditionMemory: {
+      int32_t i = text.failedField();
+      ADB_LOG_ERROR("[analyticsDB] Update malloc failed : %d FieldName : %s FieldValue %s\n", i,
+                    fieldNames[i], fieldValues[i]);
+      return DB_STATUS_FAILURE;
     }
-    if (!assignments.empty()) assignments.append(",");
-    assignments.append(name).append("=");
-    adb::appendColumnValue(assignments, name, value);
+    case UpdateText::Outcome::kNoCondition:
+      ADB_LOG_ERROR("[analyticsDB] Condition is mandatory for update\n");
+      return DB_STATUS_FAILURE;
+    case UpdateText::Outcome::kNoMemory:
+      break;
   }
-  if (!condition) {
-    ADB_LOG_ERROR("[analyticsDB] Condition is mandatory for update\n");
-    return DB_STATUS_FAILURE;
-  }
-
-  size_t parts = std::strlen(tableName) + assignments.length() + conditionLength;
-  adb::HeapText statement(parts + kUpdateExtra);
-  if (!statement) {
-    ADB_LOG_ERROR("[analyticsDB] malloc failed\n");
-    return DB_STATUS_FAILURE;
-  }
-  adb::TextBuilder(statement.get(), parts + kUpdateTextExtra + 1)
-      .appendf("%s %s %s %s %s %s", "UPDATE ", tableName, " SET ", assignments.c_str(), " WHERE ",
-               condition.get());
-  return db_write(statement.get());
+  ADB_LOG_ERROR("[analyticsDB] malloc failed\n");
+  return DB_STATUS_FAILURE;
 }
 
 ADB_API int32_t db_writeTable(const char *tableName, const char *keyField,
@@ -340,10 +570,21 @@ ADB_API int32_t db_writeTable(const char *tableName, const char *keyField,
     ADB_LOG_ERROR("[analyticsDB] Write: DB open failed");
     return status;
   }
-  // INSERT first: a new row costs one statement, an existing one a refused INSERT and an UPDATE.
-  status = db_tryInsert(tableName, fieldNames, fieldValues, fieldCount);
-  if (status != DB_STATUS_CONSTRAINT) return status;
-  status = db_tryUpdate(tableName, keyField, matchOperator, fieldNames, fieldValues, fieldCount);
+  bool updated = false;
+  if (keyField != nullptr && matchOperator != nullptr) {
+    ShapedWrite update;
+    UpdateText text(tableName, keyField, matchOperator, fieldNames, fieldValues, fieldCount);
+    updated =
+        update.ofUpdate(tableName, keyField, matchOperator, fieldNames, fieldValues, fieldCount) &&
+        update.insertBinds() && adb::updateExistingRow(update.write(), text, &status);
+  }
+  if (!updated) {
+    // INSERT first: a new row costs one statement, an existing one a refused INSERT and an
+    // UPDATE.
+    status = db_tryInsert(tableName, fieldNames, fieldValues, fieldCount);
+    if (status != DB_STATUS_CONSTRAINT) return status;
+    status = db_tryUpdate(tableName, keyField, matchOperator, fieldNames, fieldValues, fieldCount);
+  }
   if (status != DB_STATUS_SUCCESS) {
     ADB_LOG_ERROR("[analyticsDB] Write: Cant Insert/Update this record\n");
   }

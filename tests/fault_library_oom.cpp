@@ -25,10 +25,14 @@ class LibraryOomTest : public adbtest::FaultTest {
  protected:
   void SetUp() override {
     FaultTest::SetUp();
+    // A write by cached statement allocates nothing of the library's own; the text path it
+    // falls back to does, and is what this program tries.
+    db_setStatementCache(0);
     adb_faultSetAllocationHook([] { return gAllocations.strikes(); });
   }
   void TearDown() override {
     adb_faultSetAllocationHook(nullptr);
+    db_setStatementCache(1);
     FaultTest::TearDown();
   }
 

@@ -9,6 +9,9 @@
  * hand back the same text cut to their record fields.
  */
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
@@ -353,6 +356,121 @@ TEST_F(HostileInputTest, ReadsHandBackHostileTextCutToTheirRecordFields) {
              [](const ClientCapabilityRecord &client, const adbtest::Row &row) {
                EXPECT_EQ(client.mimo, cut(row[0], sizeof client.mimo));
              });
+}
+
+// Every write family, hostile values included, once with the statement cache and once without:
+// the two runs must leave the same bytes in the file, return the same statuses and log the same
+// lines, at debug level (every text composed) and at notice level (texts composed only for
+// error lines).
+TEST_F(HostileInputTest, StatementCacheOnAndOffWriteTheSameFileStatusesAndLog) {
+  const std::vector<std::string> names = hostileNames();
+  std::vector<InventoryWriter> writers;
+  for (const InventoryWriter &listed : adbtest::inventoryWriters()) {
+    writers.push_back(adbtest::withColumns(listed, raw()));
+  }
+  const char *const numbers[] = {"1.5", "-7", "007", "-0", "1e3", "+5", " 5", "0x10", "-", "",
+                                 "abc", "123456789012345678", "1234567890123456789",
+                                 "99999999999999999999", "2-1", "1 OR 1"};
+  auto sample = [](int32_t (*write)(char **), bool rssi, const std::string &mac, int slot,
+                   const char *value) {
+    std::string time = std::to_string(1700000000 + slot);
+    std::string slotText = std::to_string(slot);
+    return rssi ? write(Values({mac.c_str(), time.c_str(), slotText.c_str(), value}).data())
+                : write(Values({mac.c_str(), "LAN", time.c_str(), slotText.c_str(), value}).data());
+  };
+  uint32_t kept = 0;  // compiled statements the cache held at the end
+  auto workload = [&](std::vector<int32_t> &statuses) {
+    statuses.push_back(db_writeQuery("PRAGMA synchronous = OFF"));
+    createInventoryTables();
+    createSeriesTables();
+    statuses.push_back(db_beginTransaction());
+    for (const InventoryWriter &writer : writers) {
+      for (int round = 0; round < 2; ++round) {  // INSERT, then the UPDATE of the same key
+        const char *number = round == 0 ? "1" : "-2";
+        for (const std::string &name : names) {
+          statuses.push_back(writer.write(Values(valuesFor(writer, name, "k", number)).data()));
+          statuses.push_back(
+              writer.write(Values(valuesFor(writer, "11:22:33:44:55:66", name, number)).data()));
+        }
+        for (const char *value : numbers) {
+          statuses.push_back(writer.write(Values(valuesFor(writer, "Num:Key", "t", value)).data()));
+        }
+      }
+    }
+    const struct {
+      int32_t (*sample)(char **);
+      int32_t (*fill)(char **);
+      bool rssi;
+    } series[] = {{db_updateRssi, db_updateRssiSlotDefaultValue, true},
+                  {db_updateBandWidthRx, db_updateRxSlotDefaultValue, false},
+                  {db_updateBandWidthTx, db_updateTxSlotDefaultValue, false}};
+    const int slots[] = {0, 287, 288, 1000, 2015, 2016, -1};
+    const char *const values[] = {"-40", "7", "1.5", "x'y", ""};
+    for (const auto &s : series) {
+      for (const char *mac : {"AA:00", "aa:00", "BB:%", "CC:''"}) {
+        for (int slot : slots) {
+          for (const char *value : values) {
+            statuses.push_back(sample(s.sample, s.rssi, mac, slot, value));
+          }
+        }
+        for (auto range : {std::pair{"10", "20"}, {"0", "287"}, {"280", "290"}, {"x", "5"}}) {
+          statuses.push_back(s.fill(Values({mac, range.first, range.second}).data()));
+        }
+      }
+    }
+    statuses.push_back(db_commitTransaction());
+    // A day table dropped and made again at run time, then written through the same shapes.
+    statuses.push_back(db_dropTable("RSSI4"));
+    statuses.push_back(sample(db_updateRssi, true, "AA:00", 1000, "-41"));
+    statuses.push_back(db_createRssiTab(4, 288));
+    statuses.push_back(sample(db_updateRssi, true, "AA:00", 1000, "-42"));
+    // Parked behind a busy database, then replayed in order.
+    {
+      adbtest::BusyHolder busy(dbPath());
+      statuses.push_back(sample(db_updateBandWidthRx, false, "DD:01", 1001, "5000"));
+      statuses.push_back(db_updateDeviceInfoCapacity(Values({"DD:01", "77"}).data()));
+      statuses.push_back(db_updateRssiSlotDefaultValue(Values({"DD:01", "1002", "1010"}).data()));
+    }
+    EXPECT_GT(queueCount, 0);
+    for (int i = 0; i < 8 && queueCount > 0; ++i) statuses.push_back(db_processQueueEntry());
+    EXPECT_EQ(queueCount, 0);
+    uint32_t bytes = 0;
+    db_getStatementCacheFigures(&kept, &bytes);
+    statuses.push_back(db_closeDbConnection());
+  };
+  auto fileBytes = [&] {
+    std::ifstream file(dbPath(), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  };
+
+  for (int level : {RYX_LOG_DEBUG, RYX_LOG_NOTICE}) {
+    SCOPED_TRACE("log level " + std::to_string(level));
+    struct Run {
+      std::vector<int32_t> statuses;
+      std::vector<std::string> log;
+      std::string file;
+    } runs[2];
+    for (int cached = 0; cached < 2; ++cached) {
+      ASSERT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
+      std::filesystem::remove(dbPath());
+      db_setStatementCache(cached);
+      ryxLogSetLevel(level);
+      log().clear();
+      workload(runs[cached].statuses);
+      ASSERT_FALSE(HasFatalFailure());
+      for (const adbtest::LogLine &line : log().lines()) runs[cached].log.push_back(line.text);
+      runs[cached].file = fileBytes();
+      EXPECT_EQ(kept > 0, cached == 1);
+    }
+    db_setStatementCache(1);
+    ryxLogSetLevel(RYX_LOG_DEBUG);
+    EXPECT_EQ(runs[0].statuses, runs[1].statuses);
+    EXPECT_TRUE(runs[0].file == runs[1].file) << "the files differ";
+    ASSERT_EQ(runs[0].log.size(), runs[1].log.size());
+    for (size_t i = 0; i < runs[0].log.size(); ++i) {
+      ASSERT_EQ(runs[0].log[i], runs[1].log[i]) << "line " << i;
+    }
+  }
 }
 
 }  // namespace

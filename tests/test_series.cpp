@@ -1,4 +1,5 @@
 // The sample series: slot arithmetic, slot writes, single values, spans across the week's wrap.
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <string>
@@ -339,4 +340,44 @@ TEST_F(ShortDays, WeekReadsPlaceEverySlotByItsColumnName) {
     EXPECT_EQ(rows, read.rows) << read.name;
     db_freeBandWidthResult(&week, rows);
   }
+}
+
+// A week of ticks (every seventh slot, to stay quick) in which each new day's tables are
+// dropped and made again, as the ring of day tables turns: every write succeeds, the compiled
+// statements kept stay within the cache's bound (24 statements, 768 KiB), and closing the
+// connection finalises them all.
+TEST_F(Series, TheStatementCacheStaysBoundedThroughAWeekOfTicksAndDayDrops) {
+  ryxLogSetLevel(RYX_LOG_NOTICE);
+  ASSERT_EQ(db_writeQuery("PRAGMA synchronous = OFF"), DB_STATUS_SUCCESS);
+  uint32_t statements = 0, bytes = 0, mostBytes = 0;
+  for (int32_t slot = 1; slot <= kWeek; slot += 7) {
+    if ((slot - 1) % 288 < 7 && slot > 1) {
+      uint32_t day = static_cast<uint32_t>(db_findTable(slot));
+      for (const char *word : {"RSSI", "BANDWIDTHRX", "BANDWIDTHTX"}) {
+        ASSERT_EQ(db_dropTable((word + std::to_string(day)).c_str()), DB_STATUS_SUCCESS);
+      }
+      ASSERT_EQ(db_createRssiTab(day, 288), DB_STATUS_SUCCESS);
+      ASSERT_EQ(db_createRxBandWidth(day, 288), DB_STATUS_SUCCESS);
+      ASSERT_EQ(db_createTxBandWidth(day, 288), DB_STATUS_SUCCESS);
+    }
+    ASSERT_EQ(db_beginTransaction(), DB_STATUS_SUCCESS);
+    for (const char *mac : {"AA:01", "AA:02"}) {
+      std::string slotText = std::to_string(slot);
+      std::string time = std::to_string(1700000000u + slot * kSlotSeconds);
+      ASSERT_EQ(db_updateRssi(Values{mac, time.c_str(), slotText.c_str(), "-50"}.data()),
+                DB_STATUS_SUCCESS);
+      bandwidth(mac, "LAN", slot, 1000);
+    }
+    ASSERT_EQ(db_commitTransaction(), DB_STATUS_SUCCESS);
+    ASSERT_EQ(db_getStatementCacheFigures(&statements, &bytes), DB_STATUS_SUCCESS);
+    ASSERT_GT(statements, 0u);
+    ASSERT_LE(statements, 24u);
+    ASSERT_LE(bytes, 768u * 1024u);
+    mostBytes = std::max(mostBytes, bytes);
+  }
+  RecordProperty("statement_cache_peak_bytes", static_cast<int>(mostBytes));
+  ASSERT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
+  ASSERT_EQ(db_getStatementCacheFigures(&statements, &bytes), DB_STATUS_SUCCESS);
+  EXPECT_EQ(statements, 0u);
+  EXPECT_EQ(bytes, 0u);
 }
