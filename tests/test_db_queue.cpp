@@ -27,6 +27,17 @@ class QueueTest : public adbtest::DbTest {
     raw().exec(
         "CREATE TABLE DEVICEINFO (MAC_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE, "
         "CAPACITY INTEGER CHECK (CAPACITY < 1000))");
+    db_getQueueStats(&start_);
+  }
+
+  // The queue's counters since the test began (they count for the whole process).
+  QueueStats counted() const {
+    QueueStats now{};
+    db_getQueueStats(&now);
+    uint32_t *to = &now.parked;
+    const uint32_t *from = &start_.parked;
+    for (uint32_t *end = &now.length; to != end; ++to, ++from) *to -= *from;
+    return now;
   }
 
   // Parks a capacity write as a write that met a busy database does.
@@ -41,6 +52,9 @@ class QueueTest : public adbtest::DbTest {
   }
 
   size_t gotNodeLines() { return log().countContaining("[analyticsDB] Get Node ["); }
+
+ private:
+  QueueStats start_{};
 };
 
 TEST_F(QueueTest, OnlyBusyWritesParkAPrivateCopyThatHoldsBackItsKey) {
@@ -112,19 +126,16 @@ TEST_F(QueueTest, BusyReplayKeepsItsNodeUntilTheStallIsCleared) {
         log().has(RYX_LOG_ERROR,
                   "[analyticsDB] Same node is getting processed for max number of time [500]\n"));
   }
-  // A free database does not end the stall: nothing is replayed until the head goes.
-  log().clear();
-  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_BUSY);
-  EXPECT_EQ(gotNodeLines(), 0u);
-  EXPECT_EQ(adbtest::queueLength(), 2);
-
-  db_deleteQueueEntry();
-  EXPECT_TRUE(
-      log().has(RYX_LOG_ERROR, "[analyticsDB] DeleteQueueEntry func[4] table[DEVICEINFO]\n"));
-  EXPECT_EQ(queueProcessCount, 0);
+  // Once the lock goes, the next call's single try on the stalled head gets through and the
+  // queue flows again.
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
-  EXPECT_EQ(capacityOf("aa"), std::nullopt);
+  EXPECT_EQ(queueProcessCount, 0);
+  EXPECT_EQ(capacityOf("aa"), Cell("1"));
   EXPECT_EQ(capacityOf("bb"), Cell("2"));
+  QueueStats stats = counted();
+  EXPECT_EQ(stats.stalls, 1u);
+  EXPECT_EQ(stats.retried, 500u);
+  EXPECT_EQ(db_getQueueStats(nullptr), DB_STATUS_FAILURE);
 
   // Freeing the queue ends a stall too.
   park("cc", "3");
@@ -163,14 +174,25 @@ TEST_F(QueueTest, LimitsOfEntriesAndOfAttemptsPerCall) {
   for (int i = 0; i < 320; ++i) park("k" + std::to_string(i), std::to_string(i % 1000));
   EXPECT_EQ(queueCount, 320);
 
-  park("late", "1");
-  EXPECT_TRUE(log().has(RYX_LOG_ERROR,
-                        "Queue has MAX number of entries. Queue count [320] MAX value [320]\n"));
-  // Before writing, a full queue lets the request past it, even behind a waiting key.
-  EXPECT_EQ(db_manageQueue(-1, kCapacityId, Values{"k0", "9"}.data(), 2, "DEVICEINFO"), 0);
-  EXPECT_TRUE(log().has(RYX_LOG_ERROR,
-                        "Queue has MAX number of entries. Queue count [320] MAX value [320]"));
+  // A busy write the full queue cannot keep is told so, not "parked"; a write for a waiting key
+  // is refused rather than written past it; a write for any other key goes to the file.
+  EXPECT_EQ(whileBusy([] { return db_updateDeviceInfoCapacity(Values{"late", "1"}.data()); }),
+            DB_STATUS_QUEUE_FULL);
+  EXPECT_EQ(db_updateDeviceInfoCapacity(Values{"K0", "9"}.data()), DB_STATUS_QUEUE_FULL);
+  EXPECT_EQ(db_updateDeviceInfoCapacity(Values{"free", "9"}.data()), DB_STATUS_SUCCESS);
+  for (const char *key : {"late", "K0"}) {
+    EXPECT_EQ(log().count(RYX_LOG_ERROR, "Queue has MAX number of entries. Queue count [320] MAX "
+                                         "value [320] func[4] Table[DEVICEINFO] Key[" +
+                                             std::string(key) + "]: not written, not parked\n"),
+              1u);
+  }
+  EXPECT_EQ(capacityOf("k0"), std::nullopt);
   EXPECT_EQ(queueCount, 320);
+  QueueStats stats = counted();
+  EXPECT_EQ(stats.refused, 2u);
+  EXPECT_EQ(stats.parked, 320u);
+  EXPECT_EQ(stats.peakLength, 320u);
+  raw().exec("DELETE FROM DEVICEINFO");
 
   // The append itself has no limit; one call replays 320 requests and leaves the rest.
   pthread_mutex_lock(&lock);
@@ -225,9 +247,9 @@ TEST_F(QueueTest, NodeNeverHoldsMoreThanItsCapacity) {
   db_manageQueue(DB_STATUS_BUSY, 1, fifty.data(), 50, "DEVICEINFO");
   ASSERT_NE(adbtest::queueHead(), nullptr);
   EXPECT_EQ(adbtest::nodeValues(*adbtest::queueHead()).back(), Cell("v49"));
-  // Behind a waiting entry an oversized request is not queued either: it is written directly.
+  // Behind a waiting entry an oversized request is not queued either, nor written past it.
   Values related(std::vector<std::string>(51, "v0"));
-  EXPECT_EQ(db_manageQueue(-1, 1, related.data(), 51, "DEVICEINFO"), 0);
+  EXPECT_NE(db_manageQueue(-1, 1, related.data(), 51, "DEVICEINFO"), 0);
   EXPECT_EQ(queueCount, 1);
 
   // Filling by hand copies no more than the node holds, whatever count it records.
