@@ -18,6 +18,7 @@
 
 #include "analyticsdb.h"
 #include "internal/connection.h"
+#include "internal/gate.h"
 #include "internal/log.h"
 #include "internal/memory.h"
 #include "internal/queue.h"
@@ -152,6 +153,11 @@ void unlinkHead() {
 }
 
 }  // namespace
+
+void adb::keepForRetry() {
+  queue::noteOutcome(queue::Outcome::kTransient);
+  queue::count(queue::Counter::kRetried);
+}
 
 namespace adb::queue {
 

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -148,6 +149,93 @@ TEST_F(QueueTest, BusyReplayKeepsItsNodeUntilTheStallIsCleared) {
   park("dd", "4");
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
   EXPECT_EQ(capacityOf("dd"), Cell("4"));
+}
+
+// The ways a parked write used to be lost or overtaken: letter case, a full disk during its
+// replay, a one-slot default fill, and a write parked out of the caller's transaction.
+TEST_F(QueueTest, NothingTheCallerWasToldWasKeptIsLostOrOvertaken) {
+  // "CA:..." waits; "ca:..." must queue behind it, as the key column ignores case.
+  park("CA:00:00:00:00:08", "7");
+  EXPECT_EQ(db_updateDeviceInfoCapacity(Values{"ca:00:00:00:00:08", "8"}.data()), DB_STATUS_BUSY);
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(raw().scalar("SELECT CAPACITY FROM DEVICEINFO"), Cell("8"));
+
+  // A full disk keeps a request at the head (the call ends there); every one is written once
+  // there is room again. Eight long keys need more than the one free page left.
+  auto longKey = [](int i) { return std::string(900, 'a' + static_cast<char>(i)); };
+  for (int i = 0; i < 8; ++i) park(longKey(i), "9");
+  ASSERT_EQ(db_write("PRAGMA max_page_count = 3"), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_EMPTY);
+  EXPECT_EQ(counted().retried, 1u);
+  EXPECT_GT(adbtest::queueLength(), 0);
+  ASSERT_EQ(db_write("PRAGMA max_page_count = 1000000"), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(capacityOf(longKey(i)), Cell("9"));
+
+  // A one-slot default fill records 2 columns but replays from its three values.
+  createSeriesTables();
+  ASSERT_EQ(db_updatePrimitiveRssi(Values{"dd:01", "1700000000", "5"}.data()), DB_STATUS_SUCCESS);
+  EXPECT_EQ(whileBusy([] {
+              return db_updateRssiSlotDefaultValue(Values{"dd:01", "5", "5"}.data());
+            }),
+            DB_STATUS_BUSY);
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(raw().scalar("SELECT SLOT5 FROM RSSI1 WHERE MAC_S = 'dd:01'"), Cell("0"));
+
+  // A write that cannot join the caller's transaction (its key waits) rolls it back: COMMIT
+  // reports it, and neither that write nor the earlier one of the transaction is in the file.
+  park("tx:02", "2");
+  ASSERT_EQ(db_beginTransaction(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_updateDeviceInfoCapacity(Values{"tx:01", "1"}.data()), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_updateDeviceInfoCapacity(Values{"tx:02", "3"}.data()), DB_STATUS_FAILURE);
+  EXPECT_EQ(db_updateDeviceInfoCapacity(Values{"tx:03", "3"}.data()), DB_STATUS_FAILURE);
+  EXPECT_EQ(db_commitTransaction(), DB_STATUS_FAILURE);
+  EXPECT_EQ(capacityOf("tx:01"), std::nullopt);
+  EXPECT_EQ(adbtest::queueLength(), 1);  // only the request parked before the transaction
+  EXPECT_EQ(log().countContaining("func[4] Table[DEVICEINFO] Key[tx:02] cannot join the open "
+                                  "transaction"),
+            1u);
+  // Busy inside a transaction: not parked either.
+  ASSERT_EQ(db_beginTransaction(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(whileBusy([] { return db_updateDeviceInfoCapacity(Values{"tx:04", "4"}.data()); }),
+            DB_STATUS_FAILURE);
+  EXPECT_EQ(db_commitTransaction(), DB_STATUS_FAILURE);
+  EXPECT_EQ(adbtest::queueLength(), 1);
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(capacityOf("tx:02"), Cell("2"));
+  QueueStats stats = counted();
+  EXPECT_EQ(stats.parked, 12u);
+  EXPECT_EQ(stats.replayed, 12u);
+  EXPECT_EQ(stats.length, 0u);
+}
+
+// Threads making their first calls at once share one connection; run under ThreadSanitizer too.
+TEST_F(QueueTest, FirstCallsFromManyThreadsOpenOneConnection) {
+  constexpr int kThreads = 8;
+  // Descriptors of this process open on the database file: the fixture's own connection's, and
+  // after the threads, one more.
+  auto openOnFile = [this] {
+    int open = 0;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      std::error_code error;
+      if (std::filesystem::read_symlink(entry.path(), error) == dbPath()) ++open;
+    }
+    return open;
+  };
+  int before = openOnFile();
+  std::atomic<int> ready{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t, &ready] {
+      ready.fetch_add(1);
+      while (ready.load() < kThreads) std::this_thread::yield();
+      Values values(std::vector<std::string>{"first:" + std::to_string(t), "1"});
+      EXPECT_EQ(db_updateDeviceInfoCapacity(values.data()), DB_STATUS_SUCCESS);
+    });
+  }
+  for (std::thread &thread : threads) thread.join();
+  EXPECT_EQ(openOnFile(), before + 1);
+  EXPECT_EQ(raw().scalar("SELECT count(*) FROM DEVICEINFO"), Cell(std::to_string(kThreads)));
 }
 
 TEST_F(QueueTest, FailedAndUnknownRequestsAreRemovedAndProcessingGoesOn) {

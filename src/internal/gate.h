@@ -68,6 +68,10 @@ int32_t throughGate(int32_t functionId, const char *tableFamily, char **values, 
                      static_cast<Statement &&>(statement));
 }
 
+// A replay that could not even be attempted for want of memory: its request stays at the head
+// for a later call. (A replay that reports nothing at all is taken as unreplayable and dropped.)
+void keepForRetry();
+
 // What every replay does with its statement's status: report it to the queue (which removes the
 // head unless the status is 3) and return it.
 inline int32_t finishReplay(int32_t status) {
