@@ -87,7 +87,7 @@ void prepareConnection(sqlite3 *db) {
   sqlite3_busy_handler(db, waitForLock, nullptr);
 #if ANALYTICSDB_WAL
   sqlite3_exec(db, "PRAGMA journal_mode = WAL", nullptr, nullptr, nullptr);
-  sqlite3_exec(db, "PRAGMA synchronous = FULL", nullptr, nullptr, nullptr);
+  sqlite3_exec(db, "PRAGMA synchronous = EXTRA", nullptr, nullptr, nullptr);
 #else
   sqlite3_exec(db, "PRAGMA synchronous = EXTRA", nullptr, nullptr, nullptr);
 #endif
