@@ -2,6 +2,7 @@
 
 #include <stdlib.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -301,5 +302,109 @@ long residentKb(const char *field) {
   }
   return -1;
 }
+
+/* ---- the counting shim ---- */
+
+namespace {
+
+std::atomic<uint64_t> gBytesWritten{0};
+std::atomic<uint64_t> gSyncs{0};
+sqlite3_vfs *gReal = nullptr;
+sqlite3_vfs gShim;
+
+struct ShimFile {
+  sqlite3_file base;
+  sqlite3_file *real;
+};
+constexpr size_t kRealFileOffset = (sizeof(ShimFile) + 15) & ~static_cast<size_t>(15);
+
+sqlite3_file *realOf(sqlite3_file *file) { return reinterpret_cast<ShimFile *>(file)->real; }
+const sqlite3_io_methods *methodsOf(sqlite3_file *file) { return realOf(file)->pMethods; }
+
+#define ADB_TO_FILE(method) \
+  [](sqlite3_file *f, auto... args) { return methodsOf(f)->method(realOf(f), args...); }
+#define ADB_TO_VFS(method) [](sqlite3_vfs *, auto... args) { return gReal->method(gReal, args...); }
+
+const sqlite3_io_methods kShimMethods = {
+    .iVersion = 2,
+    .xClose = ADB_TO_FILE(xClose),
+    .xRead = ADB_TO_FILE(xRead),
+    .xWrite = [](sqlite3_file *f, const void *data, int amount, sqlite3_int64 offset) {
+      gBytesWritten += static_cast<uint64_t>(amount);
+      return methodsOf(f)->xWrite(realOf(f), data, amount, offset);
+    },
+    .xTruncate = ADB_TO_FILE(xTruncate),
+    .xSync = [](sqlite3_file *f, int flags) {
+      ++gSyncs;
+      return methodsOf(f)->xSync(realOf(f), flags);
+    },
+    .xFileSize = ADB_TO_FILE(xFileSize),
+    .xLock = ADB_TO_FILE(xLock),
+    .xUnlock = ADB_TO_FILE(xUnlock),
+    .xCheckReservedLock = ADB_TO_FILE(xCheckReservedLock),
+    .xFileControl = ADB_TO_FILE(xFileControl),
+    .xSectorSize = ADB_TO_FILE(xSectorSize),
+    .xDeviceCharacteristics = ADB_TO_FILE(xDeviceCharacteristics),
+    .xShmMap = ADB_TO_FILE(xShmMap),
+    .xShmLock = ADB_TO_FILE(xShmLock),
+    .xShmBarrier = ADB_TO_FILE(xShmBarrier),
+    .xShmUnmap = ADB_TO_FILE(xShmUnmap),
+    .xFetch = nullptr,
+    .xUnfetch = nullptr,
+};
+
+int shimOpen(sqlite3_vfs *, sqlite3_filename name, sqlite3_file *file, int flags, int *outFlags) {
+  auto *shim = reinterpret_cast<ShimFile *>(file);
+  shim->base.pMethods = nullptr;
+  shim->real = reinterpret_cast<sqlite3_file *>(reinterpret_cast<char *>(file) + kRealFileOffset);
+  int result = gReal->xOpen(gReal, name, shim->real, flags, outFlags);
+  if (shim->real->pMethods != nullptr) shim->base.pMethods = &kShimMethods;
+  return result;
+}
+
+int shimDelete(sqlite3_vfs *, const char *path, int syncDir) {
+  if (syncDir != 0) ++gSyncs;
+  return gReal->xDelete(gReal, path, syncDir);
+}
+
+}  // namespace
+
+IoCounter::IoCounter() {
+  gReal = sqlite3_vfs_find(nullptr);
+  check(gReal != nullptr && gReal->iVersion >= 2, "no default VFS to count");
+  gShim = sqlite3_vfs{
+      .iVersion = 2,
+      .szOsFile = static_cast<int>(kRealFileOffset) + gReal->szOsFile,
+      .mxPathname = gReal->mxPathname,
+      .pNext = nullptr,
+      .zName = "adbbench-count",
+      .pAppData = nullptr,
+      .xOpen = shimOpen,
+      .xDelete = shimDelete,
+      .xAccess = ADB_TO_VFS(xAccess),
+      .xFullPathname = ADB_TO_VFS(xFullPathname),
+      .xDlOpen = ADB_TO_VFS(xDlOpen),
+      .xDlError = ADB_TO_VFS(xDlError),
+      .xDlSym = ADB_TO_VFS(xDlSym),
+      .xDlClose = ADB_TO_VFS(xDlClose),
+      .xRandomness = ADB_TO_VFS(xRandomness),
+      .xSleep = ADB_TO_VFS(xSleep),
+      .xCurrentTime = ADB_TO_VFS(xCurrentTime),
+      .xGetLastError = ADB_TO_VFS(xGetLastError),
+      .xCurrentTimeInt64 = ADB_TO_VFS(xCurrentTimeInt64),
+      .xSetSystemCall = nullptr,
+      .xGetSystemCall = nullptr,
+      .xNextSystemCall = nullptr,
+  };
+  check(sqlite3_vfs_register(&gShim, 1) == SQLITE_OK, "registering the counting VFS");
+}
+
+IoCounter::~IoCounter() {
+  sqlite3_vfs_register(gReal, 1);
+  sqlite3_vfs_unregister(&gShim);
+}
+
+uint64_t IoCounter::bytes() { return gBytesWritten.load(); }
+uint64_t IoCounter::syncs() { return gSyncs.load(); }
 
 }  // namespace adbbench

@@ -99,6 +99,19 @@ class BusyHolder {
   bool holding_ = false;
 };
 
+// While it exists, every file SQLite opens goes through a shim that counts the bytes written and
+// the syncs (a deletion whose directory is synced counts as one): what a commit costs the flash.
+// Install it before the connection it should count is opened.
+class IoCounter {
+ public:
+  IoCounter();
+  ~IoCounter();
+  IoCounter(const IoCounter &) = delete;
+  IoCounter &operator=(const IoCounter &) = delete;
+  static uint64_t bytes();
+  static uint64_t syncs();
+};
+
 // Resident set size and its peak of this process, in kB (from /proc/self/status).
 long residentKb(const char *field);
 
