@@ -285,7 +285,8 @@ ADB_API int32_t db_manageQueue(int32_t status, int32_t functionId, char **values
 
 ADB_API int32_t db_updateNonEmptyQueue(int32_t functionId, char **values, int32_t count,
                                        const char *tableName) {
-  return queueBehindRelated({functionId, values, count, count, tableName}) == adb::kGateQueued;
+  // Non-zero also for a refused request: its caller must not write it past the waiting one.
+  return queueBehindRelated({functionId, values, count, count, tableName}) != adb::kGateWrite;
 }
 
 ADB_API int32_t db_checkTableEntry(const char *tableName, char **values, int32_t count) {

@@ -81,16 +81,15 @@ int waitForLock(void *, int count) {
 // What every new connection gets before its first statement: the busy handler, and commits
 // that survive a power cut. With the rollback journal, synchronous=FULL syncs the journal and
 // the database but not the journal's deletion, so a cut right after COMMIT returned could bring
-// the journal back and roll the transaction back: EXTRA syncs the directory too. In WAL mode a
-// commit is durable once the WAL is synced, which FULL does.
+// the journal back and roll the transaction back: EXTRA syncs the directory too. In WAL mode the
+// WAL is synced at every commit; EXTRA is kept there as well, so that a file the switch to WAL
+// did not reach (another process held it) is still safe.
 void prepareConnection(sqlite3 *db) {
   sqlite3_busy_handler(db, waitForLock, nullptr);
 #if ANALYTICSDB_WAL
   sqlite3_exec(db, "PRAGMA journal_mode = WAL", nullptr, nullptr, nullptr);
-  sqlite3_exec(db, "PRAGMA synchronous = EXTRA", nullptr, nullptr, nullptr);
-#else
-  sqlite3_exec(db, "PRAGMA synchronous = EXTRA", nullptr, nullptr, nullptr);
 #endif
+  sqlite3_exec(db, "PRAGMA synchronous = EXTRA", nullptr, nullptr, nullptr);
 }
 
 // Set while the caller's transaction (BEGIN ... COMMIT) is open on the shared connection, which
