@@ -16,7 +16,9 @@
  *  - A list read hands out `T **list` of rowCount heap records; the caller frees it with the
  *    matching db_free*Result(&list, rowCount), which sets the variable back to NULL.
  *  - Writes, deletes and drops pass the deferred write queue: DB_STATUS_BUSY means the request
- *    was parked and is replayed, in order, by db_processQueueEntry().
+ *    was parked and is replayed, in order, by db_processQueueEntry(); DB_STATUS_QUEUE_FULL that
+ *    it was neither written nor parked. Inside db_beginTransaction() ... db_commitTransaction()
+ *    nothing is parked: a write that cannot join the transaction returns 1 and rolls it back.
  *  - Every function opens the database on first use; nothing needs an explicit open.
  *  - Log lines go through ryxLogSetHandler(); the default sink writes notice and above to stderr.
  */
@@ -765,7 +767,9 @@ ADB_API int32_t db_queueInit(void);
  * request was queued behind a waiting one), with the statement's status after it (3 queues it). */
 ADB_API int32_t db_manageQueue(int32_t status, int32_t functionId, char **values, int32_t count,
                                const char *tableName);
-/* Replays parked requests from the head: 0 (queue empty), 2 (requests left), 3 (stalled). */
+/* Replays parked requests from the head: 0 (queue empty), 2 (requests left), 3 (stalled: the
+ * head met a locked file DB_QUEUE_MAX_ATTEMPTS times; each later call tries it once more). Call
+ * it from one thread; one call starts no replay after the processing budget (db_setBusyWait). */
 ADB_API int32_t db_processQueueEntry(void);
 ADB_API int32_t db_processQueue(void);
 /* Drops every parked request. */
