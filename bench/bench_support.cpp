@@ -272,6 +272,13 @@ const sqlite3_io_methods kCountingMethods = {
     countingUnfetch,
 };
 
+// A deletion whose directory is synced (the rollback journal's, under synchronous=EXTRA) costs
+// the flash a sync too.
+int countingDelete(sqlite3_vfs *, const char *path, int syncDir) {
+  if (syncDir != 0) ++gSyncs;
+  return gRealVfs->xDelete(gRealVfs, path, syncDir);
+}
+
 int countingOpen(sqlite3_vfs *, sqlite3_filename name, sqlite3_file *file, int flags, int *out) {
   auto *counting = reinterpret_cast<CountingFile *>(file);
   counting->base.pMethods = nullptr;
@@ -290,6 +297,7 @@ void installCountingVfs() {
   gCountingVfs.zName = "adb-counting";
   gCountingVfs.szOsFile = static_cast<int>(sizeof(CountingFile)) + gRealVfs->szOsFile;
   gCountingVfs.xOpen = countingOpen;
+  gCountingVfs.xDelete = countingDelete;
   gCountingVfs.pAppData = nullptr;
   gCountingVfs.pNext = nullptr;
   check(sqlite3_vfs_register(&gCountingVfs, 1) == SQLITE_OK, "register the counting VFS");

@@ -16,7 +16,9 @@
  *  - A list read hands out `T **list` of rowCount heap records; the caller frees it with the
  *    matching db_free*Result(&list, rowCount), which sets the variable back to NULL.
  *  - Writes, deletes and drops pass the deferred write queue: DB_STATUS_BUSY means the request
- *    was parked and is replayed, in order, by db_processQueueEntry().
+ *    was parked and is replayed, in order, by db_processQueueEntry(); DB_STATUS_QUEUE_FULL that
+ *    it was neither written nor parked. Inside db_beginTransaction() ... db_commitTransaction()
+ *    nothing is parked: a write that cannot join the transaction returns 1 and rolls it back.
  *  - Every function opens the database on first use; nothing needs an explicit open.
  *  - Log lines go through ryxLogSetHandler(); the default sink writes notice and above to stderr.
  */
@@ -50,6 +52,10 @@ struct sqlite3;
 #define DB_STATUS_NO_TABLE 5     /* the table does not exist */
 #define DB_STATUS_OPEN_FAILED 6  /* the database file could not be opened */
 #define DB_STATUS_QUEUE_CHECK -1 /* handed to the queue gate before a first attempt */
+/* Not written and not parked: the database was busy (or an earlier request for the same key
+ * waits) and the write queue could not keep the request. Nothing of it reached the file; the
+ * caller may try again after db_processQueueEntry(). */
+#define DB_STATUS_QUEUE_FULL 7
 
 /* ------------------------------------------------------------------------------------------ */
 /* Logging                                                                                      */
@@ -95,6 +101,18 @@ ADB_API int32_t db_setStatementCache(int32_t enabled);
 /* How many compiled statements the cache holds, and the bytes SQLite counts for them. Returns
  * 0, or 1 for a NULL argument. */
 ADB_API int32_t db_getStatementCacheFigures(uint32_t *statements, uint32_t *bytes);
+
+/* ------------------------------------------------------------------------------------------ */
+/* Waiting for a busy database                                                                  */
+/* ------------------------------------------------------------------------------------------ */
+
+/* A statement that meets a database another process holds waits up to statementMs for it
+ * (short lock bursts are waited out rather than parked), and one db_processQueueEntry() call
+ * starts no replay once it has run for processingMs. 0 and 0 give the immediate behaviour:
+ * every busy statement fails at once with status 3. The compiled-in defaults are
+ * ANALYTICSDB_BUSY_WAIT_MS and ANALYTICSDB_PROCESS_BUDGET_MS; returns 0. Takes effect on the
+ * next statement. */
+ADB_API int32_t db_setBusyWait(uint32_t statementMs, uint32_t processingMs);
 
 /* ------------------------------------------------------------------------------------------ */
 /* Connection and statement execution                                                          */
@@ -758,7 +776,9 @@ ADB_API int32_t db_queueInit(void);
  * request was queued behind a waiting one), with the statement's status after it (3 queues it). */
 ADB_API int32_t db_manageQueue(int32_t status, int32_t functionId, char **values, int32_t count,
                                const char *tableName);
-/* Replays parked requests from the head: 0 (queue empty), 2 (requests left), 3 (stalled). */
+/* Replays parked requests from the head: 0 (queue empty), 2 (requests left), 3 (stalled: the
+ * head met a locked file DB_QUEUE_MAX_ATTEMPTS times; each later call tries it once more). Call
+ * it from one thread; one call starts no replay after the processing budget (db_setBusyWait). */
 ADB_API int32_t db_processQueueEntry(void);
 ADB_API int32_t db_processQueue(void);
 /* Drops every parked request. */
@@ -784,6 +804,25 @@ ADB_API void db_deleteQueue(int32_t status);
 ADB_API void printQueueNode(WriteRequestNode *node);
 ADB_API int32_t db_findMatch(WriteRequestNode *node, int32_t functionId, char **values,
                              int32_t count);
+
+/* What the write queue has done since the process started (counters only grow, except length).
+ * Every request a write API answered with 3 is counted once in parked, and leaves the queue
+ * counted once in replayed, dropped*, or freed. */
+typedef struct QueueStats {
+  uint32_t parked;           /* requests taken into the queue */
+  uint32_t replayed;         /* parked requests written by a replay */
+  uint32_t retried;          /* replay attempts that met a busy database or a transient error */
+  uint32_t droppedError;     /* replays failed with an error a retry cannot fix (logged) */
+  uint32_t droppedMalformed; /* nodes removed without a replay: missing values, unknown id */
+  uint32_t freed;            /* requests dropped by db_freeQueue() */
+  uint32_t refused;          /* requests answered DB_STATUS_QUEUE_FULL: never parked */
+  uint32_t stalls;           /* processing calls that ended on a head attempted too often */
+  uint32_t length;           /* requests in the queue now */
+  uint32_t peakLength;       /* the most requests the queue has held at once */
+} QueueStats;
+
+/* Fills *stats: 0, or 1 for NULL. */
+ADB_API int32_t db_getQueueStats(QueueStats *stats);
 
 #ifdef __cplusplus
 }

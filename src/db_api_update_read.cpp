@@ -666,19 +666,22 @@ int32_t replayIndexRow(const Series &series, char **values) {
   return adb::finishReplay(writeIndexRow(series, values));
 }
 
-// A parked slot write whose slot has no day stays at the head of the queue: it is tried again
-// until the queue stalls, and the host has to clear it.
+// A parked slot write whose slot has no day reports nothing: the queue drops it.
 int32_t replaySlot(const Series &series, char **values, adb::log::Origin origin) {
   SlotWrite write;
   if (!write.prepare(series, values, origin)) return DB_STATUS_FAILURE;
   return adb::finishReplay(write.run());
 }
 
-// Likewise a parked fill that cannot be carried out stays at the head.
+// A parked fill that cannot be carried out reports nothing, and the queue drops it; one that
+// only lacked memory is kept for a later try.
 int32_t replayDefaults(const Series &series, char **values, adb::log::Origin origin) {
   DefaultFill fill;
   DefaultFill::Outcome outcome = fill.prepare(series, values, origin);
-  if (outcome == DefaultFill::Outcome::kNoMemory) return DB_STATUS_FAILURE;
+  if (outcome == DefaultFill::Outcome::kNoMemory) {
+    adb::keepForRetry();
+    return DB_STATUS_FAILURE;
+  }
   if (outcome != DefaultFill::Outcome::kReady) return DB_STATUS_SUCCESS;
   return adb::finishReplay(fill.run());
 }

@@ -28,29 +28,52 @@ constexpr adb::log::Origin kGate{kLogModule, "db_manageQueue"};
 constexpr adb::log::Origin kNonEmptyCheck{kLogModule, "db_updateNonEmptyQueue"};
 
 // The before-writing check: the request joins the queue only behind a waiting request for the
-// same table family and key; otherwise (and when the queue is full) the caller writes directly.
+// same table family and key; otherwise the caller writes directly, even with the queue full,
+// since nothing waits that the write could overtake. A request for a waiting key that the queue
+// cannot keep is refused rather than written past it.
 int32_t queueBehindRelated(const adb::queue::Request &request) {
-  if (adb::queue::head() == nullptr) return 0;
+  if (adb::queue::head() == nullptr) return adb::kGateWrite;
   adb::queue::Locked held;
-  if (adb::queue::head() == nullptr) return 0;
+  if (adb::queue::head() == nullptr) return adb::kGateWrite;
+  const bool related =
+      db_checkTableEntry(request.tableFamily, request.values, request.valueCount) != 0;
   if (queueCount >= DB_QUEUE_MAX_ENTRIES) {
+    if (related) {
+      ADB_LOG_QUEUE_REFUSAL(kNonEmptyCheck, request, true);
+      return adb::kGateRefused;
+    }
     // This line deliberately ends without a newline.
     ADB_LOG_FOR(kNonEmptyCheck, RYX_LOG_ERROR,
                 "Queue has MAX number of entries. Queue count [%d] MAX value [%d]", queueCount,
                 DB_QUEUE_MAX_ENTRIES);
-    return 0;
+    return adb::kGateWrite;
   }
-  if (db_checkTableEntry(request.tableFamily, request.values, request.valueCount) != 0) {
-    return adb::queue::append(request);
+  if (!related) return adb::kGateWrite;
+  if (adb::queue::append(request) == 0) {
+    ADB_LOG_QUEUE_REFUSAL(kNonEmptyCheck, request, false);
+    return adb::kGateRefused;
   }
-  return 0;
+  return adb::kGateQueued;
 }
 
 int32_t passGate(int32_t status, const adb::queue::Request &request) {
   if (status == DB_STATUS_QUEUE_CHECK) return queueBehindRelated(request);
   // Only a busy database is worth a retry; every other outcome stands.
-  if (status == DB_STATUS_BUSY) adb::queue::appendBusy(request);
+  if (status == DB_STATUS_BUSY && !adb::queue::appendBusy(request)) return adb::kGateNotParked;
   return 0;
+}
+
+// Letter case does not matter to the key columns (COLLATE NOCASE), so it must not matter here:
+// "AA:BB" waiting must hold back a write for "aa:bb". ASCII only, whatever the host's locale.
+bool keyStartsWith(const char *held, const char *wanted) {
+  for (; *wanted != '\0'; ++held, ++wanted) {
+    unsigned char a = static_cast<unsigned char>(*held);
+    unsigned char b = static_cast<unsigned char>(*wanted);
+    if (a >= 'A' && a <= 'Z') a = static_cast<unsigned char>(a - 'A' + 'a');
+    if (b >= 'A' && b <= 'Z') b = static_cast<unsigned char>(b - 'A' + 'a');
+    if (a != b) return false;  // also ends at the held text's terminator
+  }
+  return true;
 }
 
 /* ---------------------------------------------------------------- replay catalogue ---- */
@@ -187,7 +210,30 @@ int32_t manageQueue(int32_t status, int32_t functionId, char **values, int32_t v
   return passGate(status, {functionId, values, valueCount, recordedCount, tableFamily});
 }
 
+bool requestWaits(int32_t functionId, char **values, int32_t valueCount, const char *tableFamily) {
+  return queue::keyWaits({functionId, values, valueCount, valueCount, tableFamily});
+}
+
+bool queue::keyWaits(const Request &request) {
+  if (head() == nullptr) return false;
+  Locked held;
+  return db_checkTableEntry(request.tableFamily, request.values, request.valueCount) != 0;
+}
+
+bool runReplay(WriteRequestNode &head);
+
 bool queue::replay(WriteRequestNode &head) {
+  noteOutcome(Outcome::kNone);
+  if (!runReplay(head)) return false;
+  // A replay that reported no outcome found its node's values unusable (no version, a slot of
+  // no day table, a range over two days): retrying it would stall the queue for good.
+  if (lastOutcome() == Outcome::kNone && queue::head() == &head) {
+    dropMalformed(head, "its values give no statement");
+  }
+  return true;
+}
+
+bool runReplay(WriteRequestNode &head) {
   const Replay &row = replayOf(head.functionId);
   const char *first = valueAt(head, 0);
   const char *second = valueAt(head, 1);
@@ -203,21 +249,21 @@ bool queue::replay(WriteRequestNode &head) {
       if (second != nullptr) {
         row.withNumber(std::atoi(second));
       } else {
-        db_deleteQueueEntry();
+        queue::dropMalformed(head, "no day");
       }
       return true;
     case ReplayArgs::kKey:
       if (first != nullptr) {
         row.withKey(first);
       } else {
-        db_deleteQueueEntry();
+        queue::dropMalformed(head, "no key");
       }
       return true;
     case ReplayArgs::kKeyAndDay:
       if (first != nullptr && second != nullptr) {
         row.withKeyAndDay(first, std::atoi(second));
       } else {
-        db_deleteQueueEntry();
+        queue::dropMalformed(head, "no key or day");
       }
       return true;
     case ReplayArgs::kNothing:
@@ -233,14 +279,17 @@ bool queue::replay(WriteRequestNode &head) {
 
 extern "C" {
 
+// Non-zero before a statement: do not write (queued, or refused for a full queue). After one: 0.
 ADB_API int32_t db_manageQueue(int32_t status, int32_t functionId, char **values, int32_t count,
                                const char *tableName) {
-  return adb::manageQueue(status, functionId, values, count, count, tableName);
+  int32_t result = adb::manageQueue(status, functionId, values, count, count, tableName);
+  return status == DB_STATUS_QUEUE_CHECK ? result : 0;
 }
 
 ADB_API int32_t db_updateNonEmptyQueue(int32_t functionId, char **values, int32_t count,
                                        const char *tableName) {
-  return queueBehindRelated({functionId, values, count, count, tableName});
+  // Non-zero also for a refused request: its caller must not write it past the waiting one.
+  return queueBehindRelated({functionId, values, count, count, tableName}) != adb::kGateWrite;
 }
 
 ADB_API int32_t db_checkTableEntry(const char *tableName, char **values, int32_t count) {
@@ -259,7 +308,7 @@ ADB_API int32_t db_checkTableEntry(const char *tableName, char **values, int32_t
     if (wanted == nullptr || wanted[0] == '\0') return 1;
     const char *held = node->fieldValues[0];
     if (held == nullptr || held[0] == '\0') return 1;
-    if (std::strncmp(held, wanted, std::strlen(wanted)) == 0) return 1;
+    if (keyStartsWith(held, wanted)) return 1;
   }
   return 0;
 }

@@ -15,8 +15,10 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 
 #include "analyticsdb.h"
+#include "internal/connection.h"
 #include "internal/guards.h"
 #include "internal/log.h"
 #include "internal/numbers.h"
@@ -47,6 +49,50 @@ int32_t storePath(char (&target)[kPathCapacity], const char *path) {
   }
   adb::TextBuilder(target, sizeof target).append(path);
   return DB_STATUS_SUCCESS;
+}
+
+// The check-then-open of db_open and the close are one step each: threads making their first
+// calls at once must find one connection, not open one each.
+std::mutex gOpenMutex;
+
+// How long a statement waits for a file another process holds, and how long one processing call
+// goes on starting replays. Short lock bursts of other processes' transactions are waited out
+// instead of parked; the budget keeps a processing call's caller from blocking for long.
+std::atomic<uint32_t> gStatementWaitMs{ANALYTICSDB_BUSY_WAIT_MS};
+std::atomic<uint32_t> gProcessingBudgetMs{ANALYTICSDB_PROCESS_BUDGET_MS};
+
+// SQLite's result of the last statement this thread ran: the queue asks whether a failed replay
+// is worth a retry, and the status codes alone cannot tell a full disk from bad SQL.
+thread_local int tLastResult = SQLITE_OK;
+
+// The busy handler: SQLite calls it with count 0 when a statement first meets the lock, then
+// again while it returns non-zero. Sleeps in growing steps until the wait is used up.
+int waitForLock(void *, int count) {
+  thread_local uint64_t waitStarted = 0;
+  uint64_t now = adb::monotonicMillis();
+  if (count == 0) waitStarted = now;
+  uint64_t wait = gStatementWaitMs.load(std::memory_order_relaxed);
+  uint64_t waited = now - waitStarted;
+  if (waited >= wait) return 0;
+  uint64_t step = count < 3 ? 1u : (count < 10 ? 2u : 5u);
+  if (step > wait - waited) step = wait - waited;
+  timespec pause{0, static_cast<long>(step * 1000000u)};
+  nanosleep(&pause, nullptr);
+  return 1;
+}
+
+// What every new connection gets before its first statement: the busy handler, and commits
+// that survive a power cut. With the rollback journal, synchronous=FULL syncs the journal and
+// the database but not the journal's deletion, so a cut right after COMMIT returned could bring
+// the journal back and roll the transaction back: EXTRA syncs the directory too. In WAL mode the
+// WAL is synced at every commit; EXTRA is kept there as well, so that a file the switch to WAL
+// did not reach (another process held it) is still safe.
+void prepareConnection(sqlite3 *db) {
+  sqlite3_busy_handler(db, waitForLock, nullptr);
+#if ANALYTICSDB_WAL
+  sqlite3_exec(db, "PRAGMA journal_mode = WAL", nullptr, nullptr, nullptr);
+#endif
+  sqlite3_exec(db, "PRAGMA synchronous = EXTRA", nullptr, nullptr, nullptr);
 }
 
 // Set while the caller's transaction (BEGIN ... COMMIT) is open on the shared connection, which
@@ -181,6 +227,7 @@ int32_t execWrite(adb::StatementText &sql, sqlite3 *db, sqlite3_stmt *compiled, 
     }
     *result = sqlite3_exec(db, sql.get(), nullptr, nullptr, message.out());
   }
+  tLastResult = *result;
   if (*result == SQLITE_OK) return DB_STATUS_SUCCESS;
   return reportWriteFailure(sql, *result, message.get());
 }
@@ -317,6 +364,7 @@ bool adb::updateExistingRow(const BoundWrite &update, StatementText &text, int32
   sqlite3_mutex *mutex = sqlite3_db_mutex(db);
   sqlite3_mutex_enter(mutex);
   int result = sqlite3_step(statement);
+  tLastResult = result;
   bool updated = result == SQLITE_DONE && sqlite3_changes(db) == 1;
   if (result != SQLITE_DONE) *message.out() = sqlite3_mprintf("%s", sqlite3_errmsg(db));
   sqlite3_reset(statement);
@@ -342,6 +390,47 @@ bool adb::updateExistingRow(const BoundWrite &update, StatementText &text, int32
   return true;
 }
 
+uint64_t adb::monotonicMillis() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1000u + static_cast<uint64_t>(now.tv_nsec / 1000000);
+}
+
+uint32_t adb::processingBudgetMs() { return gProcessingBudgetMs.load(std::memory_order_relaxed); }
+uint32_t adb::statementWaitMs() { return gStatementWaitMs.load(std::memory_order_relaxed); }
+
+bool adb::lastFailureTransient() {
+  switch (tLastResult & 0xff) {
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+    case SQLITE_FULL:
+    case SQLITE_IOERR:
+    case SQLITE_NOMEM:
+    case SQLITE_CANTOPEN:
+    case SQLITE_PROTOCOL:
+    case SQLITE_ABORT:  // refused inside a transaction SQLite rolled back: fine after COMMIT
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool adb::callerTransactionOpen() { return gTransactionOpen; }
+
+int32_t adb::abandonTransaction(int32_t functionId, const char *tableFamily, const char *key) {
+  ADB_LOG_FOR(kWriteLines, RYX_LOG_ERROR,
+              "[analyticsDB] WRITE refused: func[%d] Table[%s] Key[%s] cannot join the open "
+              "transaction (database busy or an earlier request for the key is queued): the "
+              "transaction is rolled back, COMMIT ends it\n",
+              functionId, orNull(tableFamily), orNull(key));
+  // gTransactionOpen stays set: with SQLite out of the transaction, later writes and the
+  // caller's COMMIT are refused, so the caller learns that nothing of it was kept.
+  if (database_connection != nullptr && sqlite3_get_autocommit(database_connection) == 0) {
+    sqlite3_exec(database_connection, "ROLLBACK", nullptr, nullptr, nullptr);
+  }
+  return DB_STATUS_FAILURE;
+}
+
 void adb::noteTransactionState() {
   gTransactionOpen =
       database_connection != nullptr && sqlite3_get_autocommit(database_connection) == 0;
@@ -356,6 +445,12 @@ ADB_API int32_t db_setDatabasePath(const char *path) {
 
 ADB_API int32_t db_setProfileMarkerPath(const char *path) {
   return storePath(gProfileMarkerPath, path);
+}
+
+ADB_API int32_t db_setBusyWait(uint32_t statementMs, uint32_t processingMs) {
+  gStatementWaitMs.store(statementMs, std::memory_order_relaxed);
+  gProcessingBudgetMs.store(processingMs, std::memory_order_relaxed);
+  return DB_STATUS_SUCCESS;
 }
 
 ADB_API int32_t db_open_connection(sqlite3 **handle) {
@@ -373,10 +468,12 @@ ADB_API int32_t db_open_connection(sqlite3 **handle) {
     db_close_connection(handle);
     return DB_STATUS_OPEN_FAILED;
   }
+  prepareConnection(*handle);
   return DB_STATUS_SUCCESS;
 }
 
 ADB_API int32_t db_open(void) {
+  std::lock_guard<std::mutex> guard(gOpenMutex);
   if (database_connection == nullptr) {
     int32_t status = db_open_connection(&database_connection);
     if (status != DB_STATUS_SUCCESS) return status;
@@ -407,6 +504,7 @@ ADB_API int32_t db_close_connection(sqlite3 **handle) {
 }
 
 ADB_API int32_t db_close(void) {
+  std::lock_guard<std::mutex> guard(gOpenMutex);
   if (database_connection == nullptr) return DB_STATUS_SUCCESS;
   int32_t status = db_close_connection(&database_connection);
   adb::noteTransactionState();  // closing ends (rolls back) an open transaction
@@ -429,6 +527,7 @@ ADB_API int32_t db_retrieveTableData(const char *sql, char ***cells, int32_t *ro
   adb::SqliteMessage message;
   int result = sqlite3_get_table(connectionOf(handle), sql, cells, rowCount, columnCount,
                                  message.out());
+  tLastResult = result;
   if (result == SQLITE_OK) return DB_STATUS_SUCCESS;
   if (message.get() != nullptr) {
     ADB_LOG_ERROR("[analyticsDB] READ ERROR : %s ret : %d\n", message.get(), result);
@@ -446,6 +545,7 @@ ADB_API int32_t db_write(const char *sql) {
   if (transactionLost()) {
     ADB_LOG_ERROR("[analyticsDB] WRITE refused: the transaction was rolled back by an earlier "
                   "error, COMMIT ends it \n Query : %s \n", orNull(sql));
+    tLastResult = SQLITE_ABORT;
     return DB_STATUS_FAILURE;
   }
   PlainText text(sql);

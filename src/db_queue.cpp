@@ -17,6 +17,8 @@
 #include <cstring>
 
 #include "analyticsdb.h"
+#include "internal/connection.h"
+#include "internal/gate.h"
 #include "internal/log.h"
 #include "internal/memory.h"
 #include "internal/queue.h"
@@ -38,6 +40,38 @@ namespace {
 // as db_updateQueue; the busy append's own lines are db_updateQueueEntry's.
 constexpr adb::log::Origin kAppend{kLogModule, "db_updateQueue"};
 constexpr adb::log::Origin kBusyAppend{kLogModule, "db_updateQueueEntry"};
+// A node dropped because no replay can be built from it is dropped while processing.
+constexpr adb::log::Origin kProcessing{kLogModule, "db_processQueue"};
+
+// What db_getQueueStats reports. Changed with atomic adds from whichever thread parks, replays or
+// refuses; the peak only under `lock`, where the length changes.
+QueueStats gStats = {};
+// What the last replay reported; only the processing thread reads it.
+adb::queue::Outcome gOutcome = adb::queue::Outcome::kNone;
+
+uint32_t *counterOf(adb::queue::Counter counter) {
+  using adb::queue::Counter;
+  switch (counter) {
+    case Counter::kParked: return &gStats.parked;
+    case Counter::kReplayed: return &gStats.replayed;
+    case Counter::kRetried: return &gStats.retried;
+    case Counter::kDroppedError: return &gStats.droppedError;
+    case Counter::kDroppedMalformed: return &gStats.droppedMalformed;
+    case Counter::kFreed: return &gStats.freed;
+    case Counter::kRefused: return &gStats.refused;
+    case Counter::kStalls: return &gStats.stalls;
+  }
+  return &gStats.stalls;
+}
+
+// A request was taken in; `lock` is held.
+void noteParked() {
+  adb::queue::count(adb::queue::Counter::kParked);
+  uint32_t length = static_cast<uint32_t>(queueCount);
+  if (length > __atomic_load_n(&gStats.peakLength, __ATOMIC_RELAXED)) {
+    __atomic_store_n(&gStats.peakLength, length, __ATOMIC_RELAXED);
+  }
+}
 
 // The table name copy is bounded one byte short of its buffer (126 characters of text), on
 // purpose: family names are far shorter, and the bound is part of the node's contract.
@@ -85,10 +119,9 @@ bool fill(WriteRequestNode &node, const adb::queue::Request &request,
   adb::TextBuilder name(node.tableName, kTableNameCopyBound);
   if (request.tableFamily != nullptr) name.append(request.tableFamily);
   if (request.values == nullptr) return true;
-  // Never more values than the caller's array holds, than the node records, or than it has.
-  int32_t copies =
-      request.valueCount < request.recordedCount ? request.valueCount : request.recordedCount;
-  if (copies > DB_QUEUE_FIELD_SLOTS) copies = DB_QUEUE_FIELD_SLOTS;
+  // Never more values than the caller's array holds, than the node keeps, or than it has.
+  int32_t copies = adb::queue::valueSlots(node);
+  if (copies > request.valueCount) copies = request.valueCount;
   for (int32_t i = 0; i < copies; ++i) {
     if (request.values[i] == nullptr) continue;
     node.fieldValues[i] = copyOf(request.values[i]);
@@ -130,7 +163,27 @@ void unlinkHead() {
 
 }  // namespace
 
+void adb::keepForRetry() {
+  queue::noteOutcome(queue::Outcome::kTransient);
+  queue::count(queue::Counter::kRetried);
+}
+
 namespace adb::queue {
+
+void count(Counter counter, uint32_t amount) {
+  __atomic_fetch_add(counterOf(counter), amount, __ATOMIC_RELAXED);
+}
+
+Outcome lastOutcome() { return gOutcome; }
+void noteOutcome(Outcome outcome) { gOutcome = outcome; }
+
+void dropMalformed(const WriteRequestNode &node, const char *why) {
+  ADB_LOG_FOR(kProcessing, RYX_LOG_ERROR, "[analyticsDB] Queue: dropped func[%d] Table[%s] Key[%s]: %s\n",
+              node.functionId, node.tableName, orNull(node.fieldValues[0]), why);
+  count(Counter::kDroppedMalformed);
+  noteOutcome(Outcome::kRemoved);
+  db_deleteQueueEntry();
+}
 
 int32_t append(const Request &request) {
   if (!fitsInNode(request, kAppend)) return 0;
@@ -150,33 +203,43 @@ int32_t append(const Request &request) {
     setHead(node);
   }
   lastNode = node;
+  noteParked();
   ADB_LOG_FOR(kAppend, RYX_LOG_INFO, "[analyticsDB] Added Queue func[%d]  Table[%s]\n",
               request.functionId, orNull(request.tableFamily));
   return 1;
 }
 
-void appendBusy(const Request &request) {
+bool appendBusy(const Request &request) {
   adb::queue::Locked held;
   if (head() != nullptr) {
     if (queueCount >= DB_QUEUE_MAX_ENTRIES) {
-      ADB_LOG_FOR(kBusyAppend, RYX_LOG_ERROR,
-                  "Queue has MAX number of entries. Queue count [%d] MAX value [%d]\n", queueCount,
-                  DB_QUEUE_MAX_ENTRIES);
-      return;
+      ADB_LOG_QUEUE_REFUSAL(kBusyAppend, request, true);
+      return false;
     }
-    append(request);
-    return;
+    if (append(request) == 0) {
+      ADB_LOG_QUEUE_REFUSAL(kBusyAppend, request, false);
+      return false;
+    }
+    return true;
   }
-  if (!fitsInNode(request, kBusyAppend)) return;
+  if (!fitsInNode(request, kBusyAppend)) {
+    count(Counter::kRefused);
+    return false;
+  }
   WriteRequestNode *node = filledNode(
       request, "[analyticsDB] - Add Queue,1stNode - Memory allocation failed for lock\n",
       kBusyAppend);
-  if (node == nullptr) return;
+  if (node == nullptr) {
+    ADB_LOG_QUEUE_REFUSAL(kBusyAppend, request, false);
+    return false;
+  }
   ADB_LOG_FOR(kBusyAppend, RYX_LOG_ERROR, "[analyticsDB] - Add Queue,1stNode func[%d] Table[%s]\n",
               request.functionId, orNull(request.tableFamily));
   lastNode = node;
   queueCount = 1;
   setHead(node);
+  noteParked();
+  return true;
 }
 
 }  // namespace adb::queue
@@ -233,40 +296,73 @@ ADB_API void db_deleteQueueEntry(void) {
 }
 
 ADB_API void db_deleteQueue(int32_t status) {
+  using adb::queue::Counter;
+  using adb::queue::Outcome;
   if (status == DB_STATUS_SUCCESS) {
+    adb::queue::noteOutcome(Outcome::kRemoved);
+    adb::queue::count(Counter::kReplayed);
     db_deleteQueueEntry();
     return;
   }
-  if (status == DB_STATUS_BUSY || status == DB_STATUS_QUEUE_CHECK) return;
-  // Anything but a busy database would fail again: the request is dropped, not retried.
+  if (status == DB_STATUS_BUSY || status == DB_STATUS_QUEUE_CHECK) {
+    adb::queue::noteOutcome(Outcome::kBusy);
+    adb::queue::count(Counter::kRetried);
+    return;
+  }
+  // A full disk, an I/O error, no memory or a file that would not open may be gone by the next
+  // call: the request stays at the head, so that nothing behind it overtakes it.
+  if (status == DB_STATUS_OPEN_FAILED ||
+      (status == DB_STATUS_FAILURE && adb::lastFailureTransient())) {
+    adb::queue::noteOutcome(Outcome::kTransient);
+    adb::queue::count(Counter::kRetried);
+    return;
+  }
+  // A constraint, a missing table or a statement SQLite rejects would fail again: dropped.
   ADB_LOG_ERROR("[analyticsDB] Delete Reason:status[%d]\n", status);
+  if (WriteRequestNode *node = adb::queue::head(); node != nullptr) {
+    ADB_LOG_ERROR("[analyticsDB] Queue: dropped func[%d] Table[%s] Key[%s]\n", node->functionId,
+                  node->tableName, adb::queue::orNull(node->fieldValues[0]));
+  }
+  adb::queue::noteOutcome(Outcome::kRemoved);
+  adb::queue::count(Counter::kDroppedError);
   db_deleteQueueEntry();
 }
 
+// Replays from the head until the queue is empty, DB_QUEUE_MAX_PER_CALL attempts are made, the
+// call's time budget is spent, or a replay meets an error that only time can clear. A head
+// attempted DB_QUEUE_MAX_ATTEMPTS times has met a file locked for that many statement waits: the
+// call then tries it once and, while it stays busy, reports the stall (3) at once; the first
+// replay that gets through opens the queue again.
 ADB_API int32_t db_processQueue(void) {
   if (adb::queue::head() == nullptr) return DB_STATUS_SUCCESS;
+  const uint64_t started = adb::monotonicMillis();
+  const uint32_t budget = adb::processingBudgetMs();
   int32_t attempt = 0;
   for (;;) {
     WriteRequestNode *node = adb::queue::head();
-    if (node == nullptr || attempt == DB_QUEUE_MAX_PER_CALL ||
-        adb::queue::attempts() >= DB_QUEUE_MAX_ATTEMPTS) {
-      break;
-    }
+    if (node == nullptr || attempt == DB_QUEUE_MAX_PER_CALL) break;
+    bool stalled = adb::queue::attempts() >= DB_QUEUE_MAX_ATTEMPTS;
+    if (stalled && attempt > 0) break;
+    if (attempt > 0 && budget > 0 && adb::monotonicMillis() - started >= budget) break;
     ADB_LOG_ERROR("[analyticsDB] Get Node [%d] func[%d] Table[%s]\n", attempt, node->functionId,
                   node->tableName);
     if (!adb::queue::replay(*node)) {
       ADB_LOG_ERROR("[analyticsDB] Get Node, Function is not supported in Queue\n");
-      db_deleteQueueEntry();
+      adb::queue::dropMalformed(*node, "unknown function");
     }
     // Counted after the replay, so after a removal (which resets the count) the next head
     // starts one attempt ahead. Kept so: the stall limit of a head counts from there.
     adb::queue::setAttempts(adb::queue::attempts() + 1);
     ++attempt;
+    adb::queue::Outcome outcome = adb::queue::lastOutcome();
+    if (outcome == adb::queue::Outcome::kTransient) break;
+    if (stalled && outcome != adb::queue::Outcome::kRemoved) break;
   }
   if (adb::queue::attempts() >= DB_QUEUE_MAX_ATTEMPTS) {
-    // Not reset here: the queue stays stalled until the head is removed or the queue freed.
+    // Not reset here: the queue stays stalled until its head gets through or is removed.
     ADB_LOG_ERROR("[analyticsDB] Same node is getting processed for max number of time [%d]\n",
                   adb::queue::attempts());
+    adb::queue::count(adb::queue::Counter::kStalls);
     return DB_STATUS_BUSY;
   }
   if (adb::queue::head() != nullptr) {
@@ -281,7 +377,10 @@ ADB_API int32_t db_processQueueEntry(void) { return db_processQueue(); }
 
 ADB_API int32_t db_freeQueueEntries(void) {
   pthread_mutex_lock(&lock);
-  while (adb::queue::head() != nullptr) unlinkHead();
+  while (adb::queue::head() != nullptr) {
+    unlinkHead();
+    adb::queue::count(adb::queue::Counter::kFreed);
+  }
   lastNode = nullptr;
   return pthread_mutex_unlock(&lock);
 }
@@ -313,6 +412,25 @@ ADB_API void queue_printContents(void) {
 }
 
 ADB_API void db_printQueue(void) { queue_printContents(); }
+
+ADB_API int32_t db_getQueueStats(QueueStats *stats) {
+  if (stats == nullptr) return DB_STATUS_FAILURE;
+  auto load = [](const uint32_t &counter) { return __atomic_load_n(&counter, __ATOMIC_RELAXED); };
+  adb::queue::Locked held;  // the length changes under the lock
+  *stats = QueueStats{
+      .parked = load(gStats.parked),
+      .replayed = load(gStats.replayed),
+      .retried = load(gStats.retried),
+      .droppedError = load(gStats.droppedError),
+      .droppedMalformed = load(gStats.droppedMalformed),
+      .freed = load(gStats.freed),
+      .refused = load(gStats.refused),
+      .stalls = load(gStats.stalls),
+      .length = static_cast<uint32_t>(queueCount),
+      .peakLength = load(gStats.peakLength),
+  };
+  return DB_STATUS_SUCCESS;
+}
 
 ADB_API void printQueueNode(WriteRequestNode *node) {
   if (node == nullptr) return;

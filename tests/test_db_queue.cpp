@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,6 +28,17 @@ class QueueTest : public adbtest::DbTest {
     raw().exec(
         "CREATE TABLE DEVICEINFO (MAC_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE, "
         "CAPACITY INTEGER CHECK (CAPACITY < 1000))");
+    db_getQueueStats(&start_);
+  }
+
+  // The queue's counters since the test began (they count for the whole process).
+  QueueStats counted() const {
+    QueueStats now{};
+    db_getQueueStats(&now);
+    uint32_t *to = &now.parked;
+    const uint32_t *from = &start_.parked;
+    for (uint32_t *end = &now.length; to != end; ++to, ++from) *to -= *from;
+    return now;
   }
 
   // Parks a capacity write as a write that met a busy database does.
@@ -41,6 +53,9 @@ class QueueTest : public adbtest::DbTest {
   }
 
   size_t gotNodeLines() { return log().countContaining("[analyticsDB] Get Node ["); }
+
+ private:
+  QueueStats start_{};
 };
 
 TEST_F(QueueTest, OnlyBusyWritesParkAPrivateCopyThatHoldsBackItsKey) {
@@ -112,19 +127,16 @@ TEST_F(QueueTest, BusyReplayKeepsItsNodeUntilTheStallIsCleared) {
         log().has(RYX_LOG_ERROR,
                   "[analyticsDB] Same node is getting processed for max number of time [500]\n"));
   }
-  // A free database does not end the stall: nothing is replayed until the head goes.
-  log().clear();
-  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_BUSY);
-  EXPECT_EQ(gotNodeLines(), 0u);
-  EXPECT_EQ(adbtest::queueLength(), 2);
-
-  db_deleteQueueEntry();
-  EXPECT_TRUE(
-      log().has(RYX_LOG_ERROR, "[analyticsDB] DeleteQueueEntry func[4] table[DEVICEINFO]\n"));
-  EXPECT_EQ(queueProcessCount, 0);
+  // Once the lock goes, the next call's single try on the stalled head gets through and the
+  // queue flows again.
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
-  EXPECT_EQ(capacityOf("aa"), std::nullopt);
+  EXPECT_EQ(queueProcessCount, 0);
+  EXPECT_EQ(capacityOf("aa"), Cell("1"));
   EXPECT_EQ(capacityOf("bb"), Cell("2"));
+  QueueStats stats = counted();
+  EXPECT_EQ(stats.stalls, 1u);
+  EXPECT_EQ(stats.retried, 500u);
+  EXPECT_EQ(db_getQueueStats(nullptr), DB_STATUS_FAILURE);
 
   // Freeing the queue ends a stall too.
   park("cc", "3");
@@ -137,6 +149,98 @@ TEST_F(QueueTest, BusyReplayKeepsItsNodeUntilTheStallIsCleared) {
   park("dd", "4");
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
   EXPECT_EQ(capacityOf("dd"), Cell("4"));
+}
+
+// The ways a parked write used to be lost or overtaken: letter case, a full disk during its
+// replay, a one-slot default fill, and a write parked out of the caller's transaction.
+TEST_F(QueueTest, NothingTheCallerWasToldWasKeptIsLostOrOvertaken) {
+  // "CA:..." waits; "ca:..." must queue behind it, as the key column ignores case.
+  park("CA:00:00:00:00:08", "7");
+  EXPECT_EQ(db_updateDeviceInfoCapacity(Values{"ca:00:00:00:00:08", "8"}.data()), DB_STATUS_BUSY);
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(raw().scalar("SELECT CAPACITY FROM DEVICEINFO"), Cell("8"));
+
+  // A full disk keeps a request at the head (the call ends there); every one is written once
+  // there is room again. Eight long keys need more than the one free page left.
+  auto longKey = [](int i) { return std::string(900, 'a' + static_cast<char>(i)); };
+  for (int i = 0; i < 8; ++i) park(longKey(i), "9");
+  ASSERT_EQ(db_write("PRAGMA max_page_count = 3"), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_EMPTY);
+  EXPECT_EQ(counted().retried, 1u);
+  EXPECT_GT(adbtest::queueLength(), 0);
+  ASSERT_EQ(db_write("PRAGMA max_page_count = 1000000"), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(capacityOf(longKey(i)), Cell("9"));
+
+  // A one-slot default fill records 2 columns but replays from its three values.
+  createSeriesTables();
+  ASSERT_EQ(db_updatePrimitiveRssi(Values{"dd:01", "1700000000", "5"}.data()), DB_STATUS_SUCCESS);
+  EXPECT_EQ(whileBusy([] {
+              return db_updateRssiSlotDefaultValue(Values{"dd:01", "5", "5"}.data());
+            }),
+            DB_STATUS_BUSY);
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(raw().scalar("SELECT SLOT5 FROM RSSI1 WHERE MAC_S = 'dd:01'"), Cell("0"));
+
+  // A write that cannot join the caller's transaction (its key waits) rolls it back: COMMIT
+  // reports it, and neither that write nor the earlier one of the transaction is in the file.
+  park("tx:02", "2");
+  ASSERT_EQ(db_beginTransaction(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_updateDeviceInfoCapacity(Values{"tx:01", "1"}.data()), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_updateDeviceInfoCapacity(Values{"tx:02", "3"}.data()), DB_STATUS_FAILURE);
+  EXPECT_EQ(db_updateDeviceInfoCapacity(Values{"tx:03", "3"}.data()), DB_STATUS_FAILURE);
+  EXPECT_EQ(db_commitTransaction(), DB_STATUS_FAILURE);
+  EXPECT_EQ(capacityOf("tx:01"), std::nullopt);
+  EXPECT_EQ(adbtest::queueLength(), 1);  // only the request parked before the transaction
+  EXPECT_EQ(log().countContaining("func[4] Table[DEVICEINFO] Key[tx:02] cannot join the open "
+                                  "transaction"),
+            1u);
+  // Busy inside a transaction: not parked either.
+  ASSERT_EQ(db_beginTransaction(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(whileBusy([] { return db_updateDeviceInfoCapacity(Values{"tx:04", "4"}.data()); }),
+            DB_STATUS_FAILURE);
+  EXPECT_EQ(db_commitTransaction(), DB_STATUS_FAILURE);
+  EXPECT_EQ(adbtest::queueLength(), 1);
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(capacityOf("tx:02"), Cell("2"));
+  QueueStats stats = counted();
+  EXPECT_EQ(stats.parked, 12u);
+  EXPECT_EQ(stats.replayed, 12u);
+  EXPECT_EQ(stats.length, 0u);
+}
+
+// Threads making their first calls at once share one connection; run under ThreadSanitizer too.
+// The race is narrow, so the first calls are repeated from a closed connection a few times.
+TEST_F(QueueTest, FirstCallsFromManyThreadsOpenOneConnection) {
+  constexpr int kThreads = 8;
+  constexpr int kRounds = 10;
+  // Descriptors of this process open on the database file: the fixture's own connection's, and
+  // after the threads, one more.
+  auto openOnFile = [this] {
+    int open = 0;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      std::error_code error;
+      if (std::filesystem::read_symlink(entry.path(), error) == dbPath()) ++open;
+    }
+    return open;
+  };
+  const int before = openOnFile();
+  for (int round = 0; round < kRounds; ++round) {
+    ASSERT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
+    std::atomic<int> ready{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([t, &ready] {
+        ready.fetch_add(1);
+        while (ready.load() < kThreads) std::this_thread::yield();
+        Values values(std::vector<std::string>{"first:" + std::to_string(t), "1"});
+        EXPECT_EQ(db_updateDeviceInfoCapacity(values.data()), DB_STATUS_SUCCESS);
+      });
+    }
+    for (std::thread &thread : threads) thread.join();
+    ASSERT_EQ(openOnFile(), before + 1) << "round " << round;
+  }
+  EXPECT_EQ(raw().scalar("SELECT count(*) FROM DEVICEINFO"), Cell(std::to_string(kThreads)));
 }
 
 TEST_F(QueueTest, FailedAndUnknownRequestsAreRemovedAndProcessingGoesOn) {
@@ -163,14 +267,25 @@ TEST_F(QueueTest, LimitsOfEntriesAndOfAttemptsPerCall) {
   for (int i = 0; i < 320; ++i) park("k" + std::to_string(i), std::to_string(i % 1000));
   EXPECT_EQ(queueCount, 320);
 
-  park("late", "1");
-  EXPECT_TRUE(log().has(RYX_LOG_ERROR,
-                        "Queue has MAX number of entries. Queue count [320] MAX value [320]\n"));
-  // Before writing, a full queue lets the request past it, even behind a waiting key.
-  EXPECT_EQ(db_manageQueue(-1, kCapacityId, Values{"k0", "9"}.data(), 2, "DEVICEINFO"), 0);
-  EXPECT_TRUE(log().has(RYX_LOG_ERROR,
-                        "Queue has MAX number of entries. Queue count [320] MAX value [320]"));
+  // A busy write the full queue cannot keep is told so, not "parked"; a write for a waiting key
+  // is refused rather than written past it; a write for any other key goes to the file.
+  EXPECT_EQ(whileBusy([] { return db_updateDeviceInfoCapacity(Values{"late", "1"}.data()); }),
+            DB_STATUS_QUEUE_FULL);
+  EXPECT_EQ(db_updateDeviceInfoCapacity(Values{"K0", "9"}.data()), DB_STATUS_QUEUE_FULL);
+  EXPECT_EQ(db_updateDeviceInfoCapacity(Values{"free", "9"}.data()), DB_STATUS_SUCCESS);
+  for (const char *key : {"late", "K0"}) {
+    EXPECT_EQ(log().count(RYX_LOG_ERROR, "Queue has MAX number of entries. Queue count [320] MAX "
+                                         "value [320] func[4] Table[DEVICEINFO] Key[" +
+                                             std::string(key) + "]: not written, not parked\n"),
+              1u);
+  }
+  EXPECT_EQ(capacityOf("k0"), std::nullopt);
   EXPECT_EQ(queueCount, 320);
+  QueueStats stats = counted();
+  EXPECT_EQ(stats.refused, 2u);
+  EXPECT_EQ(stats.parked, 320u);
+  EXPECT_EQ(stats.peakLength, 320u);
+  raw().exec("DELETE FROM DEVICEINFO");
 
   // The append itself has no limit; one call replays 320 requests and leaves the rest.
   pthread_mutex_lock(&lock);
@@ -225,9 +340,9 @@ TEST_F(QueueTest, NodeNeverHoldsMoreThanItsCapacity) {
   db_manageQueue(DB_STATUS_BUSY, 1, fifty.data(), 50, "DEVICEINFO");
   ASSERT_NE(adbtest::queueHead(), nullptr);
   EXPECT_EQ(adbtest::nodeValues(*adbtest::queueHead()).back(), Cell("v49"));
-  // Behind a waiting entry an oversized request is not queued either: it is written directly.
+  // Behind a waiting entry an oversized request is not queued either, nor written past it.
   Values related(std::vector<std::string>(51, "v0"));
-  EXPECT_EQ(db_manageQueue(-1, 1, related.data(), 51, "DEVICEINFO"), 0);
+  EXPECT_NE(db_manageQueue(-1, 1, related.data(), 51, "DEVICEINFO"), 0);
   EXPECT_EQ(queueCount, 1);
 
   // Filling by hand copies no more than the node holds, whatever count it records.

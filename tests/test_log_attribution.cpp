@@ -161,17 +161,30 @@ TEST_F(LogAttribution, HelpersLogInTheNameOfTheFunctionTheyWorkFor) {
            db_manageQueue(DB_STATUS_BUSY, 4, Values{kMac, "1"}.data(), 2, "DEVICEINFO");
          }
        },
-       {{"MAX value [320]\n", "db_queue db_updateQueueEntry"}}},
+       {{"MAX value [320] func[4]", "db_queue db_updateQueueEntry"}}},
       {"full queue, before writing",
-       [] { db_manageQueue(DB_STATUS_QUEUE_CHECK, 4, Values{kMac, "1"}.data(), 2, "DEVICEINFO"); },
+       [] {
+         db_manageQueue(DB_STATUS_QUEUE_CHECK, 4, Values{kMac, "1"}.data(), 2, "DEVICEINFO");
+         db_manageQueue(DB_STATUS_QUEUE_CHECK, 4, Values{"other", "1"}.data(), 2, "DEVICEINFO");
+       },
        {{"Queue has MAX number of entries", "db_manage_queue db_updateNonEmptyQueue"}}},
+      {"cannot join the caller's transaction",
+       [this] {
+         db_freeQueue();
+         whileBusy(parkCapacity);
+         db_beginTransaction();
+         parkCapacity();
+         db_commitTransaction();
+       },
+       {{"cannot join the open transaction", "db_operation db_write"}}},
       {"unknown function id",
        [] {
          db_freeQueue();
          db_manageQueue(DB_STATUS_BUSY, 99, nullptr, 0, "DEVICEINFO");
          db_processQueueEntry();
        },
-       {{"Function is not supported in Queue", "db_queue db_processQueue"}}},
+       {{"Function is not supported in Queue", "db_queue db_processQueue"},
+        {"unknown function", "db_queue db_processQueue"}}},
       // Conversions name the converter or free function the caller called.
       {"conversion", [] { db_structDeviceInfo(nullptr, nullptr, 0, 0); },
        {{"result array NULL", "db_result_api db_structDeviceInfo"}}},

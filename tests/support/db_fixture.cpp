@@ -159,6 +159,9 @@ void DbTest::SetUp() {
   ASSERT_EQ(db_setDatabasePath(dbPath_.c_str()), DB_STATUS_SUCCESS);
   ASSERT_EQ(db_setProfileMarkerPath((tempDir_ + "/db_profile").c_str()), DB_STATUS_SUCCESS);
   alterSchema = 0;
+  // Most tests hold the file busy on purpose and want the busy outcome at once; the tests of
+  // waiting set their own.
+  ASSERT_EQ(db_setBusyWait(0, 0), DB_STATUS_SUCCESS);
   ASSERT_EQ(db_initQueue(), 0);
   log_.emplace(RYX_LOG_DEBUG);
 }

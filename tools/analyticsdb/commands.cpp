@@ -442,8 +442,8 @@ bool runDemo(Session &session, bool defaultPath, const ChartOptions &chart, std:
   simulation.contend = true;
   out << "libanalyticsdb demo: a home network of " << simulation.devices
       << " devices over one day, written through the library into " << path
-      << "\nwhile a second process keeps the database busy in bursts (parked writes are "
-         "replayed).\n\n"
+      << "\nwhile a second process keeps the database busy in bursts (writes wait them out, "
+         "or are parked and replayed).\n\n"
       << "$ analyticsdb simulate --devices 6 --days 1 --contend --db " << path << '\n';
   bool clean = runSimulate(session, simulation, false, out);
 

@@ -210,6 +210,8 @@ std::string describeStatus(int32_t status) {
     return "table missing (run 'analyticsdb init' first)";
   case DB_STATUS_OPEN_FAILED:
     return "cannot open the database file";
+  case DB_STATUS_QUEUE_FULL:
+    return "database busy and the write queue full: not written";
   default:
     return "status " + std::to_string(status);
   }
@@ -218,6 +220,7 @@ std::string describeStatus(int32_t status) {
 Failure failureOf(int32_t status) {
   switch (status) {
   case DB_STATUS_BUSY:
+  case DB_STATUS_QUEUE_FULL:
     return Failure::Busy;
   case DB_STATUS_NO_TABLE:
     return Failure::Missing;

@@ -428,6 +428,17 @@ SimulateResult simulate(Session &session, const SimulateOptions &options, std::o
   if (c.failedReplays > 0)
     lost += " (" + groupDigits(c.failedReplays) + " replays failed)";
   printRow(out, "lost", lost);
+  QueueStats stats{};
+  db_getQueueStats(&stats);
+  printRow(out, "queue counters",
+           groupDigits(stats.parked) + " parked, " + groupDigits(stats.replayed) + " replayed, " +
+               groupDigits(stats.retried) + " retried, " +
+               groupDigits(stats.droppedError + stats.droppedMalformed) + " dropped (" +
+               groupDigits(stats.droppedError) + " errors, " +
+               groupDigits(stats.droppedMalformed) + " malformed), " +
+               groupDigits(stats.refused) + " refused, " + groupDigits(stats.stalls) +
+               " stalls, length " + std::to_string(stats.length) + " (peak " +
+               std::to_string(stats.peakLength) + ")");
   if (check.mismatches == 0)
     printRow(out, "read-back",
              "all " + groupDigits(check.checked) + " values match (" +
