@@ -64,15 +64,6 @@ const DeviceColumn kDeviceColumns[] = {
      [](const DeviceInfoRecord &r) { return timeCell(r.lastOnlineTs); }},
 };
 
-struct DeviceList {
-  DeviceInfoRecord **list = nullptr;
-  int32_t rows = 0;
-  ~DeviceList() {
-    if (list != nullptr)
-      db_freeDeviceInfoResult(&list, rows);
-  }
-};
-
 void printDevicesJson(std::ostream &out, const std::vector<const DeviceInfoRecord *> &devices) {
   Json list = Json::array();
   for (const DeviceInfoRecord *device : devices) {
@@ -299,17 +290,10 @@ void runInit(Session &session, bool force, std::ostream &out) {
 void runDevices(Session &session, bool json, int columns, std::ostream &out) {
   session.requireExistingDatabase();
   DeviceList found;
-  int32_t status =
-      retryWhileBusy([&found] { return db_readDeviceInfoTable(&found.list, &found.rows); });
-  if (status == DB_STATUS_NO_TABLE)
-    throw ToolError("no device table in " + session.path() + " (run 'analyticsdb init' first)",
-                    Failure::Missing);
-  if (status != DB_STATUS_SUCCESS && status != DB_STATUS_EMPTY)
-    throw ToolError("cannot read the devices of " + session.path() + ": " + describeStatus(status),
-                    failureOf(status));
+  readInventory(session, found);
 
   std::vector<const DeviceInfoRecord *> devices(
-      found.list, found.list + (status == DB_STATUS_SUCCESS ? found.rows : 0));
+      found.list, found.list + found.rows);
   std::sort(devices.begin(), devices.end(),
             [](const DeviceInfoRecord *a, const DeviceInfoRecord *b) {
               return strcasecmp(a->mac, b->mac) < 0;

@@ -33,15 +33,6 @@ struct DeviceState {
   std::optional<Latest> latest[3]; // by SeriesKind
 };
 
-struct DeviceListGuard {
-  DeviceInfoRecord **list = nullptr;
-  int32_t rows = 0;
-  ~DeviceListGuard() {
-    if (list != nullptr)
-      db_freeDeviceInfoResult(&list, rows);
-  }
-};
-
 // One metric family per row: the sample of a device comes from `value`, none where it is empty.
 struct Metric {
   const char *name;
@@ -75,17 +66,10 @@ const Metric kMetrics[] = {
 };
 
 std::vector<DeviceState> readDevices(Session &session) {
-  DeviceListGuard found;
-  int32_t status =
-      retryWhileBusy([&found] { return db_readDeviceInfoTable(&found.list, &found.rows); });
-  if (status == DB_STATUS_NO_TABLE)
-    throw ToolError("no device table in " + session.path() + " (run 'analyticsdb init' first)",
-                    Failure::Missing);
-  if (status != DB_STATUS_SUCCESS && status != DB_STATUS_EMPTY)
-    throw ToolError("cannot read the devices of " + session.path() + ": " + describeStatus(status),
-                    failureOf(status));
+  DeviceList found;
+  readInventory(session, found);
   std::vector<DeviceState> devices;
-  for (int32_t i = 0; status == DB_STATUS_SUCCESS && i < found.rows; ++i) {
+  for (int32_t i = 0; i < found.rows; ++i) {
     const DeviceInfoRecord &record = *found.list[i];
     DeviceState device;
     device.mac = record.mac;

@@ -34,15 +34,6 @@ const std::array<SeriesSpec, 3> kSeries = {{
      db_readMacBandWidthTxSelect},
 }};
 
-struct DeviceListGuard {
-  DeviceInfoRecord **list = nullptr;
-  int32_t rows = 0;
-  ~DeviceListGuard() {
-    if (list != nullptr)
-      db_freeDeviceInfoResult(&list, rows);
-  }
-};
-
 struct DayListGuard {
   RateRecord **list = nullptr;
   int32_t rows = 0;
@@ -110,7 +101,7 @@ SeriesStats statsOf(const Series &series) {
 }
 
 DeviceSummary lookupDevice(const std::string &mac) {
-  DeviceListGuard found;
+  DeviceList found;
   DeviceSummary summary;
   int32_t status = retryWhileBusy(
       [&] { return db_readMacDeviceInfo(mac.c_str(), &found.list, &found.rows, 1); });

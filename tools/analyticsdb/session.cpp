@@ -217,6 +217,24 @@ std::string describeStatus(int32_t status) {
   }
 }
 
+DeviceList::~DeviceList() {
+  if (list != nullptr)
+    db_freeDeviceInfoResult(&list, rows);
+}
+
+void readInventory(Session &session, DeviceList &found) {
+  int32_t status =
+      retryWhileBusy([&found] { return db_readDeviceInfoTable(&found.list, &found.rows); });
+  if (status == DB_STATUS_NO_TABLE)
+    throw ToolError("no device table in " + session.path() + " (run 'analyticsdb init' first)",
+                    Failure::Missing);
+  if (status != DB_STATUS_SUCCESS && status != DB_STATUS_EMPTY)
+    throw ToolError("cannot read the devices of " + session.path() + ": " + describeStatus(status),
+                    failureOf(status));
+  if (status == DB_STATUS_EMPTY)
+    found.rows = 0;
+}
+
 Failure failureOf(int32_t status) {
   switch (status) {
   case DB_STATUS_BUSY:

@@ -10,6 +10,8 @@
 #include <thread>
 #include <vector>
 
+#include "analyticsdb.h"
+
 namespace adbtool {
 
 // What kind of failure ended a command; the exit status tells scripts which (see kExit*).
@@ -49,6 +51,21 @@ template <class Read> int32_t retryWhileBusy(Read read) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   return status;
 }
+
+// The device inventory as the library returns it, freed with this object.
+struct DeviceList {
+  DeviceInfoRecord **list = nullptr;
+  int32_t rows = 0;
+  DeviceList() = default;
+  DeviceList(const DeviceList &) = delete;
+  DeviceList &operator=(const DeviceList &) = delete;
+  ~DeviceList();
+};
+
+class Session;
+// Reads every inventory row, waiting out a busy database; an empty table gives no rows. A
+// missing table or another failure throws a ToolError that names the session's file.
+void readInventory(Session &session, DeviceList &found);
 
 // Queue events that the library reports only through its log lines.
 struct LogCounters {

@@ -27,15 +27,6 @@ struct DeviceRow {
   std::optional<int64_t> worst;
 };
 
-struct DeviceListGuard {
-  DeviceInfoRecord **list = nullptr;
-  int32_t rows = 0;
-  ~DeviceListGuard() {
-    if (list != nullptr)
-      db_freeDeviceInfoResult(&list, rows);
-  }
-};
-
 // The span ends at the newest receive sample of any device, so that every row covers the
 // same stretch of time and a device that went quiet shows nothing rather than its old days.
 uint32_t newestSample(const std::vector<DeviceRow> &rows) {
@@ -132,17 +123,10 @@ const char *signalClass(int64_t rssi) {
 
 void runTop(Session &session, const TopOptions &options, std::ostream &out) {
   session.requireExistingDatabase();
-  DeviceListGuard found;
-  int32_t status =
-      retryWhileBusy([&found] { return db_readDeviceInfoTable(&found.list, &found.rows); });
-  if (status == DB_STATUS_NO_TABLE)
-    throw ToolError("no device table in " + session.path() + " (run 'analyticsdb init' first)",
-                    Failure::Missing);
-  if (status != DB_STATUS_SUCCESS && status != DB_STATUS_EMPTY)
-    throw ToolError("cannot read the devices of " + session.path() + ": " + describeStatus(status),
-                    failureOf(status));
+  DeviceList found;
+  readInventory(session, found);
   std::vector<DeviceRow> rows;
-  for (int32_t i = 0; status == DB_STATUS_SUCCESS && i < found.rows; ++i) {
+  for (int32_t i = 0; i < found.rows; ++i) {
     DeviceRow row;
     row.mac = found.list[i]->mac;
     row.host = found.list[i]->host;
