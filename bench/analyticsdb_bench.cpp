@@ -452,7 +452,9 @@ void weekReadSqlite(benchmark::State &state) {
     db_readMacBandWidthRx(mac.c_str(), &list, &rows);
     db_freeBandWidthResult(&list, rows);
   });
-  failIf(state, statements.size() != 1, "one SELECT expected");
+  // One join, or two (days 1-3 and 4-7) where the connection's column limit is below a week's
+  // columns, as on stock SQLite; the baseline runs the same SELECTs.
+  failIf(state, statements.empty() || statements.size() > 2, "one or two SELECTs expected");
   RawConnection raw(files.sqlite);
   failIf(state, runStatements(raw.get(), statements) != 0, "baseline statement failed");
   for (auto _ : state) runStatements(raw.get(), statements);
