@@ -27,8 +27,6 @@ FaultCounter gSyncs;
 
 /* ---- the shim VFS: everything forwarded to the wrapped VFS, xWrite and xSync can fail ---- */
 
-sqlite3_vfs *gReal = nullptr;  // the default VFS the shim wraps
-sqlite3_vfs gShim;
 
 // The shim's file: its own header, then the wrapped VFS's file in the same block.
 struct ShimFile {
@@ -44,7 +42,6 @@ const sqlite3_io_methods *methodsOf(sqlite3_file *file) { return realOf(file)->p
 // A method that hands its call on to the wrapped file, or to the wrapped VFS.
 #define ADB_TO_FILE(method) \
   [](sqlite3_file *f, auto... args) { return methodsOf(f)->method(realOf(f), args...); }
-#define ADB_TO_VFS(method) [](sqlite3_vfs *, auto... args) { return gReal->method(gReal, args...); }
 
 const sqlite3_io_methods kShimMethods = {
     .iVersion = 3,
@@ -94,47 +91,9 @@ int shimOpen(sqlite3_vfs *, sqlite3_filename name, sqlite3_file *file, int flags
   auto *shim = reinterpret_cast<ShimFile *>(file);
   shim->base.pMethods = nullptr;  // SQLite closes only files whose open succeeded
   shim->real = reinterpret_cast<sqlite3_file *>(reinterpret_cast<char *>(file) + kRealFileOffset);
-  int result = gReal->xOpen(gReal, name, shim->real, flags, outFlags);
+  int result = adbtest::realVfs()->xOpen(adbtest::realVfs(), name, shim->real, flags, outFlags);
   if (shim->real->pMethods != nullptr) shim->base.pMethods = &kShimMethods;
   return result;
-}
-
-// Makes the shim the default VFS; false when there is no default to wrap.
-bool installShim() {
-  gReal = sqlite3_vfs_find(nullptr);
-  if (gReal == nullptr || gReal->iVersion < 2) return false;
-  gShim = sqlite3_vfs{
-      .iVersion = 2,
-      .szOsFile = static_cast<int>(kRealFileOffset) + gReal->szOsFile,
-      .mxPathname = gReal->mxPathname,
-      .pNext = nullptr,
-      .zName = "adbtest-faulty-io",
-      .pAppData = nullptr,
-      .xOpen = shimOpen,
-      .xDelete = ADB_TO_VFS(xDelete),
-      .xAccess = ADB_TO_VFS(xAccess),
-      .xFullPathname = ADB_TO_VFS(xFullPathname),
-      .xDlOpen = ADB_TO_VFS(xDlOpen),
-      .xDlError = ADB_TO_VFS(xDlError),
-      .xDlSym = ADB_TO_VFS(xDlSym),
-      .xDlClose = ADB_TO_VFS(xDlClose),
-      .xRandomness = ADB_TO_VFS(xRandomness),
-      .xSleep = ADB_TO_VFS(xSleep),
-      .xCurrentTime = ADB_TO_VFS(xCurrentTime),
-      .xGetLastError = ADB_TO_VFS(xGetLastError),
-      .xCurrentTimeInt64 = ADB_TO_VFS(xCurrentTimeInt64),
-      .xSetSystemCall = nullptr,
-      .xGetSystemCall = nullptr,
-      .xNextSystemCall = nullptr,
-  };
-  return sqlite3_vfs_register(&gShim, 1) == SQLITE_OK;
-}
-
-void removeShim() {
-  if (gReal == nullptr) return;
-  sqlite3_vfs_register(gReal, 1);
-  sqlite3_vfs_unregister(&gShim);
-  gReal = nullptr;
 }
 
 /* ---- the operations ---- */
@@ -148,14 +107,14 @@ class IoFaultTest : public adbtest::FaultTest {
  protected:
   void SetUp() override {
     FaultTest::SetUp();
-    ASSERT_TRUE(installShim());
+    ASSERT_TRUE(adbtest::installShimVfs("adbtest-faulty-io", kRealFileOffset, shimOpen));
     // The library's connection reopens through the shim.
     ASSERT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
   }
 
   void TearDown() override {
     FaultTest::TearDown();  // closes every connection that went through the shim
-    removeShim();
+    adbtest::removeShimVfs();
   }
 
   // Fails every write, then every sync, of the operation in turn.

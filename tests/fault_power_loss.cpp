@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "support/db_fixture.h"
+#include "support/fault_common.h"
 
 namespace {
 
@@ -44,8 +45,6 @@ std::optional<std::string> contentOf(const std::string &path) {
 
 /* ---- the shim: forwards everything; xSync and a synced xDelete make changes durable ---- */
 
-sqlite3_vfs *gReal = nullptr;
-sqlite3_vfs gShim;
 
 struct ShimFile {
   sqlite3_file base;
@@ -59,7 +58,6 @@ const sqlite3_io_methods *methodsOf(sqlite3_file *file) { return realOf(file)->p
 
 #define ADB_TO_FILE(method) \
   [](sqlite3_file *f, auto... args) { return methodsOf(f)->method(realOf(f), args...); }
-#define ADB_TO_VFS(method) [](sqlite3_vfs *, auto... args) { return gReal->method(gReal, args...); }
 
 const sqlite3_io_methods kShimMethods = {
     .iVersion = 2,
@@ -96,56 +94,19 @@ int shimOpen(sqlite3_vfs *, sqlite3_filename name, sqlite3_file *file, int flags
   shim->base.pMethods = nullptr;
   shim->real = reinterpret_cast<sqlite3_file *>(reinterpret_cast<char *>(file) + kRealFileOffset);
   shim->path = name;
-  int result = gReal->xOpen(gReal, name, shim->real, flags, outFlags);
+  int result = adbtest::realVfs()->xOpen(adbtest::realVfs(), name, shim->real, flags, outFlags);
   if (shim->real->pMethods != nullptr) shim->base.pMethods = &kShimMethods;
   return result;
 }
 
 // A deletion survives a cut only once its directory is synced.
 int shimDelete(sqlite3_vfs *, const char *path, int syncDir) {
-  int result = gReal->xDelete(gReal, path, syncDir);
+  int result = adbtest::realVfs()->xDelete(adbtest::realVfs(), path, syncDir);
   if (result == SQLITE_OK && syncDir != 0) {
     gDurable.erase(path);
     gCuts.push_back(gDurable);
   }
   return result;
-}
-
-bool installShim() {
-  gReal = sqlite3_vfs_find(nullptr);
-  if (gReal == nullptr || gReal->iVersion < 2) return false;
-  gShim = sqlite3_vfs{
-      .iVersion = 2,
-      .szOsFile = static_cast<int>(kRealFileOffset) + gReal->szOsFile,
-      .mxPathname = gReal->mxPathname,
-      .pNext = nullptr,
-      .zName = "adbtest-power-loss",
-      .pAppData = nullptr,
-      .xOpen = shimOpen,
-      .xDelete = shimDelete,
-      .xAccess = ADB_TO_VFS(xAccess),
-      .xFullPathname = ADB_TO_VFS(xFullPathname),
-      .xDlOpen = ADB_TO_VFS(xDlOpen),
-      .xDlError = ADB_TO_VFS(xDlError),
-      .xDlSym = ADB_TO_VFS(xDlSym),
-      .xDlClose = ADB_TO_VFS(xDlClose),
-      .xRandomness = ADB_TO_VFS(xRandomness),
-      .xSleep = ADB_TO_VFS(xSleep),
-      .xCurrentTime = ADB_TO_VFS(xCurrentTime),
-      .xGetLastError = ADB_TO_VFS(xGetLastError),
-      .xCurrentTimeInt64 = ADB_TO_VFS(xCurrentTimeInt64),
-      .xSetSystemCall = nullptr,
-      .xGetSystemCall = nullptr,
-      .xNextSystemCall = nullptr,
-  };
-  return sqlite3_vfs_register(&gShim, 1) == SQLITE_OK;
-}
-
-void removeShim() {
-  if (gReal == nullptr) return;
-  sqlite3_vfs_register(gReal, 1);
-  sqlite3_vfs_unregister(&gShim);
-  gReal = nullptr;
 }
 
 /* ---- the operations ---- */
@@ -164,7 +125,7 @@ class PowerLossTest : public adbtest::DbTest {
   }
   void TearDown() override {
     DbTest::TearDown();
-    removeShim();
+    adbtest::removeShimVfs();
   }
 
   // Runs `operation` through the shim from a closed connection, then boots every image it could
@@ -183,11 +144,12 @@ class PowerLossTest : public adbtest::DbTest {
         gDurable[entry.path().string()] = *content;
       }
     }
-    EXPECT_TRUE(installShim());
+    EXPECT_TRUE(
+        adbtest::installShimVfs("adbtest-power-loss", kRealFileOffset, shimOpen, shimDelete));
     const int32_t status = operation();
     EXPECT_EQ(status, DB_STATUS_SUCCESS);
     EXPECT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
-    removeShim();
+    adbtest::removeShimVfs();
     gCuts.push_back(gDurable);  // the cut after the operation returned
     for (size_t cut = 0; cut < gCuts.size(); ++cut) {
       SCOPED_TRACE(cut + 1 == gCuts.size() ? std::string("power cut after the operation returned")

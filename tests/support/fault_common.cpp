@@ -109,4 +109,52 @@ int32_t FaultTest::writeName(const char *name) {
   return db_updateDeviceInfoBeaconFName(Values{kMac, name}.data());
 }
 
+namespace {
+
+sqlite3_vfs *gReal = nullptr;
+sqlite3_vfs gShim;
+
+#define ADB_TO_VFS(method) [](sqlite3_vfs *, auto... args) { return gReal->method(gReal, args...); }
+
+}  // namespace
+
+bool installShimVfs(const char *name, size_t headerSize, ShimOpen open, ShimDelete remove) {
+  gReal = sqlite3_vfs_find(nullptr);
+  if (gReal == nullptr || gReal->iVersion < 2) return false;
+  gShim = sqlite3_vfs{
+      .iVersion = 2,
+      .szOsFile = static_cast<int>(headerSize) + gReal->szOsFile,
+      .mxPathname = gReal->mxPathname,
+      .pNext = nullptr,
+      .zName = name,
+      .pAppData = nullptr,
+      .xOpen = open,
+      .xDelete = remove != nullptr ? remove : ADB_TO_VFS(xDelete),
+      .xAccess = ADB_TO_VFS(xAccess),
+      .xFullPathname = ADB_TO_VFS(xFullPathname),
+      .xDlOpen = ADB_TO_VFS(xDlOpen),
+      .xDlError = ADB_TO_VFS(xDlError),
+      .xDlSym = ADB_TO_VFS(xDlSym),
+      .xDlClose = ADB_TO_VFS(xDlClose),
+      .xRandomness = ADB_TO_VFS(xRandomness),
+      .xSleep = ADB_TO_VFS(xSleep),
+      .xCurrentTime = ADB_TO_VFS(xCurrentTime),
+      .xGetLastError = ADB_TO_VFS(xGetLastError),
+      .xCurrentTimeInt64 = ADB_TO_VFS(xCurrentTimeInt64),
+      .xSetSystemCall = nullptr,
+      .xGetSystemCall = nullptr,
+      .xNextSystemCall = nullptr,
+  };
+  return sqlite3_vfs_register(&gShim, 1) == SQLITE_OK;
+}
+
+void removeShimVfs() {
+  if (gReal == nullptr) return;
+  sqlite3_vfs_register(gReal, 1);
+  sqlite3_vfs_unregister(&gShim);
+  gReal = nullptr;
+}
+
+sqlite3_vfs *realVfs() { return gReal; }
+
 }  // namespace adbtest

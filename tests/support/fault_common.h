@@ -19,6 +19,8 @@
 #include <set>
 #include <string>
 
+#include <sqlite3.h>
+
 #include "support/db_fixture.h"
 
 namespace adbtest {
@@ -107,6 +109,17 @@ class FaultTest : public DbTest {
   // returns what `observe` sees there.
   std::string checkFile(const std::function<std::string(RawDb &)> &observe);
 };
+
+// A VFS over the default one, registered as the default while a test runs. A file of it is
+// `headerSize` bytes of the test's own header with the real VFS's file behind them; `open` opens
+// it, `remove` deletes (null: the real VFS deletes), and every other call goes to the real VFS.
+// False when there is no default VFS to wrap. realVfs() is the one beneath while installed.
+using ShimOpen = int (*)(sqlite3_vfs *, sqlite3_filename, sqlite3_file *, int, int *);
+using ShimDelete = int (*)(sqlite3_vfs *, const char *, int);
+bool installShimVfs(const char *name, size_t headerSize, ShimOpen open,
+                    ShimDelete remove = nullptr);
+void removeShimVfs();
+sqlite3_vfs *realVfs();
 
 }  // namespace adbtest
 
