@@ -278,6 +278,35 @@ void tickUncached(benchmark::State &state) {
   db_setStatementCache(1);
 }
 
+// One tick through compiled statements of the baselines: per device and series, `index[s]`
+// writes the index row (MAC, source for bandwidth, timestamp, slot) and `slots[s]` the slot
+// (MAC, value), all in one transaction.
+void runPreparedTick(benchmark::State &state, sqlite3 *db, sqlite3_stmt *const index[3],
+                     sqlite3_stmt *const slots[3], const std::vector<SampleValues> &samples) {
+  sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr);
+  for (int device = 0; device < kDevices; ++device) {
+    const SampleValues &sample = samples[static_cast<size_t>(device)];
+    const std::vector<std::string> *series[3] = {&sample.rssi, &sample.rx, &sample.tx};
+    for (int s = 0; s < 3; ++s) {
+      const std::vector<std::string> &v = *series[s];
+      bool rssi = s == 0;
+      sqlite3_stmt *row = index[s];
+      sqlite3_bind_text(row, 1, v[0].c_str(), -1, SQLITE_STATIC);
+      if (!rssi) sqlite3_bind_text(row, 2, v[1].c_str(), -1, SQLITE_STATIC);
+      sqlite3_bind_int64(row, 3, std::atoll(v[rssi ? 1 : 2].c_str()));
+      sqlite3_bind_int(row, 4, std::atoi(v[rssi ? 2 : 3].c_str()));
+      if (sqlite3_step(row) != SQLITE_DONE) state.SkipWithError(sqlite3_errmsg(db));
+      sqlite3_reset(row);
+      sqlite3_stmt *cell = slots[s];
+      sqlite3_bind_text(cell, 1, v[0].c_str(), -1, SQLITE_STATIC);
+      sqlite3_bind_int64(cell, 2, std::atoll(v.back().c_str()));
+      if (sqlite3_step(cell) != SQLITE_DONE) state.SkipWithError(sqlite3_errmsg(db));
+      sqlite3_reset(cell);
+    }
+  }
+  sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
+}
+
 // The floor for the same file: an UPDATE of the index row and one of the slot per sample, each
 // compiled once, in one transaction.
 void tickFloor(benchmark::State &state) {
@@ -307,28 +336,7 @@ void tickFloor(benchmark::State &state) {
   int phase = 0;
   measured(state, [&] {
     const std::vector<SampleValues> &samples = ticks[phase ^= 1];
-    sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr);
-    for (int device = 0; device < kDevices; ++device) {
-      const SampleValues &sample = samples[static_cast<size_t>(device)];
-      const std::vector<std::string> *series[3] = {&sample.rssi, &sample.rx, &sample.tx};
-      for (int s = 0; s < 3; ++s) {
-        const std::vector<std::string> &v = *series[s];
-        bool rssi = s == 0;
-        sqlite3_stmt *row = index[s];
-        sqlite3_bind_text(row, 1, v[0].c_str(), -1, SQLITE_STATIC);
-        if (!rssi) sqlite3_bind_text(row, 2, v[1].c_str(), -1, SQLITE_STATIC);
-        sqlite3_bind_int64(row, 3, std::atoll(v[rssi ? 1 : 2].c_str()));
-        sqlite3_bind_int(row, 4, std::atoi(v[rssi ? 2 : 3].c_str()));
-        if (sqlite3_step(row) != SQLITE_DONE) state.SkipWithError(sqlite3_errmsg(db));
-        sqlite3_reset(row);
-        sqlite3_stmt *cell = slots[s];
-        sqlite3_bind_text(cell, 1, v[0].c_str(), -1, SQLITE_STATIC);
-        sqlite3_bind_int64(cell, 2, std::atoll(v.back().c_str()));
-        if (sqlite3_step(cell) != SQLITE_DONE) state.SkipWithError(sqlite3_errmsg(db));
-        sqlite3_reset(cell);
-      }
-    }
-    sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
+    runPreparedTick(state, db, index, slots, samples);
   });
   for (sqlite3_stmt *statement : index) sqlite3_finalize(statement);
   for (sqlite3_stmt *statement : slots) sqlite3_finalize(statement);
@@ -389,28 +397,7 @@ void tickUpsert(benchmark::State &state) {
                               prepare(indexUpsert("PRIMITIVE_BANDWIDTHTX"))};
     sqlite3_stmt *slots[3] = {prepare(slotUpsert("RSSI")), prepare(slotUpsert("BANDWIDTHRX")),
                               prepare(slotUpsert("BANDWIDTHTX"))};
-    sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr);
-    for (int device = 0; device < kDevices; ++device) {
-      const SampleValues &sample = samples[static_cast<size_t>(device)];
-      const std::vector<std::string> *series[3] = {&sample.rssi, &sample.rx, &sample.tx};
-      for (int s = 0; s < 3; ++s) {
-        const std::vector<std::string> &v = *series[s];
-        bool rssi = s == 0;
-        sqlite3_stmt *row = index[s];
-        sqlite3_bind_text(row, 1, v[0].c_str(), -1, SQLITE_STATIC);
-        if (!rssi) sqlite3_bind_text(row, 2, v[1].c_str(), -1, SQLITE_STATIC);
-        sqlite3_bind_int64(row, 3, std::atoll(v[rssi ? 1 : 2].c_str()));
-        sqlite3_bind_int(row, 4, std::atoi(v[rssi ? 2 : 3].c_str()));
-        if (sqlite3_step(row) != SQLITE_DONE) state.SkipWithError(sqlite3_errmsg(db));
-        sqlite3_reset(row);
-        sqlite3_stmt *cell = slots[s];
-        sqlite3_bind_text(cell, 1, v[0].c_str(), -1, SQLITE_STATIC);
-        sqlite3_bind_int64(cell, 2, std::atoll(v.back().c_str()));
-        if (sqlite3_step(cell) != SQLITE_DONE) state.SkipWithError(sqlite3_errmsg(db));
-        sqlite3_reset(cell);
-      }
-    }
-    sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
+    runPreparedTick(state, db, index, slots, samples);
     for (sqlite3_stmt *statement : index) sqlite3_finalize(statement);
     for (sqlite3_stmt *statement : slots) sqlite3_finalize(statement);
   });
