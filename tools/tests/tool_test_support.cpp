@@ -1,30 +1,34 @@
 // tool_test_support.cpp - helpers of the tool's tests.
 #include "tool_test_support.h"
 
+#include <gtest/gtest.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <gtest/gtest.h>
 #include <sstream>
-#include <unistd.h>
 
+#include "analyticsdb.h"
 #include "cli.h"
 
 namespace adbtool::test {
 
 namespace {
 
-// Times print in the local zone; the golden files are written in UTC.
-class UtcEnvironment : public ::testing::Environment {
-public:
+// Times print in the local zone; the golden files are written in UTC. And the library in this
+// process publishes no queue counters in the host's stats folder.
+class ToolTestEnvironment : public ::testing::Environment {
+ public:
   void SetUp() override {
     setenv("TZ", "UTC", 1);
     tzset();
+    setenv("ANALYTICSDB_STATS_DIR", "", 1);
   }
 };
-[[maybe_unused]] ::testing::Environment *const kUtc =
-    ::testing::AddGlobalTestEnvironment(new UtcEnvironment);
+[[maybe_unused]] ::testing::Environment *const kEnvironment =
+    ::testing::AddGlobalTestEnvironment(new ToolTestEnvironment);
 
 bool startsWith(const std::string &text, std::size_t at, const char *prefix) {
   return text.compare(at, std::char_traits<char>::length(prefix), prefix) == 0;
@@ -72,6 +76,20 @@ TempDir::TempDir() {
 TempDir::~TempDir() {
   std::error_code ignored;
   std::filesystem::remove_all(path_, ignored);
+}
+
+std::string simulated(const TempDir &dir, int devices) {
+  const std::string db = dir.file("simulated-" + std::to_string(devices) + ".db");
+  ToolRun run = runCli({"simulate", "--devices", std::to_string(devices), "--days", "1", "--start",
+                        "1704067200", "--db", db});
+  EXPECT_EQ(run.status, 0) << run.out << run.err;
+  return db;
+}
+
+void runSql(const std::string &db, const std::string &statement) {
+  EXPECT_EQ(db_setDatabasePath(db.c_str()), 0);
+  EXPECT_EQ(db_writeQuery(statement.c_str()), 0) << statement;
+  db_closeDbConnection();
 }
 
 std::string readFile(const std::string &path) {

@@ -1,5 +1,5 @@
-// tool_test_support.h - running the tool in-process, temporary folders, golden files and an
-// XML well-formedness check for the tool's tests.
+// tool_test_support.h - running the tool in-process, temporary folders, simulated databases,
+// golden files and an XML well-formedness check for the tool's tests.
 #pragma once
 
 #include <string>
@@ -28,6 +28,13 @@ public:
 private:
   std::string path_;
 };
+
+// A database of `devices` simulated devices over one day from 2024-01-01 00:00 UTC, made by the
+// tool itself in `dir`: the same file for the same count, every time.
+std::string simulated(const TempDir &dir, int devices);
+
+// Runs `statement` on `db` through the library.
+void runSql(const std::string &db, const std::string &statement);
 
 std::string readFile(const std::string &path);
 void writeFile(const std::string &path, const std::string &text);
