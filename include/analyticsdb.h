@@ -769,7 +769,7 @@ ADB_API extern int32_t queueCount;
 ADB_API extern int32_t queueProcessCount;           /* attempts on the current head */
 ADB_API extern pthread_mutex_t lock;                /* guards appends and removals */
 
-/* Call once before any other queue operation. */
+/* Call once before any other queue operation. Reads ANALYTICSDB_STATS_DIR (see QueueStats). */
 ADB_API int32_t db_initQueue(void);
 ADB_API int32_t db_queueInit(void);
 /* The gate of every write, delete and drop: with status -1 before the statement (non-zero: the
@@ -778,10 +778,11 @@ ADB_API int32_t db_manageQueue(int32_t status, int32_t functionId, char **values
                                const char *tableName);
 /* Replays parked requests from the head: 0 (queue empty), 2 (requests left), 3 (stalled: the
  * head met a locked file DB_QUEUE_MAX_ATTEMPTS times; each later call tries it once more). Call
- * it from one thread; one call starts no replay after the processing budget (db_setBusyWait). */
+ * it from one thread; one call starts no replay after the processing budget (db_setBusyWait).
+ * Then publishes the queue counters if they changed (see QueueStats). */
 ADB_API int32_t db_processQueueEntry(void);
 ADB_API int32_t db_processQueue(void);
-/* Drops every parked request. */
+/* Drops every parked request and removes this process's published counters. */
 ADB_API int32_t db_freeQueue(void);
 ADB_API int32_t db_freeQueueEntries(void);
 /* Logs the queue at info level. */
@@ -807,7 +808,11 @@ ADB_API int32_t db_findMatch(WriteRequestNode *node, int32_t functionId, char **
 
 /* What the write queue has done since the process started (counters only grow, except length).
  * Every request a write API answered with 3 is counted once in parked, and leaves the queue
- * counted once in replayed, dropped*, or freed. */
+ * counted once in replayed, dropped*, or freed.
+ * For collectors in other processes, db_processQueueEntry() writes them, when they changed, to
+ * <dir>/queue.<pid> as "key value" lines (pid, process, then each field by its name), replaced
+ * atomically. <dir> is $ANALYTICSDB_STATS_DIR, else the compiled-in folder (empty: off); it is
+ * made if missing and used only on tmpfs or ramfs, never on flash (a notice line says so). */
 typedef struct QueueStats {
   uint32_t parked;           /* requests taken into the queue */
   uint32_t replayed;         /* parked requests written by a replay */

@@ -10,9 +10,20 @@
  * Appends link only behind the tail and removals unlink only the head, each under `lock`, so
  * other threads may append while one thread processes. The processing walk itself is not
  * locked: one thread processes at a time.
+ *
+ * The counters of db_getQueueStats live in this process's memory; so that a collector in
+ * another process (analyticsdb export) can read them, the processing call publishes them into
+ * a small file of the stats folder whenever they changed.
  */
+#include <fcntl.h>
+#include <linux/magic.h>
 #include <pthread.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -161,6 +172,125 @@ void unlinkHead() {
   adb::queue::setAttempts(0);
 }
 
+// The publication of the counters in <folder>/queue.<pid>, one "key value" line each. Only the
+// processing thread and the queue's initialisation and freeing touch it.
+constexpr adb::log::Origin kPublishing{kLogModule, "db_processQueueEntry"};
+constexpr size_t kStatsFolderCapacity = 232;
+// The folder and "/.queue.<pid>.tmp".
+constexpr size_t kStatsPathCapacity = kStatsFolderCapacity + 24;
+struct Publication {
+  enum class State : uint8_t { kUndecided, kOff, kOn } state = State::kUndecided;
+  bool published = false;  // this process's file holds `last`
+  QueueStats last = {};
+  char folder[kStatsFolderCapacity] = {};
+};
+Publication gPublication;
+
+// This process's file in the stats folder, or the temporary file it is written to first.
+void statsPath(char (&path)[kStatsPathCapacity], bool temporary) {
+  const int pid = static_cast<int>(getpid());
+  if (temporary) {
+    std::snprintf(path, sizeof path, "%s/.queue.%d.tmp", gPublication.folder, pid);
+  } else {
+    std::snprintf(path, sizeof path, "%s/queue.%d", gPublication.folder, pid);
+  }
+}
+
+// Decides, once per queue initialisation, where the counters go: ANALYTICSDB_STATS_DIR from the
+// environment, else the compiled-in folder; an empty name turns publication off. The folder is
+// made if missing, and used only on a file system in RAM: every byte written to the gateway's
+// flash wears it. False (with one notice line saying why) when publication is off.
+bool decideStatsFolder() {
+  const char *env = std::getenv("ANALYTICSDB_STATS_DIR");
+  const char *folder = env != nullptr ? env : ANALYTICSDB_DEFAULT_STATS_DIR;
+  gPublication.state = Publication::State::kOff;
+  if (folder[0] == '\0') return false;
+  const char *why = nullptr;
+  struct statfs filesystem {};
+  int error = 0;
+  if (std::strlen(folder) >= kStatsFolderCapacity) {
+    error = ENAMETOOLONG;
+  } else if (mkdir(folder, 0755) != 0 && errno != EEXIST) {
+    error = errno;
+  } else if (statfs(folder, &filesystem) != 0) {
+    error = errno;
+  } else if (static_cast<uint32_t>(filesystem.f_type) != TMPFS_MAGIC &&
+             static_cast<uint32_t>(filesystem.f_type) != RAMFS_MAGIC) {
+    why = "not a file system in RAM (tmpfs or ramfs), and writes to flash wear it";
+  }
+  if (error != 0) why = std::strerror(error);
+  if (why != nullptr) {
+    ADB_LOG_FOR(kPublishing, RYX_LOG_NOTICE,
+                "[analyticsDB] Queue counters are not published in %s: %s\n", folder, why);
+    return false;
+  }
+  adb::TextBuilder(gPublication.folder, sizeof gPublication.folder).append(folder);
+  gPublication.state = Publication::State::kOn;
+  return true;
+}
+
+// Publishes the counters when they changed since the last publication: written to a temporary
+// file beside this process's file and renamed over it, so that a reader sees the old counters or
+// the new ones, never half. Runs without `lock`; an unchanged call costs a comparison.
+void publishQueueStats() {
+  if (gPublication.state == Publication::State::kOff) return;
+  QueueStats now = {};
+  db_getQueueStats(&now);
+  if (gPublication.published && std::memcmp(&now, &gPublication.last, sizeof now) == 0) return;
+  if (gPublication.state == Publication::State::kUndecided && !decideStatsFolder()) return;
+  char process[32] = "";
+  if (FILE *comm = std::fopen("/proc/self/comm", "re"); comm != nullptr) {
+    if (std::fgets(process, sizeof process, comm) == nullptr) process[0] = '\0';
+    std::fclose(comm);
+    process[std::strcspn(process, "\n")] = '\0';
+  }
+  char text[512];
+  int length = std::snprintf(
+      text, sizeof text,
+      "pid %d\nprocess %s\nparked %u\nreplayed %u\nretried %u\ndroppedError %u\n"
+      "droppedMalformed %u\nfreed %u\nrefused %u\nstalls %u\nlength %u\npeakLength %u\n",
+      static_cast<int>(getpid()), process, now.parked, now.replayed, now.retried, now.droppedError,
+      now.droppedMalformed, now.freed, now.refused, now.stalls, now.length, now.peakLength);
+  char path[kStatsPathCapacity];
+  char temporary[kStatsPathCapacity];
+  statsPath(path, false);
+  statsPath(temporary, true);
+  int file = open(temporary, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  bool written = file >= 0 && write(file, text, static_cast<size_t>(length)) == length;
+  int error = errno;
+  if (file >= 0 && close(file) != 0 && written) {
+    written = false;
+    error = errno;
+  }
+  if (written && std::rename(temporary, path) != 0) {
+    written = false;
+    error = errno;
+  }
+  if (!written) {
+    // A full RAM disk or a folder this process may not write: stop, rather than leave counters
+    // that look current but are not.
+    unlink(temporary);
+    unlink(path);
+    gPublication.state = Publication::State::kOff;
+    gPublication.published = false;
+    ADB_LOG_FOR(kPublishing, RYX_LOG_NOTICE,
+                "[analyticsDB] Queue counters are not published in %s: %s\n", gPublication.folder,
+                std::strerror(error));
+    return;
+  }
+  gPublication.last = now;
+  gPublication.published = true;
+}
+
+// Removes this process's published counters; the next processing call publishes them again.
+void withdrawQueueStats() {
+  if (!gPublication.published) return;
+  char path[kStatsPathCapacity];
+  statsPath(path, false);
+  unlink(path);
+  gPublication.published = false;
+}
+
 }  // namespace
 
 void adb::keepForRetry() {
@@ -249,6 +379,9 @@ extern "C" {
 ADB_API int32_t db_queueInit(void) {
   int32_t result = pthread_mutex_init(&lock, nullptr);
   adb::queue::setHead(nullptr);
+  // The stats folder is decided again, from the environment of now.
+  withdrawQueueStats();
+  gPublication.state = Publication::State::kUndecided;
   return result;
 }
 
@@ -373,7 +506,11 @@ ADB_API int32_t db_processQueue(void) {
   return DB_STATUS_SUCCESS;
 }
 
-ADB_API int32_t db_processQueueEntry(void) { return db_processQueue(); }
+ADB_API int32_t db_processQueueEntry(void) {
+  int32_t status = db_processQueue();
+  publishQueueStats();
+  return status;
+}
 
 ADB_API int32_t db_freeQueueEntries(void) {
   pthread_mutex_lock(&lock);
@@ -382,7 +519,9 @@ ADB_API int32_t db_freeQueueEntries(void) {
     adb::queue::count(adb::queue::Counter::kFreed);
   }
   lastNode = nullptr;
-  return pthread_mutex_unlock(&lock);
+  int32_t result = pthread_mutex_unlock(&lock);
+  withdrawQueueStats();
+  return result;
 }
 
 ADB_API int32_t db_freeQueue(void) { return db_freeQueueEntries(); }

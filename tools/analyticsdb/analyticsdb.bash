@@ -25,6 +25,9 @@ _analyticsdb() {
   --db | --out)
     _filedir
     return ;;
+  --stats-dir)
+    _filedir -d
+    return ;;
   --last)
     COMPREPLY=($(compgen -W "5m 15m 1h 6h 24h 2d 7d" -- "$cur"))
     return ;;
@@ -51,7 +54,7 @@ _analyticsdb() {
       COMPREPLY=($(compgen -W "$(_analyticsdb_devices "$db")" -- "$cur"))
     fi ;;
   top) COMPREPLY=($(compgen -W "--sort --json $span $global" -- "$cur")) ;;
-  export) COMPREPLY=($(compgen -W "--format --out $global" -- "$cur")) ;;
+  export) COMPREPLY=($(compgen -W "--format --out --stats-dir $global" -- "$cur")) ;;
   simulate) COMPREPLY=($(compgen -W "--devices --days --contend --start $global" -- "$cur")) ;;
   *) COMPREPLY=($(compgen -W "$global" -- "$cur")) ;;
   esac

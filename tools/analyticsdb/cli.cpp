@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cmath>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <sstream>
@@ -22,6 +23,9 @@
 
 #ifndef ANALYTICSDB_TOOL_DEFAULT_DB
 #define ANALYTICSDB_TOOL_DEFAULT_DB "/flash/morv/edge_analytics/analytics.db"
+#endif
+#ifndef ANALYTICSDB_TOOL_STATS_DIR
+#define ANALYTICSDB_TOOL_STATS_DIR "/run/analyticsdb"
 #endif
 #ifndef ANALYTICSDB_TOOL_VERSION
 #define ANALYTICSDB_TOOL_VERSION "0"
@@ -239,7 +243,9 @@ int runTool(const std::vector<std::string> &args, std::ostream &out, std::ostrea
   top->add_flag("--json", a.top.json, "JSON for machines");
 
   CLI::App *exporter = app.add_subcommand(
-      "export", "Latest values of every device for a fleet's collectors (OpenMetrics or JSON)");
+      "export",
+      "Latest values of every device, and the queue counters of the processes using the library, "
+      "for a fleet's collectors (OpenMetrics or JSON)");
   exporter->add_option("--format", a.exporting.format, "openmetrics (the default) or json")
       ->transform(CLI::CheckedTransformer(
           std::map<std::string, ExportFormat>{{"openmetrics", ExportFormat::OpenMetrics},
@@ -248,6 +254,14 @@ int runTool(const std::vector<std::string> &args, std::ostream &out, std::ostrea
   exporter->add_option("--out", a.exporting.outPath,
                        "File to replace atomically (e.g. for a textfile collector); - or none: "
                        "standard output");
+  // Where the library publishes the queue counters of the processes that use it.
+  const char *statsDir = std::getenv("ANALYTICSDB_STATS_DIR");
+  a.exporting.statsDir = statsDir != nullptr ? statsDir : ANALYTICSDB_TOOL_STATS_DIR;
+  exporter
+      ->add_option("--stats-dir", a.exporting.statsDir,
+                   "Folder of the queue counters processes publish ($ANALYTICSDB_STATS_DIR, else "
+                   "the compiled-in folder); empty: none")
+      ->capture_default_str();
 
   CLI::App *plot = app.add_subcommand("plot", "Draw a device's RSSI and bandwidth as SVG");
   addDevice(plot, a.plot.mac);

@@ -1,47 +1,60 @@
 // Tests of the export for fleet collectors: OpenMetrics that a Prometheus parser accepts even
-// when device names hold quotes, backslashes, line breaks and bytes that are not UTF-8.
+// when device names hold quotes, backslashes, line breaks and bytes that are not UTF-8, with the
+// queue counters of the processes that still run.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 
-#include "analyticsdb.h"
-#include "output.h"
 #include "tool_test_support.h"
 
 namespace adbtool::test {
 namespace {
 
-TEST(ToolExport, OpenMetricsEscapesLabelsAndPassesPromtool) {
+TEST(ToolExport, DevicesAndRunningQueuesAsOpenMetricsThatPromtoolAccepts) {
   TempDir dir;
-  const std::string db = dir.file("fleet.db");
-  ASSERT_EQ(
-      runCli({"simulate", "--devices", "3", "--days", "1", "--start", "1704067200", "--db", db})
-          .status,
-      0);
-  ASSERT_EQ(0, db_setDatabasePath(db.c_str()));
-  ASSERT_EQ(0, db_writeQuery("UPDATE DEVICEINFO SET HOST_S = 'a\"b\\c' || char(10) || 'd' "
-                             "|| CAST(X'FF' AS TEXT) WHERE MAC_S = '02:ad:b0:00:00:02'"));
-  db_closeDbConnection();
+  const std::string db = simulated(dir, 3);
+  runSql(db,
+         "UPDATE DEVICEINFO SET HOST_S = 'a\"b\\c' || char(10) || 'd' || CAST(X'FF' AS TEXT) "
+         "WHERE MAC_S = '02:ad:b0:00:00:02'");
+  // The counters of this process, which runs, and of one that has ended.
+  const std::string stats = dir.file("stats");
+  ASSERT_EQ(mkdir(stats.c_str(), 0755), 0);
+  std::string process = readFile("/proc/self/comm");
+  process.pop_back();
+  const pid_t ended = fork();
+  if (ended == 0) _exit(0);
+  ASSERT_EQ(waitpid(ended, nullptr, 0), ended);
+  for (pid_t pid : {getpid(), ended}) {  // as the library writes them, each counter different
+    writeFile(stats + "/queue." + std::to_string(pid),
+              "pid " + std::to_string(pid) + "\nprocess " + process +
+                  "\nparked 7\nreplayed 4\nretried 9\ndroppedError 1\ndroppedMalformed 2\n"
+                  "freed 5\nrefused 3\nstalls 11\nlength 1\npeakLength 6\n");
+  }
 
+  // The wired uplink has no RSSI sample; rates are bytes per second (kbit/s x 125); the host
+  // name is escaped; the ended process is left out.
   const std::string file = dir.file("analyticsdb.prom");
-  ToolRun run = runCli({"export", "--out", file, "--db", db});
-  ASSERT_EQ(run.status, 0) << run.err;
+  runOk({"export", "--out", file, "--stats-dir", stats, "--db", db});
   const std::string text = readFile(file);
-  // The wired uplink has no RSSI sample; rates are bytes per second (kbit/s x 125).
-  for (const char *expected :
-       {"# TYPE analyticsdb_device_rssi_dbm gauge\n"
-        "analyticsdb_device_rssi_dbm{mac=\"02:ad:b0:00:00:01\",host=\"living-room-tv\","
-        "band=\"5G\"} -52\n",
-        "analyticsdb_device_transmit_bytes_per_second{mac=\"02:ad:b0:00:00:01\","
-        "host=\"living-room-tv\",band=\"5G\"} 2125\n",
-        "host=\"a\\\"b\\\\c^Jd\xef\xbf\xbd\"", "\n# EOF\n"})
-    EXPECT_NE(text.find(expected), std::string::npos) << expected << "\n" << text;
-  EXPECT_EQ(text, runCli({"export", "--db", db}).out);
-
-  Json json = Json::parse(runCli({"export", "--format", "json", "--db", db}).out);
-  EXPECT_EQ(json["version"], 1);
-  EXPECT_EQ(json["devices"][0]["rssi"], nullptr);
-  EXPECT_EQ(json["devices"][1]["tx"]["value"], 17);
+  const std::string pid = std::to_string(getpid());
+  const std::vector<std::pair<std::string, std::string>> varying = {
+      {"pid=\"" + pid + "\"", "pid=\"PID\""},
+      {"\"pid\": " + pid + ",", "\"pid\": PID,"},
+      {"process=\"" + process + "\"", "process=\"PROCESS\""},
+      {"\"process\": \"" + process + "\"", "\"process\": \"PROCESS\""}};
+  expectGolden("export.prom", text, varying);
+  EXPECT_EQ(text, runOk({"export", "--stats-dir", stats, "--db", db}));
+  expectGolden("export.json",
+               runOk({"export", "--format", "json", "--stats-dir", stats, "--db", db}), varying);
+  // Without a publishing process the families stay, without samples.
+  std::string none = runOk({"export", "--stats-dir", "", "--db", db});
+  EXPECT_NE(
+      none.find("# TYPE analyticsdb_queue_stalls_total counter\n# HELP analyticsdb_queue_length"),
+      std::string::npos)
+      << none;
 
 #if defined(ANALYTICSDB_TOOL_PROMTOOL)
   const std::string command =
@@ -53,5 +66,5 @@ TEST(ToolExport, OpenMetricsEscapesLabelsAndPassesPromtool) {
 #endif
 }
 
-} // namespace
-} // namespace adbtool::test
+}  // namespace
+}  // namespace adbtool::test

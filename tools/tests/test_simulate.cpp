@@ -2,6 +2,8 @@
 // span reads of devices younger than the span.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "analyticsdb.h"
 #include "tool_test_support.h"
 
@@ -20,39 +22,34 @@ std::string summaryValue(const std::string &summary, const std::string &label) {
 TEST(ToolSimulate, EightDaysWrapTheWeekAndReadBack) {
   TempDir dir;
   const std::string db = dir.file("week.db");
-  ToolRun sim =
-      runCli({"simulate", "--devices", "2", "--days", "8", "--start", "1704067200", "--db", db});
-  ASSERT_EQ(sim.status, 0) << sim.out << sim.err;
-  EXPECT_EQ(summaryValue(sim.out, "lost"), "0");
-  EXPECT_EQ(summaryValue(sim.out, "read-back"),
+  const std::string summary =
+      runOk({"simulate", "--devices", "2", "--days", "8", "--start", "1704067200", "--db", db});
+  EXPECT_EQ(summaryValue(summary, "lost"), "0");
+  EXPECT_EQ(summaryValue(summary, "read-back"),
             "all 12,098 values match (2 inventory rows, 2 devices x 3 series x 2016 slots)");
-  EXPECT_EQ(summaryValue(sim.out, "queued"),
+  EXPECT_EQ(summaryValue(summary, "queued"),
             "0 requests parked on a busy database (peak 0 of 320)");
 
   // The day 8 samples overwrote day 1's: a week's span ends at the last tick and holds a full
   // ring, oldest first, without a break where the ring wraps.
-  ToolRun week =
-      runCli({"series", "02:ad:b0:00:00:00", "--rx", "--last", "7d", "--csv", "--db", db});
-  ASSERT_EQ(week.status, 0) << week.err;
-  std::vector<std::string> lines;
-  for (std::size_t at = 0, end; (end = week.out.find('\n', at)) != std::string::npos; at = end + 1)
-    lines.push_back(week.out.substr(at, end - at));
-  ASSERT_EQ(lines.size(), 2017u);
-  EXPECT_EQ(lines[1].substr(0, 32), "1704153600,2024-01-02T00:00:00Z,");
-  EXPECT_EQ(lines[2016].substr(0, 32), "1704758100,2024-01-08T23:55:00Z,");
+  const std::string week =
+      runOk({"series", "02:ad:b0:00:00:00", "--rx", "--last", "7d", "--csv", "--db", db});
+  ASSERT_EQ(std::count(week.begin(), week.end(), '\n'), 2017);
+  EXPECT_EQ(week.find("\n1704153600,2024-01-02T00:00:00Z,"), week.find('\n'));
+  EXPECT_EQ(week.find("\n1704758100,2024-01-08T23:55:00Z,"), week.rfind('\n', week.size() - 2));
 }
 
 TEST(ToolSimulate, ContentionIsParkedAndReplayedWithoutLoss) {
   TempDir dir;
   const std::string db = dir.file("busy.db");
-  ToolRun sim = runCli({"simulate", "--devices", "4", "--days", "1", "--contend", "--db", db});
-  ASSERT_EQ(sim.status, 0) << sim.out << sim.err;
-  EXPECT_EQ(summaryValue(sim.out, "lost"), "0") << sim.out;
-  EXPECT_EQ(summaryValue(sim.out, "read-back").rfind("all ", 0), 0u) << sim.out;
+  const std::string summary =
+      runOk({"simulate", "--devices", "4", "--days", "1", "--contend", "--db", db});
+  EXPECT_EQ(summaryValue(summary, "lost"), "0") << summary;
+  EXPECT_EQ(summaryValue(summary, "read-back").rfind("all ", 0), 0u) << summary;
   // Every parked request was replayed.
-  std::string queued = summaryValue(sim.out, "queued");
-  std::string replayed = summaryValue(sim.out, "replayed");
-  EXPECT_EQ(queued.substr(0, queued.find(' ')), replayed.substr(0, replayed.find(' '))) << sim.out;
+  std::string queued = summaryValue(summary, "queued");
+  std::string replayed = summaryValue(summary, "replayed");
+  EXPECT_EQ(queued.substr(0, queued.find(' ')), replayed.substr(0, replayed.find(' '))) << summary;
   EXPECT_EQ(queueCount, 0);
 }
 
@@ -74,17 +71,14 @@ TEST(ToolSimulate, SeriesOfADeviceWithoutInventoryFallsBackToTheDayReads) {
   }
   db_closeDbConnection();
 
-  ToolRun csv = runCli({"series", mac, "--rx", "--last", "15m", "--csv", "--db", db});
-  ASSERT_EQ(csv.status, 0) << csv.err;
-  EXPECT_EQ(csv.out, "timestamp,time,slot,rx_kbit_s\n"
-                     "1704672600,2024-01-08T00:10:00Z,2014,0\n"
-                     "1704672900,2024-01-08T00:15:00Z,2015,700\n"
-                     "1704673200,2024-01-08T00:20:00Z,2016,900\n");
-  ToolRun week = runCli({"series", mac, "--rx", "--last", "7d", "--json", "--db", db});
-  ASSERT_EQ(week.status, 0) << week.err;
-  EXPECT_NE(week.out.find("\"count\":2016,\"min\":0,\"avg\":0.8,\"max\":900"), std::string::npos)
-      << week.out.substr(0, 300);
-
+  EXPECT_EQ(runOk({"series", mac, "--rx", "--last", "15m", "--csv", "--db", db}),
+            "timestamp,time,slot,rx_kbit_s\n"
+            "1704672600,2024-01-08T00:10:00Z,2014,0\n"
+            "1704672900,2024-01-08T00:15:00Z,2015,700\n"
+            "1704673200,2024-01-08T00:20:00Z,2016,900\n");
+  const std::string week = runOk({"series", mac, "--rx", "--last", "7d", "--json", "--db", db});
+  EXPECT_NE(week.find("\"count\":2016,\"min\":0,\"avg\":0.8,\"max\":900"), std::string::npos)
+      << week.substr(0, 300);
   ToolRun rssi = runCli({"series", mac, "--db", db});
   EXPECT_EQ(rssi.status, 1);
   EXPECT_EQ(rssi.err,

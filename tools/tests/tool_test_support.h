@@ -1,8 +1,9 @@
-// tool_test_support.h - running the tool in-process, temporary folders, golden files and an
-// XML well-formedness check for the tool's tests.
+// tool_test_support.h - running the tool in-process, temporary folders, simulated databases,
+// golden files and an XML well-formedness check for the tool's tests.
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace adbtool::test {
@@ -15,6 +16,8 @@ struct ToolRun {
 
 // Runs the tool's command line in this process (so it works under an emulator too).
 ToolRun runCli(const std::vector<std::string> &args);
+// Runs a command line that must succeed without a word on standard error; its output.
+std::string runOk(const std::vector<std::string> &args);
 
 // A fresh folder, removed with everything in it at the end of the scope.
 class TempDir {
@@ -29,13 +32,22 @@ private:
   std::string path_;
 };
 
+// A database of `devices` simulated devices over one day from 2024-01-01 00:00 UTC, made by the
+// tool itself in `dir`: the same file for the same count, every time.
+std::string simulated(const TempDir &dir, int devices);
+
+// Runs `statement` on `db` through the library.
+void runSql(const std::string &db, const std::string &statement);
+
 std::string readFile(const std::string &path);
 void writeFile(const std::string &path, const std::string &text);
 
-// Compares with tools/tests/golden/<name>; ANALYTICSDB_UPDATE_GOLDEN=1 rewrites the file.
-void expectGolden(const std::string &name, const std::string &actual);
+// Compares with tools/tests/golden/<name>; ANALYTICSDB_UPDATE_GOLDEN=1 rewrites the file. The
+// golden file says `placeholder` where `actual` says `varying` (a pid, a process name).
+void expectGolden(const std::string &name, std::string actual,
+                  const std::vector<std::pair<std::string, std::string>> &varying = {});
 
-// Empty when `text` is well-formed XML with one root element, else what is wrong.
+// Empty when `text` is well-formed XML (xmllint, where the build found it), else what is wrong.
 std::string xmlProblem(const std::string &text);
 
 } // namespace adbtool::test
