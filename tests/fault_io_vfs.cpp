@@ -33,11 +33,6 @@ class IoFaultTest : public adbtest::FaultTest {
     ASSERT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
   }
 
-  void TearDown() override {
-    FaultTest::TearDown();  // closes every connection that went through the shim
-    adbtest::removeShimVfs();
-  }
-
   // Fails every write, then every sync, of the operation in turn. A run whose fault struck has
   // logged an error line, and the library goes on writing on the same connection, each write
   // committed at once.

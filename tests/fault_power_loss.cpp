@@ -58,10 +58,6 @@ class PowerLossTest : public adbtest::FaultTest {
     ASSERT_EQ(db_updateDBVersion(5), DB_STATUS_SUCCESS);
     ASSERT_EQ(db_updatePrimitiveRssi(Values{kMac, "1700000000", "1"}.data()), DB_STATUS_SUCCESS);
   }
-  void TearDown() override {
-    FaultTest::TearDown();
-    adbtest::removeShimVfs();
-  }
 
   // Runs `operation` through the shim from a closed connection, then boots every image it could
   // leave: each must pass integrity_check and read as `before` or `after` (by the query `state`),

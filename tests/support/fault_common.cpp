@@ -14,6 +14,11 @@ void FaultTest::SetUp() {
   ryxLogSetLevel(RYX_LOG_ERROR);
 }
 
+void FaultTest::TearDown() {
+  DbTest::TearDown();
+  removeShimVfs();
+}
+
 void FaultTest::failEach(FaultCounter &fault, const FaultPlan &plan, const std::string &property) {
   long total = 0;
   // Run 0 only counts the passes; it must succeed.
@@ -114,6 +119,8 @@ FaultPlan FaultTest::parkedPlan(std::set<int32_t> allowed) {
                   EXPECT_EQ(nodeValues(*head), (std::vector<Cell>{kMac, "Parked"}));
                 }
                 EXPECT_EQ(queueCount, head != nullptr ? 1 : 0);
+                EXPECT_EQ(head != nullptr, status == DB_STATUS_BUSY)
+                    << "parked exactly when it answers 3";
                 return status;
               },
           .clean = DB_STATUS_BUSY,

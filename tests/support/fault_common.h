@@ -78,6 +78,8 @@ class FaultTest : public DbTest {
 
   // Makes DEVICEINFO and keeps the log to error lines: the runs are judged by them alone.
   void SetUp() override;
+  // Removes the shim VFS, if a test installed it, once every connection through it is closed.
+  void TearDown() override;
 
   // Runs the plan with every pass of `fault` failing in turn. After each run `busy_` is released
   // and what the run left parked is replayed or dropped. The number of passes (the fault points
