@@ -99,8 +99,8 @@ class FaultTest : public DbTest {
   FaultPlan writePlan(const NameWrite &write, std::set<int32_t> allowed);
   // A read of DEVICEINFO's three rows into records, which are then freed.
   FaultPlan readPlan(std::set<int32_t> allowed);
-  // A write that meets the busy file (clean: parked, status 3); what is parked is the whole
-  // request or nothing.
+  // A write that meets the busy file: it answers 3 exactly when it was parked, and what is
+  // parked is the whole request.
   FaultPlan parkedPlan(std::set<int32_t> allowed);
   // The replay of a parked write: the head stays for a later call or is removed with its status.
   FaultPlan replayPlan();
