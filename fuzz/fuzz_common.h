@@ -1,14 +1,14 @@
-/*
- * fuzz_common.h - what the fuzz targets share: a private database folder and a model of how
- * the writer quotes a text value.
- */
+// fuzz_common.h - what the fuzz targets share: the reader of their input, a private database
+// folder and a model of how the writer quotes a text value.
 #ifndef ANALYTICSDB_FUZZ_COMMON_H
 #define ANALYTICSDB_FUZZ_COMMON_H
 
 #include <stdlib.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <string>
 
 namespace fuzz {
@@ -23,6 +23,30 @@ namespace fuzz {
   do {                                \
     if (!(condition)) ::fuzz::fail(#condition, detail); \
   } while (0)
+
+// The input, byte by byte; past its end every byte reads as 0.
+class Input {
+ public:
+  Input(const uint8_t *data, size_t size) : data_(data), size_(size) {}
+  bool empty() const { return position_ >= size_; }
+  uint8_t byte() { return empty() ? 0 : data_[position_++]; }
+  // A text of the next `length` bytes, NULs skipped (shorter at the end of the input); it stays
+  // valid for the whole input.
+  char *text(size_t length) {
+    std::string value;
+    while (value.size() < length && !empty()) {
+      char c = static_cast<char>(byte());
+      if (c != '\0') value += c;
+    }
+    return texts_.emplace_back(value).data();
+  }
+
+ private:
+  const uint8_t *data_;
+  size_t size_;
+  size_t position_ = 0;
+  std::deque<std::string> texts_{};
+};
 
 // A fresh folder under TMPDIR (or /tmp) for this process's database.
 inline std::string temporaryFolder() {

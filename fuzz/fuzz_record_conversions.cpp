@@ -1,20 +1,18 @@
-/*
- * fuzz_record_conversions.cpp - every raw result -> record conversion, on arbitrary cells.
- *
- * Input: a row count and a column count, then one cell after another: a header drawn from the
- * library's real column names (or free text), data cells as text of any bytes or SQL NULL.
- * Every list conversion runs on the cells and its list is freed; the conversions into caller
- * storage run with arrays of exactly the size their contract asks for. AddressSanitizer and
- * the leak checker judge the outcome.
- */
+// fuzz_record_conversions.cpp - every raw result -> record conversion, on arbitrary cells.
+//
+// Input: a row count and a column count, then one cell after another: a header drawn from the
+// library's real column names (or free text), data cells as text of any bytes or SQL NULL.
+// Every list conversion runs on the cells and its list is freed; the conversions into caller
+// storage run with arrays of exactly the size their contract asks for. AddressSanitizer and
+// the leak checker judge the outcome.
 #include <cstdint>
 #include <cstring>
-#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "analyticsdb.h"
+#include "fuzz_common.h"
 
 namespace {
 
@@ -28,55 +26,32 @@ const char *const kNames[] = {
     "TIMESTAMP", "SLOTINDEX", "SOURCE_S", "INTF_NAME_S", "SLOT1", "SLOT2", "SLOT288", "SLOT289",
     "SLOT2016", "SLOT2017", "SLOT0", "SLOT-5", "SLOT99999999999", "SLOT"};
 
-class Input {
- public:
-  Input(const uint8_t *data, size_t size) : data_(data), size_(size) {}
-  bool empty() const { return position_ >= size_; }
-  uint8_t byte() { return empty() ? 0 : data_[position_++]; }
-  char *text(size_t maxLength) {
-    size_t length = byte() % (maxLength + 1);
-    std::string value;
-    while (value.size() < length && !empty()) {
-      char c = static_cast<char>(byte());
-      if (c != '\0') value += c;
-    }
-    return texts_.emplace_back(value).data();
-  }
-
- private:
-  const uint8_t *data_;
-  size_t size_;
-  size_t position_ = 0;
-  std::deque<std::string> texts_{};
-};
-
 template <typename Record>
 void convert(int32_t (*conversion)(char **, Record ***, int32_t, int32_t),
              void (*release)(Record ***, int32_t), char **cells, int32_t rows, int32_t columns) {
   Record **list = nullptr;
-  int32_t status = conversion(cells, &list, rows, columns);
-  if (status == DB_STATUS_EMPTY) {
-    if (list != nullptr) __builtin_trap();  // an empty result leaves the list alone
-    return;
-  }
-  release(&list, rows);
-  if (list != nullptr) __builtin_trap();  // the free function resets the caller's variable
+  // An empty result leaves the list alone; the free function resets the caller's variable.
+  if (conversion(cells, &list, rows, columns) != DB_STATUS_EMPTY) release(&list, rows);
+  FUZZ_CHECK(list == nullptr, "a list is left to the caller");
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  Input in(data, size);
+  fuzz::Input in(data, size);
   const int32_t rows = in.byte() % 6;
   const int32_t columns = in.byte() % 10;
   std::vector<char *> cells(static_cast<size_t>((rows + 1) * columns) + 1, nullptr);
   for (int32_t c = 0; c < columns; ++c) {
+    // Mostly a real column name, now and then a free text of up to 12 bytes.
     uint8_t pick = in.byte();
-    cells[c] = pick < 0xF0 ? const_cast<char *>(kNames[pick % std::size(kNames)]) : in.text(12);
+    cells[c] = pick < 0xF0 ? const_cast<char *>(kNames[pick % std::size(kNames)])
+                           : in.text(in.byte() % 13);
   }
   for (int32_t i = columns; i < (rows + 1) * columns; ++i) {
+    // NULL, a text of up to 300 bytes or one of up to 24.
     uint8_t kind = in.byte();
-    cells[i] = kind < 0x20 ? nullptr : in.text(kind < 0x40 ? 300 : 24);
+    cells[i] = kind < 0x20 ? nullptr : in.text(in.byte() % (kind < 0x40 ? 301 : 25));
   }
   // The header row alone (no rows) and absent cells are inputs too.
   char **table = (rows + columns == 0 && in.byte() & 1) ? nullptr : cells.data();

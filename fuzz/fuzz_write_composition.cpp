@@ -1,14 +1,12 @@
-/*
- * fuzz_write_composition.cpp - quote escaping and INSERT/UPDATE composition, through the
- * library against a real database file.
- *
- * Input: two values separated by a 0x01 byte (each ends at its first NUL). The first is
- * escaped on its own, then both are written to the same row (an INSERT, then an UPDATE).
- * Properties: the escaper never writes past its 1024 bytes and gives the modelled text; every
- * statement that runs holds exactly the intended string literals (none left open, no statement
- * separator outside them); a write succeeds exactly when its value list fits, and the file then
- * holds the value cut to its bound.
- */
+// fuzz_write_composition.cpp - quote escaping and INSERT/UPDATE composition, through the
+// library against a real database file.
+//
+// Input: two values separated by a 0x01 byte (each ends at its first NUL). The first is
+// escaped on its own, then both are written to the same row (an INSERT, then an UPDATE).
+// Properties: the escaper never writes past its 1024 bytes and gives the modelled text; every
+// statement that runs holds exactly the intended string literals (none left open, no statement
+// separator outside them); a write succeeds exactly when its value list fits, and the file then
+// holds the value cut to its bound.
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -39,28 +37,27 @@ int literalCount(const std::string &sql) {
   int count = 0;
   bool inside = false;
   for (size_t i = 0; i < sql.size(); ++i) {
-    if (!inside) {
-      if (sql[i] == ';') return -1;
-      if (sql[i] == '\'') {
-        inside = true;
-        ++count;
-      }
-    } else if (sql[i] == '\'') {
-      if (i + 1 < sql.size() && sql[i + 1] == '\'') {
-        ++i;
-      } else {
-        inside = false;
-      }
+    if (!inside && sql[i] == ';') return -1;
+    if (sql[i] != '\'') continue;
+    if (inside && i + 1 < sql.size() && sql[i + 1] == '\'') {
+      ++i;  // a doubled quote within the literal
+    } else {
+      inside = !inside;
+      count += inside ? 1 : 0;
     }
   }
   return inside ? -1 : count;
 }
 
-const std::string *statementStarting(const char *verb) {
+// The first statement that starts with `verb` ran, and holds exactly its two literals.
+void checkStatement(const char *verb) {
   for (const std::string &sql : gStatements) {
-    if (sql.rfind(verb, 0) == 0) return &sql;
+    if (sql.rfind(verb, 0) == 0) {
+      FUZZ_CHECK(literalCount(sql) == 2, sql);
+      return;
+    }
   }
-  return nullptr;
+  fuzz::fail("a statement did not run", verb);
 }
 
 // The stored name of the row, or "<none>".
@@ -74,26 +71,6 @@ std::string storedName() {
   std::string value = rows == 1 && cells[1] != nullptr ? cells[1] : "<none>";
   db_freeResult(&cells);
   return value;
-}
-
-void initialise() {
-  static bool done = false;
-  if (done) return;
-  done = true;
-  static const std::string folder = fuzz::temporaryFolder();
-  std::atexit([] {
-    db_closeDbConnection();
-    std::error_code ignored;
-    std::filesystem::remove_all(folder, ignored);
-  });
-  std::string path = folder + "/analytics.db";
-  db_setDatabasePath(path.c_str());
-  db_initQueue();
-  db_writeQuery("PRAGMA synchronous = OFF");
-  db_writeQuery("PRAGMA journal_mode = MEMORY");
-  if (db_createDeviceInfoTable() != DB_STATUS_SUCCESS) fuzz::fail("create DEVICEINFO");
-  ryxLogSetHandler(captureWrites, nullptr);
-  ryxLogSetLevel(RYX_LOG_DEBUG);
 }
 
 // The value list of {'fz', 'value'} must fit in 2999 characters.
@@ -121,19 +98,33 @@ void writeAndCheck(const std::string &value, bool update) {
     return;
   }
   FUZZ_CHECK(status == DB_STATUS_SUCCESS, value);
-  const std::string *insert = statementStarting("INSERT");
-  FUZZ_CHECK(insert != nullptr && literalCount(*insert) == 2, insert ? *insert : "no INSERT");
-  if (update) {
-    const std::string *sql = statementStarting("UPDATE");
-    FUZZ_CHECK(sql != nullptr && literalCount(*sql) == 2, sql ? *sql : "no UPDATE");
-  }
+  checkStatement("INSERT");
+  if (update) checkStatement("UPDATE");
   FUZZ_CHECK(storedName() == fuzz::unescaped(fuzz::literalBody(value)), value);
 }
 
 }  // namespace
 
+// Called once by libFuzzer before the first input.
+extern "C" int LLVMFuzzerInitialize(int *, char ***) {
+  static const std::string folder = fuzz::temporaryFolder();
+  std::atexit([] {
+    db_closeDbConnection();
+    std::error_code ignored;
+    std::filesystem::remove_all(folder, ignored);
+  });
+  std::string path = folder + "/analytics.db";
+  db_setDatabasePath(path.c_str());
+  db_initQueue();
+  db_writeQuery("PRAGMA synchronous = OFF");
+  db_writeQuery("PRAGMA journal_mode = MEMORY");
+  if (db_createDeviceInfoTable() != DB_STATUS_SUCCESS) fuzz::fail("create DEVICEINFO");
+  ryxLogSetHandler(captureWrites, nullptr);
+  ryxLogSetLevel(RYX_LOG_DEBUG);
+  return 0;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  initialise();
   std::string input(reinterpret_cast<const char *>(data), size);
   size_t split = input.find('\x01');
   std::string first = input.substr(0, split);

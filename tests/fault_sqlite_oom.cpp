@@ -1,12 +1,10 @@
-/*
- * fault_sqlite_oom.cpp - every operation with SQLite's N-th allocation failing.
- *
- * SQLite's allocator can only be replaced before the first connection exists, so the fault
- * tests are a program of their own whose main() installs a counting allocator first. A write
- * that inserts, one that updates, a read into records, a queued write and its replay each run
- * with every allocation failing in turn (see support/fault_common.h for what each run must
- * leave).
- */
+// fault_sqlite_oom.cpp - every operation with SQLite's N-th allocation failing.
+//
+// SQLite's allocator can only be replaced before the first connection exists, so the fault
+// tests are a program of their own whose main() installs a counting allocator first. A write
+// that inserts, one that updates, a read into records, a queued write and its replay each run
+// with every allocation failing in turn (see support/fault_common.h for what each run must
+// leave).
 #include <sqlite3.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -20,50 +18,20 @@ namespace {
 sqlite3_mem_methods gSystem;
 adbtest::FaultCounter gAllocations;
 
-void *faultyMalloc(int size) { return gAllocations.strikes() ? nullptr : gSystem.xMalloc(size); }
-void *faultyRealloc(void *old, int size) {
-  return gAllocations.strikes() ? nullptr : gSystem.xRealloc(old, size);
-}
-
 using SqliteOomTest = adbtest::FaultTest;
 
-TEST_F(SqliteOomTest, WritesEndInAStatusAndLeaveTheOldOrTheNewRow) {
+TEST_F(SqliteOomTest, WritesReadsAndQueuedWritesEndInAStatusAndLeaveTheOldOrTheNewRow) {
   for (const NameWrite &write : kNameWrites) {
     failEach(gAllocations,
              writePlan(write, {DB_STATUS_SUCCESS, DB_STATUS_FAILURE, DB_STATUS_OPEN_FAILED}),
              std::string(write.what) + " allocations");
   }
-}
-
-TEST_F(SqliteOomTest, ReadsIntoRecordsEndInAStatusAndHandOutNothingHalfBuilt) {
-  adbtest::FaultPlan read = namePlan(
-      [&] { resetRow("Reader"); },
-      [] {
-        DeviceInfoRecord **list = nullptr;
-        int32_t rows = 0;
-        int32_t status = db_readDeviceInfoTable(&list, &rows);
-        if (status == DB_STATUS_SUCCESS) {
-          EXPECT_EQ(rows, 1);
-          EXPECT_STREQ(list[0]->friendlyName, "Reader");
-        }
-        if (list != nullptr) db_freeDeviceInfoResult(&list, rows);
-        return status;
-      },
-      0, {DB_STATUS_SUCCESS, DB_STATUS_FAILURE, DB_STATUS_EMPTY, DB_STATUS_OPEN_FAILED},
-      {"Reader"});
-  failEach(gAllocations, read, "read allocations");
-}
-
-TEST_F(SqliteOomTest, QueuedWritesAndTheirReplayEndInAStatus) {
+  failEach(gAllocations,
+           readPlan({DB_STATUS_SUCCESS, DB_STATUS_FAILURE, DB_STATUS_EMPTY, DB_STATUS_OPEN_FAILED}),
+           "read allocations");
   // The write meets a busy file and is parked; faults hit the write's attempt.
-  adbtest::FaultPlan parked = namePlan(
-      [&] {
-        resetRow("Before");
-        busy_.emplace(dbPath());
-      },
-      [] { return writeName("Parked"); }, DB_STATUS_BUSY,
-      {DB_STATUS_BUSY, DB_STATUS_FAILURE, DB_STATUS_OPEN_FAILED}, {"Before"});
-  failEach(gAllocations, parked, "parked write allocations");
+  failEach(gAllocations, parkedPlan({DB_STATUS_BUSY, DB_STATUS_FAILURE, DB_STATUS_OPEN_FAILED}),
+           "parked write allocations");
   failEach(gAllocations, replayPlan(), "replay allocations");
 }
 
@@ -76,8 +44,12 @@ int main(int argc, char **argv) {
   }
   sqlite3_config(SQLITE_CONFIG_GETMALLOC, &gSystem);
   sqlite3_mem_methods faulty = gSystem;
-  faulty.xMalloc = faultyMalloc;
-  faulty.xRealloc = faultyRealloc;
+  faulty.xMalloc = [](int size) {
+    return gAllocations.strikes() ? nullptr : gSystem.xMalloc(size);
+  };
+  faulty.xRealloc = [](void *old, int size) {
+    return gAllocations.strikes() ? nullptr : gSystem.xRealloc(old, size);
+  };
   if (sqlite3_config(SQLITE_CONFIG_MALLOC, &faulty) != SQLITE_OK) return 2;
   ::testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();

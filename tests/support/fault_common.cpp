@@ -1,7 +1,10 @@
 // fault_common.cpp - see fault_common.h.
 #include "support/fault_common.h"
 
+#include <sqlite3.h>
+
 #include <cstdio>
+#include <vector>
 
 namespace adbtest {
 
@@ -11,14 +14,12 @@ void FaultTest::SetUp() {
   ryxLogSetLevel(RYX_LOG_ERROR);
 }
 
-std::string FaultTest::checkFile(const std::function<std::string(RawDb &)> &observe) {
-  EXPECT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
-  RawDb check(dbPath());
-  EXPECT_EQ(check.scalar("PRAGMA integrity_check"), Cell("ok"));
-  return observe(check);
+void FaultTest::TearDown() {
+  DbTest::TearDown();
+  removeShimVfs();
 }
 
-long FaultTest::failEach(FaultCounter &fault, const FaultPlan &plan, const std::string &property) {
+void FaultTest::failEach(FaultCounter &fault, const FaultPlan &plan, const std::string &property) {
   long total = 0;
   // Run 0 only counts the passes; it must succeed.
   for (long n = 0; n <= total; ++n) {
@@ -29,8 +30,13 @@ long FaultTest::failEach(FaultCounter &fault, const FaultPlan &plan, const std::
     fault.arm(n);
     const int32_t status = plan.operation();
     const long seen = fault.disarm();
+    busy_.reset();
     if (plan.settle) plan.settle(status);
-    const std::string state = checkFile(plan.observe);
+    // The whole file, from a connection of its own.
+    EXPECT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
+    RawDb check(dbPath());
+    EXPECT_EQ(check.scalar("PRAGMA integrity_check"), Cell("ok"));
+    const std::string state = plan.observe(check);
     if (n == 0) {
       total = seen;
       EXPECT_EQ(status, plan.clean) << "the operation fails without any fault";
@@ -45,53 +51,98 @@ long FaultTest::failEach(FaultCounter &fault, const FaultPlan &plan, const std::
     if (status == plan.clean && !plan.committed.empty()) {
       EXPECT_EQ(state, plan.committed) << "a run reports success but lost its write";
     }
-    if (plan.cleanup) plan.cleanup();
+    for (int i = 0; i < 4 && queueCount > 0; ++i) db_processQueueEntry();
+    db_freeQueue();
     if (HasFailure()) break;
   }
   RecordProperty(property, std::to_string(total));
   std::printf("[ fault    ] %s: %ld fault points\n", property.c_str(), total);
-  return total;
 }
 
-FaultPlan FaultTest::namePlan(std::function<void()> prepare, std::function<int32_t()> operation,
-                              int32_t clean, std::set<int32_t> allowed,
-                              std::set<std::string> outcomes) {
-  FaultPlan plan;
-  plan.prepare = std::move(prepare);
-  plan.operation = std::move(operation);
-  plan.clean = clean;
-  plan.allowed = std::move(allowed);
-  plan.settle = [this](int32_t) { busy_.reset(); };
-  plan.observe = storedName;
-  plan.outcomes = std::move(outcomes);
-  plan.cleanup = [] {
-    for (int i = 0; i < 4 && queueCount > 0; ++i) db_processQueueEntry();
-    db_freeQueue();
-  };
-  return plan;
+const FaultTest::NameWrite FaultTest::kNameWrites[2] = {
+    {"insert", nullptr, [] { return writeName("Kitchen TV"); }, "Kitchen TV"},
+    {"update", "Old name", [] { return writeName("New name"); }, "New name"}};
+
+FaultPlan FaultTest::writePlan(const NameWrite &write, std::set<int32_t> allowed) {
+  return {.prepare =
+              [this, write] {
+                // A drop before may have taken the table.
+                if (!raw().tableExists("DEVICEINFO")) db_createDeviceInfoTable();
+                resetRow(write.before);
+              },
+          .operation = write.operation,
+          .allowed = std::move(allowed),
+          .outcomes = {write.before != nullptr ? write.before : "<none>", write.after},
+          .committed = write.after};
+}
+
+FaultPlan FaultTest::readPlan(std::set<int32_t> allowed) {
+  return {.prepare =
+              [this] {
+                resetRow("Reader");
+                raw().exec("INSERT INTO DEVICEINFO (MAC_S) VALUES ('a'), ('b')");
+              },
+          .operation =
+              [] {
+                DeviceInfoRecord **list = nullptr;
+                int32_t rows = 0;
+                const int32_t status = db_readDeviceInfoTable(&list, &rows);
+                if (status == DB_STATUS_SUCCESS) {
+                  std::vector<std::string> names;
+                  for (int32_t r = 0; r < rows; ++r) {
+                    names.push_back(list[r] != nullptr ? list[r]->friendlyName : "<no record>");
+                  }
+                  EXPECT_EQ(names, (std::vector<std::string>{"Reader", "", ""}));
+                }
+                // A failed conversion hands out the records made so far; they are freed alike.
+                if (list != nullptr) db_freeDeviceInfoResult(&list, rows);
+                EXPECT_EQ(list, nullptr);
+                return status;
+              },
+          .allowed = std::move(allowed),
+          .outcomes = {"Reader"}};
+}
+
+FaultPlan FaultTest::parkedPlan(std::set<int32_t> allowed) {
+  return {.prepare =
+              [this] {
+                resetRow("Before");
+                busy_.emplace(dbPath());
+              },
+          .operation =
+              [] {
+                const int32_t status = writeName("Parked");
+                // A node that could not hold every value would replay another write than the
+                // caller's.
+                const WriteRequestNode *head = queueHead();
+                if (head != nullptr) {
+                  EXPECT_EQ(nodeValues(*head), (std::vector<Cell>{kMac, "Parked"}));
+                }
+                EXPECT_EQ(queueCount, head != nullptr ? 1 : 0);
+                EXPECT_EQ(head != nullptr, status == DB_STATUS_BUSY)
+                    << "parked exactly when it answers 3";
+                return status;
+              },
+          .clean = DB_STATUS_BUSY,
+          .allowed = std::move(allowed),
+          .outcomes = {"Before"}};
 }
 
 FaultPlan FaultTest::replayPlan() {
-  return namePlan(
-      [this] {
-        db_freeQueue();
-        resetRow("Before");
-        BusyHolder busy(dbPath());
-        ASSERT_EQ(writeName("Replayed"), DB_STATUS_BUSY);
-      },
-      [] { return db_processQueueEntry(); }, 0, {0, 2, 3}, {"Before", "Replayed"});
+  return {.prepare =
+              [this] {
+                db_freeQueue();
+                resetRow("Before");
+                BusyHolder busy(dbPath());
+                ASSERT_EQ(writeName("Replayed"), DB_STATUS_BUSY);
+              },
+          .operation = db_processQueueEntry,
+          .clean = 0,
+          .allowed = {0, 2, 3},
+          .outcomes = {"Before", "Replayed"}};
 }
 
-FaultPlan FaultTest::writePlan(const NameWrite &write, std::set<int32_t> allowed) {
-  FaultPlan plan = namePlan([this, write] { resetRow(write.before); },
-                            [write] { return writeName(write.after); }, DB_STATUS_SUCCESS,
-                            std::move(allowed),
-                            {write.before != nullptr ? write.before : "<none>", write.after});
-  plan.committed = write.after;
-  return plan;
-}
-
-std::string FaultTest::nameOf(RawDb &db, const char *mac) {
+std::string nameOf(RawDb &db, const char *mac) {
   if (!db.tableExists("DEVICEINFO")) return "<none>";
   return db.scalar(std::string("SELECT FRIENDLYNAME_S FROM DEVICEINFO WHERE MAC_S = '") + mac + "'")
       .value_or("<none>");
@@ -105,46 +156,97 @@ void FaultTest::resetRow(const char *name) {
   }
 }
 
-int32_t FaultTest::writeName(const char *name) {
-  return db_updateDeviceInfoBeaconFName(Values{kMac, name}.data());
+int32_t FaultTest::writeName(const char *name, const char *mac) {
+  return db_updateDeviceInfoBeaconFName(Values{mac, name}.data());
 }
 
 namespace {
 
 sqlite3_vfs *gReal = nullptr;
 sqlite3_vfs gShim;
+ShimHooks gHooks;
 
-#define ADB_TO_VFS(method) [](sqlite3_vfs *, auto... args) { return gReal->method(gReal, args...); }
+// The shim's file: its own header, then the wrapped VFS's file in the same block.
+struct ShimFile {
+  sqlite3_file base;
+  sqlite3_file *real;
+  const char *path;  // valid until xClose; null for temporary files
+};
+// Keeps the wrapped file aligned for its 64-bit members on every target.
+constexpr size_t kRealFileOffset = (sizeof(ShimFile) + 15) & ~static_cast<size_t>(15);
+
+sqlite3_file *realOf(sqlite3_file *file) { return reinterpret_cast<ShimFile *>(file)->real; }
+const sqlite3_io_methods *methodsOf(sqlite3_file *file) { return realOf(file)->pMethods; }
+
+// A method that hands its call on to the wrapped file.
+#define ADB_TO_FILE(method) \
+  [](sqlite3_file *f, auto... args) { return methodsOf(f)->method(realOf(f), args...); }
+
+// Version 2: without xFetch, every read goes through xRead.
+const sqlite3_io_methods kShimMethods = {
+    .iVersion = 2,
+    .xClose = ADB_TO_FILE(xClose),
+    .xRead = ADB_TO_FILE(xRead),
+    .xWrite =
+        [](sqlite3_file *f, const void *data, int amount, sqlite3_int64 offset) {
+          if (gHooks.writes != nullptr && gHooks.writes->strikes()) return SQLITE_IOERR_WRITE;
+          return methodsOf(f)->xWrite(realOf(f), data, amount, offset);
+        },
+    .xTruncate = ADB_TO_FILE(xTruncate),
+    .xSync =
+        [](sqlite3_file *f, int flags) {
+          if (gHooks.syncs != nullptr && gHooks.syncs->strikes()) return SQLITE_IOERR_FSYNC;
+          const int result = methodsOf(f)->xSync(realOf(f), flags);
+          if (result == SQLITE_OK && gHooks.synced != nullptr) {
+            gHooks.synced(reinterpret_cast<ShimFile *>(f)->path);
+          }
+          return result;
+        },
+    .xFileSize = ADB_TO_FILE(xFileSize),
+    .xLock = ADB_TO_FILE(xLock),
+    .xUnlock = ADB_TO_FILE(xUnlock),
+    .xCheckReservedLock = ADB_TO_FILE(xCheckReservedLock),
+    .xFileControl = ADB_TO_FILE(xFileControl),
+    .xSectorSize = ADB_TO_FILE(xSectorSize),
+    .xDeviceCharacteristics = ADB_TO_FILE(xDeviceCharacteristics),
+    .xShmMap = ADB_TO_FILE(xShmMap),
+    .xShmLock = ADB_TO_FILE(xShmLock),
+    .xShmBarrier = ADB_TO_FILE(xShmBarrier),
+    .xShmUnmap = ADB_TO_FILE(xShmUnmap),
+    .xFetch = nullptr,
+    .xUnfetch = nullptr,
+};
+
+int shimOpen(sqlite3_vfs *, sqlite3_filename name, sqlite3_file *file, int flags, int *outFlags) {
+  auto *shim = reinterpret_cast<ShimFile *>(file);
+  shim->base.pMethods = nullptr;  // SQLite closes only files whose open succeeded
+  shim->real = reinterpret_cast<sqlite3_file *>(reinterpret_cast<char *>(file) + kRealFileOffset);
+  shim->path = name;
+  const int result = gReal->xOpen(gReal, name, shim->real, flags, outFlags);
+  if (shim->real->pMethods != nullptr) shim->base.pMethods = &kShimMethods;
+  return result;
+}
+
+int shimDelete(sqlite3_vfs *, const char *path, int syncDir) {
+  const int result = gReal->xDelete(gReal, path, syncDir);
+  if (result == SQLITE_OK && syncDir != 0 && gHooks.deleted != nullptr) gHooks.deleted(path);
+  return result;
+}
 
 }  // namespace
 
-bool installShimVfs(const char *name, size_t headerSize, ShimOpen open, ShimDelete remove) {
+bool installShimVfs(const ShimHooks &hooks) {
   gReal = sqlite3_vfs_find(nullptr);
-  if (gReal == nullptr || gReal->iVersion < 2) return false;
-  gShim = sqlite3_vfs{
-      .iVersion = 2,
-      .szOsFile = static_cast<int>(headerSize) + gReal->szOsFile,
-      .mxPathname = gReal->mxPathname,
-      .pNext = nullptr,
-      .zName = name,
-      .pAppData = nullptr,
-      .xOpen = open,
-      .xDelete = remove != nullptr ? remove : ADB_TO_VFS(xDelete),
-      .xAccess = ADB_TO_VFS(xAccess),
-      .xFullPathname = ADB_TO_VFS(xFullPathname),
-      .xDlOpen = ADB_TO_VFS(xDlOpen),
-      .xDlError = ADB_TO_VFS(xDlError),
-      .xDlSym = ADB_TO_VFS(xDlSym),
-      .xDlClose = ADB_TO_VFS(xDlClose),
-      .xRandomness = ADB_TO_VFS(xRandomness),
-      .xSleep = ADB_TO_VFS(xSleep),
-      .xCurrentTime = ADB_TO_VFS(xCurrentTime),
-      .xGetLastError = ADB_TO_VFS(xGetLastError),
-      .xCurrentTimeInt64 = ADB_TO_VFS(xCurrentTimeInt64),
-      .xSetSystemCall = nullptr,
-      .xGetSystemCall = nullptr,
-      .xNextSystemCall = nullptr,
-  };
+  if (gReal == nullptr) return false;
+  gHooks = hooks;
+  // The default VFS's other methods serve the shim as they are: none of them depends on the VFS
+  // object it is called through.
+  gShim = *gReal;
+  gShim.szOsFile = static_cast<int>(kRealFileOffset) + gReal->szOsFile;
+  gShim.pNext = nullptr;
+  gShim.zName = "adbtest-shim";
+  gShim.xOpen = shimOpen;
+  gShim.xDelete = shimDelete;
   return sqlite3_vfs_register(&gShim, 1) == SQLITE_OK;
 }
 
@@ -154,7 +256,5 @@ void removeShimVfs() {
   sqlite3_vfs_unregister(&gShim);
   gReal = nullptr;
 }
-
-sqlite3_vfs *realVfs() { return gReal; }
 
 }  // namespace adbtest

@@ -10,6 +10,7 @@
 //    logged an error line. The leak checker of the sanitizer build judges that nothing leaked.
 //  - The test device's row in DEVICEINFO (its friendly name) that the single-row operations
 //    insert and update, and the plans over it that every fault source runs.
+//  - A shim VFS over the default one, through which writes and syncs can fail or be watched.
 #ifndef ANALYTICSDB_TEST_FAULT_COMMON_H
 #define ANALYTICSDB_TEST_FAULT_COMMON_H
 
@@ -18,8 +19,6 @@
 #include <optional>
 #include <set>
 #include <string>
-
-#include <sqlite3.h>
 
 #include "support/db_fixture.h"
 
@@ -55,71 +54,75 @@ class FaultCounter {
   std::atomic<bool> struck_{false};
 };
 
+// The test device, whose row the single-row operations write.
+inline constexpr const char *kDeviceMac = "11:22:33:44:55:66";
+// The friendly name of `mac` ("<none>" without a row or the table).
+std::string nameOf(RawDb &db, const char *mac = kDeviceMac);
+
+// Every member has an initializer, so that a plan names only the members it needs.
 struct FaultPlan {
-  std::function<void()> prepare;       // sets the file up before each run (faults off)
-  std::function<int32_t()> operation;  // runs from a closed connection: the open is part of it
-  int32_t clean = DB_STATUS_SUCCESS;   // its status when nothing fails
-  std::set<int32_t> allowed;           // the statuses a run with a fault may end with
-  std::function<void(int32_t status)> settle;   // optional: after the operation, faults off
-  std::function<std::string(RawDb &)> observe;  // the state of the file, from a fresh connection
-  std::set<std::string> outcomes;               // the states a run may leave
-  std::string committed;          // optional: the state a run ending in `clean` leaves
-  std::function<void()> cleanup;  // optional: after the file was checked
+  std::function<void()> prepare = {};       // sets the file up before each run (faults off)
+  std::function<int32_t()> operation = {};  // runs from a closed connection: the open is part of it
+  int32_t clean = DB_STATUS_SUCCESS;        // its status when nothing fails
+  std::set<int32_t> allowed = {};           // the statuses a run with a fault may end with
+  std::set<std::string> outcomes = {};      // the states a run may leave
+  std::string committed = {};               // optional: the state a run ending in `clean` leaves
+  // The state of the file, from a fresh connection: by default the test device's name.
+  std::function<std::string(RawDb &)> observe = [](RawDb &db) { return nameOf(db); };
+  std::function<void(int32_t status)> settle = {};  // optional: after the operation, faults off
 };
 
 class FaultTest : public DbTest {
  protected:
-  static constexpr const char *kMac = "11:22:33:44:55:66";
+  static constexpr const char *kMac = kDeviceMac;
 
   // Makes DEVICEINFO and keeps the log to error lines: the runs are judged by them alone.
   void SetUp() override;
+  // Removes the shim VFS, if a test installed it, once every connection through it is closed.
+  void TearDown() override;
 
-  // Runs the plan with every pass of `fault` failing in turn; returns the number of passes
-  // (the fault points covered), also recorded as the test property `property` and printed.
-  long failEach(FaultCounter &fault, const FaultPlan &plan, const std::string &property);
+  // Runs the plan with every pass of `fault` failing in turn. After each run `busy_` is released
+  // and what the run left parked is replayed or dropped. The number of passes (the fault points
+  // covered) is recorded as the test property `property` and printed.
+  void failEach(FaultCounter &fault, const FaultPlan &plan, const std::string &property);
 
-  // A plan over the test device's name: `busy_` is released after the operation, and what the
-  // run left parked is then replayed or dropped.
-  FaultPlan namePlan(std::function<void()> prepare, std::function<int32_t()> operation,
-                     int32_t clean, std::set<int32_t> allowed, std::set<std::string> outcomes);
-  // The replay of a parked write: the head stays for a later call or is removed with its status.
-  FaultPlan replayPlan();
-  // The two writes of the test device's name every fault source runs: an insert, and an update
-  // (its INSERT meets the key, then the UPDATE writes). A run leaves the old name or the new one.
+  // A write of the test device's row from `before` to `after` (null or "<none>": no row).
   struct NameWrite {
     const char *what;
-    const char *before;  // null: no row
+    const char *before;
+    int32_t (*operation)();
     const char *after;
   };
-  static constexpr NameWrite kNameWrites[] = {{"insert", nullptr, "Kitchen TV"},
-                                              {"update", "Old name", "New name"}};
+  // The two writes of the test device's name every fault source runs: an insert, and an update
+  // (its INSERT meets the key, then the UPDATE writes).
+  static const NameWrite kNameWrites[2];
   FaultPlan writePlan(const NameWrite &write, std::set<int32_t> allowed);
+  // A read of DEVICEINFO's three rows into records, which are then freed.
+  FaultPlan readPlan(std::set<int32_t> allowed);
+  // A write that meets the busy file: it answers 3 exactly when it was parked, and what is
+  // parked is the whole request.
+  FaultPlan parkedPlan(std::set<int32_t> allowed);
+  // The replay of a parked write: the head stays for a later call or is removed with its status.
+  FaultPlan replayPlan();
 
-  // The friendly name of `mac`, or of the test device ("<none>" without a row or the table).
-  static std::string nameOf(RawDb &db, const char *mac);
-  static std::string storedName(RawDb &db) { return nameOf(db, kMac); }
   // The test device's row holds `name`, or there is no row for a null name.
   void resetRow(const char *name);
-  static int32_t writeName(const char *name);
+  static int32_t writeName(const char *name, const char *mac = kMac);
 
   std::optional<BusyHolder> busy_;  // held during a run, released after it
-
- private:
-  // Closes the library's connection, checks the whole file from a connection of its own and
-  // returns what `observe` sees there.
-  std::string checkFile(const std::function<std::string(RawDb &)> &observe);
 };
 
-// A VFS over the default one, registered as the default while a test runs. A file of it is
-// `headerSize` bytes of the test's own header with the real VFS's file behind them; `open` opens
-// it, `remove` deletes (null: the real VFS deletes), and every other call goes to the real VFS.
-// False when there is no default VFS to wrap. realVfs() is the one beneath while installed.
-using ShimOpen = int (*)(sqlite3_vfs *, sqlite3_filename, sqlite3_file *, int, int *);
-using ShimDelete = int (*)(sqlite3_vfs *, const char *, int);
-bool installShimVfs(const char *name, size_t headerSize, ShimOpen open,
-                    ShimDelete remove = nullptr);
+// What the shim VFS adds to the default one while installed; null members add nothing.
+struct ShimHooks {
+  FaultCounter *writes = nullptr;  // a write on its failing pass ends in SQLITE_IOERR_WRITE
+  FaultCounter *syncs = nullptr;   // a sync on its failing pass ends in SQLITE_IOERR_FSYNC
+  void (*synced)(const char *path) = nullptr;   // after a sync; null path: a temporary file
+  void (*deleted)(const char *path) = nullptr;  // after a deletion whose folder was synced
+};
+// Makes the shim the default VFS, so that every connection opened from now on reaches its
+// database, journal and temporary files through it; false when there is no VFS to wrap.
+bool installShimVfs(const ShimHooks &hooks);
 void removeShimVfs();
-sqlite3_vfs *realVfs();
 
 }  // namespace adbtest
 
