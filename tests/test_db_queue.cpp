@@ -59,9 +59,11 @@ class QueueTest : public adbtest::DbTest {
     return raw().scalar("SELECT CAPACITY FROM DEVICEINFO WHERE MAC_S = '" + mac + "'");
   }
 
-  // Whether the library logged `message` at `level` behind its "[analyticsDB] " tag.
-  bool logged(int level, const std::string &message) {
-    return log().has(level, "[analyticsDB] " + message);
+  // The library logged `message` at `level` behind its "[analyticsDB] " tag; with `where`, every
+  // such line names that function, at a log call.
+  void expectLogged(int level, const std::string &message, const char *where = nullptr) {
+    EXPECT_TRUE(log().has(level, "[analyticsDB] " + message)) << message << log().dump();
+    if (where != nullptr) adbtest::expectAttributed(log(), message, where);
   }
 
   size_t gotNodeLines() { return log().countContaining("[analyticsDB] Get Node ["); }
@@ -82,11 +84,11 @@ TEST_F(QueueTest, OnlyBusyWritesParkAPrivateCopyThatHoldsBackItsKey) {
   for (int32_t status : {-1, 0, 1, 2, 4, 5, 6}) {
     EXPECT_EQ(db_manageQueue(status, kCapacityId, values0.data(), 2, "DEVICEINFO"), 0);
   }
-  EXPECT_TRUE(logged(RYX_LOG_DEBUG, "Queue: Status -1 Func 4\n"));
+  expectLogged(RYX_LOG_DEBUG, "Queue: Status -1 Func 4\n");
   EXPECT_EQ(adbtest::queueHead(), nullptr);
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
   db_deleteQueueEntry();
-  EXPECT_TRUE(logged(RYX_LOG_DEBUG, "DeleteQueueEntry - Queue is empty\n"));
+  expectLogged(RYX_LOG_DEBUG, "DeleteQueueEntry - Queue is empty\n");
 
   char mac[] = "aa:bb:cc:00:00:01";
   char capacity[] = "7";
@@ -95,8 +97,7 @@ TEST_F(QueueTest, OnlyBusyWritesParkAPrivateCopyThatHoldsBackItsKey) {
   WriteRequestNode *head = adbtest::queueHead();
   ASSERT_NE(head, nullptr);
   EXPECT_EQ(lastNode, head);
-  EXPECT_TRUE(logged(RYX_LOG_ERROR, "- Add Queue,1stNode func[4] Table[DEVICEINFO]\n"));
-  adbtest::expectAttributed(log(), "- Add Queue,1stNode", kBusyAppend);
+  expectLogged(RYX_LOG_ERROR, "- Add Queue,1stNode func[4] Table[DEVICEINFO]\n", kBusyAppend);
   // The node owns its copies: the caller may reuse its buffers at once.
   EXPECT_NE(head->fieldValues[0], mac);
   capacity[0] = '9';
@@ -109,10 +110,8 @@ TEST_F(QueueTest, OnlyBusyWritesParkAPrivateCopyThatHoldsBackItsKey) {
   values[1] = later;
   EXPECT_EQ(db_updateDeviceInfoCapacity(values), DB_STATUS_BUSY);
   EXPECT_EQ(log().countContaining("Insert/Update to table"), statements);
-  EXPECT_TRUE(logged(RYX_LOG_ERROR, "- Add Queue  func[4]  Table[DEVICEINFO]\n"));
-  EXPECT_TRUE(logged(RYX_LOG_INFO, "Added Queue func[4]  Table[DEVICEINFO]\n"));
-  adbtest::expectAttributed(log(), "- Add Queue  func", kAppend);
-  adbtest::expectAttributed(log(), "Added Queue", kAppend);
+  expectLogged(RYX_LOG_ERROR, "- Add Queue  func[4]  Table[DEVICEINFO]\n", kAppend);
+  expectLogged(RYX_LOG_INFO, "Added Queue func[4]  Table[DEVICEINFO]\n", kAppend);
   EXPECT_EQ(capacityOf("aa:bb:cc:00:00:01"), std::nullopt);
   EXPECT_EQ(db_updateDeviceInfoCapacity(Values{"aa:bb:cc:00:00:02", "5"}.data()),
             DB_STATUS_SUCCESS);
@@ -125,9 +124,9 @@ TEST_F(QueueTest, OnlyBusyWritesParkAPrivateCopyThatHoldsBackItsKey) {
   EXPECT_EQ(capacityOf("aa:bb:cc:00:00:01"), Cell("8"));
   EXPECT_EQ(lastNode, nullptr);
   EXPECT_EQ(queueCount, 0);
-  EXPECT_TRUE(logged(RYX_LOG_ERROR, "Get Node [0] func[4] Table[DEVICEINFO]\n"));
-  EXPECT_TRUE(logged(RYX_LOG_ERROR, "Get Node [1] func[4] Table[DEVICEINFO]\n"));
-  EXPECT_TRUE(logged(RYX_LOG_DEBUG, "DeleteQueueEntry - Queue is empty,lastnode null\n"));
+  expectLogged(RYX_LOG_ERROR, "Get Node [0] func[4] Table[DEVICEINFO]\n");
+  expectLogged(RYX_LOG_ERROR, "Get Node [1] func[4] Table[DEVICEINFO]\n");
+  expectLogged(RYX_LOG_DEBUG, "DeleteQueueEntry - Queue is empty,lastnode null\n");
 }
 
 TEST_F(QueueTest, BusyReplayKeepsItsNodeUntilTheStallIsCleared) {
@@ -138,12 +137,11 @@ TEST_F(QueueTest, BusyReplayKeepsItsNodeUntilTheStallIsCleared) {
     adbtest::BusyHolder holder(dbPath());
     EXPECT_EQ(db_processQueueEntry(), DB_STATUS_EMPTY);
     EXPECT_EQ(gotNodeLines(), 320u);
-    EXPECT_TRUE(logged(RYX_LOG_ERROR, "Get Node, Processed Max[320],Queue is Not Empty\n"));
+    expectLogged(RYX_LOG_ERROR, "Get Node, Processed Max[320],Queue is Not Empty\n");
     EXPECT_EQ(adbtest::queueHead(), first);
     EXPECT_EQ(db_processQueueEntry(), DB_STATUS_BUSY);
     EXPECT_EQ(gotNodeLines(), 500u);
-    EXPECT_TRUE(
-        logged(RYX_LOG_ERROR, "Same node is getting processed for max number of time [500]\n"));
+    expectLogged(RYX_LOG_ERROR, "Same node is getting processed for max number of time [500]\n");
   }
   // Once the lock goes, the next call's single try on the stalled head gets through and the
   // queue flows again.
@@ -239,8 +237,8 @@ TEST_F(QueueTest, FailedAndUnknownRequestsAreRemovedAndProcessingGoesOn) {
   park("ee", "6");
 
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
-  EXPECT_TRUE(logged(RYX_LOG_ERROR, "Delete Reason:status[4]\n"));
-  EXPECT_TRUE(logged(RYX_LOG_ERROR, "Delete Reason:status[5]\n"));
+  expectLogged(RYX_LOG_ERROR, "Delete Reason:status[4]\n");
+  expectLogged(RYX_LOG_ERROR, "Delete Reason:status[5]\n");
   EXPECT_EQ(
       log().count(RYX_LOG_ERROR, "[analyticsDB] Get Node, Function is not supported in Queue\n"),
       2u);
@@ -284,7 +282,7 @@ TEST_F(QueueTest, LimitsOfEntriesAndOfAttemptsPerCall) {
   EXPECT_EQ(db_updateQueue(kCapacityId, Values{"extra", "1"}.data(), 2, "DEVICEINFO"), 1);
   pthread_mutex_unlock(&lock);
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_EMPTY);
-  EXPECT_TRUE(logged(RYX_LOG_ERROR, "Get Node, Processed Max[320],Queue is Not Empty\n"));
+  expectLogged(RYX_LOG_ERROR, "Get Node, Processed Max[320],Queue is Not Empty\n");
   EXPECT_EQ(raw().scalar("SELECT count(*) FROM DEVICEINFO"), Cell("320"));
   // Counted after the removal's reset: the next head starts one attempt ahead.
   EXPECT_EQ(queueProcessCount, 1);
@@ -308,7 +306,7 @@ TEST_F(QueueTest, RelatedEntriesShareFamilyAndKeyPrefixAndMatchesCompareIdCountA
                {nullptr, {"aa:bb:cc"}, 0}};
   for (auto &c : cases) EXPECT_EQ(db_checkTableEntry(c.table, c.key.data(), 1), c.related);
   EXPECT_EQ(db_checkTableEntry("DEVICEINFO", nullptr, 0), 1);
-  EXPECT_TRUE(logged(RYX_LOG_ERROR, " Table Name to be checked in queue is empty\n"));
+  expectLogged(RYX_LOG_ERROR, " Table Name to be checked in queue is empty\n");
 
   // A match needs the id, the count, and each value a prefix of the node's (null for null).
   WriteRequestNode *capacity = adbtest::queueHead();
