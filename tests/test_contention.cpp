@@ -16,7 +16,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <numeric>
@@ -34,7 +33,6 @@ using adbtest::Cell;
 using adbtest::Child;
 using adbtest::receiveByte;
 using adbtest::sendBytes;
-using adbtest::Row;
 using adbtest::Values;
 using Clock = std::chrono::steady_clock;
 
@@ -54,18 +52,11 @@ constexpr int kRetryPauseMs = 2;
 constexpr int kRetries = 5000;
 // With the file free, a few calls replay a whole queue; more calls are only a safety margin.
 constexpr int kDrainCalls = 200;
-constexpr int kSlotsPerDay = 288;
-constexpr int kSlotsPerWeek = 2016;
-constexpr uint32_t kFirstTimestamp = 1700000000;
-constexpr uint32_t kSlotSeconds = 300;
-// The holder's bursts: held for 0.5 to 50 ms, then free for a few.
+// The holder's bursts: held for 0.5 to 50 ms, then free for 2 to 8 ms.
 constexpr uint32_t kMinHoldUs = 500;
 constexpr uint32_t kMaxHoldUs = 50000;
 constexpr int kMinFreeMs = 2;
 constexpr int kMaxFreeMs = 8;
-// The holder waits for the writers' locks in short steps, for 5 s at most.
-constexpr int kHolderWaitUs = 200;
-constexpr int kHolderWaits = 25000;
 // Only a hung process is ever this slow, even under emulation.
 constexpr int kHangGuardMs = 120000;
 
@@ -76,54 +67,34 @@ constexpr char kReleased = 'R';       // parent: the first hold is over
 constexpr char kAllWritten = 'W';     // writer: every step written, my queue may still hold some
 constexpr char kDrain = 'D';          // parent: the holder is gone, drain your queue
 
-/* ---------------------------------------------------------------- what the writers write ---- */
-
-// Key k of writer w: thread k / kKeysPerThread writes it.
+// Key k of writer w (thread k / kKeysPerThread writes it), one width for all: no key is a prefix
+// of another in the queue's key test.
 std::string macOf(int writer, int key) {
   char mac[32];
   std::snprintf(mac, sizeof mac, "02:00:00:00:%02d:%02d", writer, key);
-  return mac;  // one width for all: no key is a prefix of another in the queue's key test
+  return mac;
 }
 std::string nameOf(int writer, int key, int step) {
   return "p" + std::to_string(writer) + "-k" + std::to_string(key) + "-v" + std::to_string(step);
 }
-uint32_t timestampOf(int step) {
-  return kFirstTimestamp + kSlotSeconds * static_cast<uint32_t>(step);
-}
-// Distinct per step of a key (67 x kSteps < a week) and spread over every day table.
+uint32_t timestampOf(int step) { return 1700000000u + 300u * static_cast<uint32_t>(step); }
+// Distinct per step of a key (67 x kSteps < a week of 2016 slots) and spread over every day.
 int slotOf(int writer, int key, int step) {
-  return 1 + ((writer * kKeysPerWriter + key) * 11 + step * 67) % kSlotsPerWeek;
+  return 1 + ((writer * kKeysPerWriter + key) * 11 + step * 67) % 2016;
 }
-int dayOf(int slot) { return (slot - 1) / kSlotsPerDay + 1; }
+int dayOf(int slot) { return (slot - 1) / 288 + 1; }
 int valueOf(int writer, int key, int step) { return writer * 10000 + key * 100 + step; }
 
-/* ---------------------------------------------------------------- figures ---- */
-
+// What a writer counted, sent to the parent at its end.
 struct Figures {
-  uint32_t writes = 0;    // API calls that reached the file or the queue: names, index rows, slots
-  uint32_t busy = 0;      // of them, calls that returned 3 (parked)
-  uint32_t refused = 0;   // calls answered "queue full", each tried again
-  uint32_t failed = 0;    // calls that returned anything else
-  uint32_t calls = 0;     // processing calls during the run
+  uint32_t writes = 0;   // API calls that reached the file or the queue: names, index rows, slots
+  uint32_t busy = 0;     // of them, calls that returned 3 (parked)
+  uint32_t refused = 0;  // calls answered "queue full", each tried again
+  uint32_t failed = 0;   // calls that returned anything else
+  uint32_t calls = 0;    // processing calls during the run
   uint32_t leftInQueue = 0;  // after the final drain
-  QueueStats queue{};     // the library's own counters
-
-  Figures &operator+=(const Figures &other) {
-    writes += other.writes;
-    busy += other.busy;
-    refused += other.refused;
-    failed += other.failed;
-    calls += other.calls;
-    leftInQueue += other.leftInQueue;
-    uint32_t *to = &queue.parked;
-    const uint32_t *from = &other.queue.parked;
-    for (uint32_t *end = &queue.peakLength; to != end; ++to, ++from) *to += *from;
-    queue.peakLength = std::max(queue.peakLength, other.queue.peakLength);
-    return *this;
-  }
+  QueueStats queue{};        // the library's own counters
 };
-
-/* ---------------------------------------------------------------- a writer process ---- */
 
 // A writer's part of the run, in its own process: a host with writing threads and a processing
 // thread.
@@ -162,7 +133,12 @@ class Writer {
     for (std::thread &thread : threads) thread.join();
     writing.store(false);
     processing.join();
-    for (const Figures &figures : perThread) figures_ += figures;
+    for (const Figures &figures : perThread) {
+      figures_.writes += figures.writes;
+      figures_.busy += figures.busy;
+      figures_.refused += figures.refused;
+      figures_.failed += figures.failed;
+    }
     if (!sendBytes(reportFd, &kAllWritten, 1) || !receiveByte(goFd, kDrain, kHangGuardMs)) _exit(4);
     for (int call = 0; call < kDrainCalls && queueCount > 0; ++call) {
       db_processQueueEntry();
@@ -202,11 +178,8 @@ class Writer {
         continue;
       }
       ++figures.writes;
-      if (status == DB_STATUS_BUSY) {
-        ++figures.busy;
-      } else if (status != DB_STATUS_SUCCESS) {
-        ++figures.failed;
-      }
+      figures.busy += status == DB_STATUS_BUSY ? 1 : 0;
+      figures.failed += status != DB_STATUS_BUSY && status != DB_STATUS_SUCCESS ? 1 : 0;
       return;
     }
     ++figures.failed;
@@ -240,8 +213,6 @@ class Writer {
   Figures figures_;
 };
 
-/* ---------------------------------------------------------------- the parent's side ---- */
-
 uint32_t seedOfRun() {
   if (const char *given = std::getenv("ADB_CONTENTION_SEED")) {
     return static_cast<uint32_t>(std::strtoul(given, nullptr, 10));
@@ -265,52 +236,46 @@ class Contention : public adbtest::DbTest {
     ASSERT_EQ(db_setProfileMarkerPath((tempDir_ + "/db_profile").c_str()), DB_STATUS_SUCCESS);
   }
 
-  // Every insert and update of a name, an index row and a slot row leaves a row in an audit
-  // table, numbered in the order in which they reached the file.
+  // Every insert and update of a name, an index row and a slot row leaves a row in the audit
+  // table, numbered in the order in which they reached the file: the name, "time@slot" of the
+  // index row, or "day:slot" of the slot row. A slot row does not say which slot it got; the
+  // index row written just before it (same process, same key, so never reordered) does.
   void installAudit() {
-    adbtest::RawDb db(dbPath());
-    db.exec(
-        "CREATE TABLE AUDIT_NAMES (ID INTEGER PRIMARY KEY, MAC TEXT, NAME TEXT);"
-        "CREATE TABLE AUDIT_INDEX (ID INTEGER PRIMARY KEY, MAC TEXT, TS INTEGER, SLOT INTEGER);"
-        "CREATE TABLE AUDIT_SLOTS (ID INTEGER PRIMARY KEY, MAC TEXT, DAY INTEGER, "
-        "INDEXSLOT INTEGER)");
-    for (const char *event : {"INSERT", "UPDATE"}) {
-      std::string on = std::string(" AFTER ") + event + " ON ";
-      db.exec(std::string("CREATE TRIGGER AUDIT_NAMES_") + event + on +
-              "DEVICEINFO BEGIN INSERT INTO AUDIT_NAMES (MAC, NAME) "
-              "VALUES (NEW.MAC_S, NEW.FRIENDLYNAME_S); END");
-      db.exec(std::string("CREATE TRIGGER AUDIT_INDEX_") + event + on +
-              "PRIMITIVE_RSSI BEGIN INSERT INTO AUDIT_INDEX (MAC, TS, SLOT) "
-              "VALUES (NEW.MAC_S, NEW.TIMESTAMP, NEW.SLT_IND); END");
-      // A slot row does not say which slot it got; the index row written just before it
-      // (same process, same key, so never reordered) does.
-      for (int day = 1; day <= 7; ++day) {
-        std::string table = "RSSI" + std::to_string(day);
-        db.exec("CREATE TRIGGER AUDIT_" + table + "_" + event + on + table +
-                " BEGIN INSERT INTO AUDIT_SLOTS (MAC, DAY, INDEXSLOT) VALUES (NEW.MAC_S, " +
-                std::to_string(day) +
-                ", (SELECT SLT_IND FROM PRIMITIVE_RSSI WHERE MAC_S = NEW.MAC_S)); END");
+    adbtest::RawDb db(dbPath());  // closed before the fork: a connection must not cross it
+    db.exec("CREATE TABLE AUDIT (ID INTEGER PRIMARY KEY, KIND TEXT, MAC TEXT, WHAT TEXT)");
+    std::vector<std::pair<std::string, std::string>> audited = {
+        {"DEVICEINFO", "'name', NEW.MAC_S, NEW.FRIENDLYNAME_S"},
+        {"PRIMITIVE_RSSI", "'index', NEW.MAC_S, NEW.TIMESTAMP || '@' || NEW.SLT_IND"}};
+    for (int day = 1; day <= 7; ++day) {
+      audited.push_back({"RSSI" + std::to_string(day),
+                         "'slot', NEW.MAC_S, '" + std::to_string(day) +
+                             ":' || (SELECT SLT_IND FROM PRIMITIVE_RSSI WHERE MAC_S = NEW.MAC_S)"});
+    }
+    for (const auto &[table, row] : audited) {
+      for (const char *event : {"INSERT", "UPDATE"}) {
+        db.exec("CREATE TRIGGER AUDIT_" + table + "_" + event + " AFTER " + event + " ON " + table +
+                " BEGIN INSERT INTO AUDIT (KIND, MAC, WHAT) VALUES (" + row + "); END");
       }
     }
   }
 
-  std::vector<std::string> column(const std::string &sql) {
+  // What the audit recorded of `kind` for `mac`, in order.
+  std::vector<std::string> audit(const std::string &kind, const std::string &mac) {
     std::vector<std::string> values;
-    for (const Row &row : raw().query(sql)) values.push_back(row.at(0).value_or("NULL"));
+    for (const adbtest::Row &row : raw().query(
+             "SELECT WHAT FROM AUDIT WHERE KIND = ? AND MAC = ? ORDER BY ID", {kind, mac})) {
+      values.push_back(row.at(0).value_or("NULL"));
+    }
     return values;
   }
 
   // Every write of every key is in the file once, in order; the last one stands.
   void checkFile() {
-    const std::string expectedRows = std::to_string(kWriters * kKeysPerWriter * kSteps);
-    for (const char *audit : {"AUDIT_NAMES", "AUDIT_INDEX", "AUDIT_SLOTS"}) {
-      EXPECT_EQ(raw().scalar(std::string("SELECT count(*) FROM ") + audit), Cell(expectedRows))
-          << audit;
-    }
+    EXPECT_EQ(raw().scalar("SELECT count(*) FROM AUDIT"),
+              Cell(std::to_string(3 * kWriters * kKeysPerWriter * kSteps)));
     for (int writer = 0; writer < kWriters; ++writer) {
       for (int key = 0; key < kKeysPerWriter; ++key) {
         const std::string mac = macOf(writer, key);
-        const std::string where = " WHERE MAC = '" + mac + "' ORDER BY ID";
         std::vector<std::string> names, index, slots;
         for (int step = 0; step < kSteps; ++step) {
           int slot = slotOf(writer, key, step);
@@ -322,9 +287,9 @@ class Contention : public adbtest::DbTest {
                     Cell(std::to_string(valueOf(writer, key, step))))
               << mac << " step " << step;
         }
-        EXPECT_EQ(column("SELECT NAME FROM AUDIT_NAMES" + where), names) << mac;
-        EXPECT_EQ(column("SELECT TS || '@' || SLOT FROM AUDIT_INDEX" + where), index) << mac;
-        EXPECT_EQ(column("SELECT DAY || ':' || INDEXSLOT FROM AUDIT_SLOTS" + where), slots) << mac;
+        EXPECT_EQ(audit("name", mac), names) << mac;
+        EXPECT_EQ(audit("index", mac), index) << mac;
+        EXPECT_EQ(audit("slot", mac), slots) << mac;
         EXPECT_EQ(raw().scalar("SELECT FRIENDLYNAME_S FROM DEVICEINFO WHERE MAC_S = '" + mac + "'"),
                   Cell(names.back()));
         EXPECT_EQ(raw().scalar("SELECT TIMESTAMP || '@' || SLT_IND FROM PRIMITIVE_RSSI "
@@ -341,6 +306,7 @@ class Contention : public adbtest::DbTest {
 TEST_F(Contention, WritersUnderBurstsOfABusyFileLoseNothingAndKeepEachKeysOrder) {
   const uint32_t seed = seedOfRun();
   SCOPED_TRACE("ADB_CONTENTION_SEED=" + std::to_string(seed));
+  RecordProperty("seed", std::to_string(seed));
   std::mt19937 random(seed + kWriters);  // the writers draw from seed + 0 .. seed + kWriters - 1
   createInventoryTables();
   createSeriesTables();
@@ -357,14 +323,14 @@ TEST_F(Contention, WritersUnderBurstsOfABusyFileLoseNothingAndKeepEachKeysOrder)
 
   int bursts = 0;
   {
-    // The holder's connection waits for the writers' short locks in short steps (SQLite's own
-    // busy timeout sleeps up to 100 ms at a time), so that each burst begins.
+    // The holder's connection waits for the writers' short locks in steps of 0.2 ms, 5 s at
+    // most (SQLite's own busy timeout sleeps up to 100 ms at a time), so that each burst begins.
     adbtest::RawDb holder(dbPath());
     sqlite3_busy_handler(
         holder.handle(),
         [](void *, int waits) {
-          std::this_thread::sleep_for(std::chrono::microseconds(kHolderWaitUs));
-          return waits < kHolderWaits ? 1 : 0;
+          std::this_thread::sleep_for(std::chrono::microseconds(200));
+          return waits < 25000 ? 1 : 0;
         },
         nullptr);
     auto hold = [&holder] { return holder.tryExec("BEGIN EXCLUSIVE") == SQLITE_OK; };
@@ -402,45 +368,32 @@ TEST_F(Contention, WritersUnderBurstsOfABusyFileLoseNothingAndKeepEachKeysOrder)
     }
   }
 
-  // The final drains, one writer at a time on a file nobody else touches.
-  Figures total;
+  // The final drains, one writer at a time on a file nobody else touches. Every request a writer
+  // parked left its queue once, written; no call failed, no head stalled.
   for (Child &child : writers.all()) {
     Figures figures;
     ASSERT_TRUE(sendBytes(child.goFd, &kDrain, 1));
     ASSERT_EQ(adbtest::receiveBytes(child.reportFd, &figures, sizeof figures, kHangGuardMs),
               adbtest::Received::kAll)
         << "no figures from writer " << child.pid;
+    const QueueStats &queue = figures.queue;
+    std::cout << "contention: seed " << seed << " writer " << child.pid << " writes "
+              << figures.writes << " parked " << figures.busy << " replayed " << queue.replayed
+              << " retried " << queue.retried << " refused " << figures.refused << " peak "
+              << queue.peakLength << " processing-calls " << figures.calls << " bursts " << bursts
+              << " ms " << (Clock::now() - started) / std::chrono::milliseconds(1) << std::endl;
     const int status = adbtest::Children::reap(child);
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "a writer did not end cleanly";
-    total += figures;
+    EXPECT_EQ(figures.writes, static_cast<uint32_t>(kKeysPerWriter * kSteps * 3));
+    // At least the first step of every thread met the held file.
+    EXPECT_GE(figures.busy, static_cast<uint32_t>(kThreadsPerWriter));
+    EXPECT_EQ(queue.parked, queue.replayed + queue.droppedError + queue.droppedMalformed +
+                                queue.freed + figures.leftInQueue);
+    EXPECT_EQ(figures.failed, 0u);
+    EXPECT_EQ(queue.droppedError + queue.droppedMalformed, 0u);
+    EXPECT_EQ(queue.stalls, 0u);
+    EXPECT_EQ(figures.leftInQueue, 0u);
   }
-  const auto elapsed =
-      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count();
-
-  const QueueStats &queue = total.queue;
-  std::cout << "contention: seed " << seed << " processes " << kWriters << " threads "
-            << kWriters * kThreadsPerWriter << " writes " << total.writes << " parked "
-            << total.busy << " replayed " << queue.replayed << " retried " << queue.retried
-            << " refused " << total.refused << " dropped "
-            << queue.droppedError + queue.droppedMalformed << " stalls " << queue.stalls
-            << " peak " << queue.peakLength << " processing-calls " << total.calls << " bursts "
-            << bursts << " ms " << elapsed << std::endl;
-  RecordProperty("seed", std::to_string(seed));
-  RecordProperty("writes", static_cast<int>(total.writes));
-  RecordProperty("parked", static_cast<int>(total.busy));
-  RecordProperty("replayed", static_cast<int>(queue.replayed));
-  RecordProperty("refused", static_cast<int>(total.refused));
-  RecordProperty("stalls", static_cast<int>(queue.stalls));
-
-  EXPECT_EQ(total.writes, static_cast<uint32_t>(kWriters * kKeysPerWriter * kSteps * 3));
-  // At least the first step of every thread met the held file.
-  EXPECT_GE(total.busy, static_cast<uint32_t>(kWriters * kThreadsPerWriter));
-  EXPECT_EQ(queue.parked, queue.replayed + queue.droppedError + queue.droppedMalformed +
-                              queue.freed + total.leftInQueue);
-  EXPECT_EQ(total.failed, 0u);
-  EXPECT_EQ(queue.droppedError + queue.droppedMalformed, 0u);
-  EXPECT_EQ(queue.stalls, 0u);
-  EXPECT_EQ(total.leftInQueue, 0u);
   checkFile();
 }
 

@@ -8,6 +8,7 @@
 #include <map>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/child_process.h"
@@ -17,10 +18,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using adbtest::Cell;
-using adbtest::Received;
 using adbtest::RawDb;
+using adbtest::Received;
 using adbtest::Rows;
-using adbtest::Values;
 
 constexpr int kDevices = 4;
 constexpr int kSlotsPerDay = 288;
@@ -31,15 +31,23 @@ constexpr int kMaxTicks = kWeek;
 constexpr int kRounds = 6;
 constexpr int kMaxTicksBeforeKill = 6;  // ticks the parent waits for before its random delay
 constexpr double kMaxTickShare = 1.5;   // the delay, in ticks of the writer's measured pace
-constexpr long kFallbackKillDelayMicros = 3000;  // where the pace is not known yet
-constexpr int kReportTimeoutMillis = 30000;      // a writer that stays silent this long is stuck
+constexpr std::chrono::microseconds kFallbackTick{3000};  // where the pace is not known yet
+constexpr int kReportTimeoutMillis = 30000;  // a writer that stays silent this long is stuck
 
 std::string macOf(int device) { return "AA:BB:CC:DD:EE:0" + std::to_string(device); }
 // Ticks walk the week with a stride prime to it: every day table is written, no slot twice.
 int slotOf(int tick) { return ((tick - 1) * 37) % kWeek + 1; }
+int dayOf(int tick) { return (slotOf(tick) - 1) / kSlotsPerDay + 1; }
 uint32_t timestampOf(int tick) { return 1700000000u + static_cast<uint32_t>(tick) * 300u; }
 // Never 0, which an unwritten slot reads.
 std::string valueOf(int tick, int device) { return std::to_string(tick * 10 + device); }
+
+// The RSSI sample of a device at a tick, for db_updateRssi.
+adbtest::Values sampleOf(int tick, int device) {
+  return adbtest::Values(std::vector<std::string>{macOf(device), std::to_string(timestampOf(tick)),
+                                                  std::to_string(slotOf(tick)),
+                                                  valueOf(tick, device)});
+}
 
 // The child: one transaction per tick with one RSSI sample per device; a tick is reported
 // through `report` once its commit returned 0. Only library calls, then _exit.
@@ -47,13 +55,8 @@ std::string valueOf(int tick, int device) { return std::to_string(tick * 10 + de
   ryxLogSetLevel(RYX_LOG_ERROR);
   for (int tick = 1; tick <= kMaxTicks; ++tick) {
     if (db_beginTransaction() != DB_STATUS_SUCCESS) _exit(10);
-    std::string time = std::to_string(timestampOf(tick));
-    std::string slot = std::to_string(slotOf(tick));
     for (int device = 0; device < kDevices; ++device) {
-      std::string mac = macOf(device);
-      std::string value = valueOf(tick, device);
-      Values sample{mac.c_str(), time.c_str(), slot.c_str(), value.c_str()};
-      if (db_updateRssi(sample.data()) != DB_STATUS_SUCCESS) _exit(11);
+      if (db_updateRssi(sampleOf(tick, device).data()) != DB_STATUS_SUCCESS) _exit(11);
     }
     if (db_commitTransaction() != DB_STATUS_SUCCESS) _exit(12);
     int32_t committed = tick;
@@ -69,7 +72,6 @@ class CrashSafety : public adbtest::DbTest {
   // order).
   int writeAndKill(const std::string &path, int ticksBeforeKill, double tickShare) {
     EXPECT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);  // a connection must not cross fork
-    EXPECT_EQ(database_connection, nullptr);
     EXPECT_EQ(db_setDatabasePath(path.c_str()), DB_STATUS_SUCCESS);
     adbtest::Children children;
     if (!children.start([](int report, int) { writeTicks(report); })) {
@@ -99,15 +101,9 @@ class CrashSafety : public adbtest::DbTest {
     }
     // The delay is a share of one tick's time where the writer's pace could be measured, so
     // that the kill lands anywhere in a tick on a fast host and under emulation alike.
-    long delayMicros = kFallbackKillDelayMicros;
-    if (reported >= 2) {
-      delayMicros =
-          std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - firstReport)
-              .count() /
-          (reported - 1);
-    }
-    delayMicros = static_cast<long>(static_cast<double>(delayMicros) * tickShare);
-    if (delayMicros > 0) usleep(static_cast<useconds_t>(delayMicros));
+    Clock::duration tickTime = kFallbackTick;
+    if (reported >= 2) tickTime = (Clock::now() - firstReport) / (reported - 1);
+    std::this_thread::sleep_for(tickTime * tickShare);
     kill(writer.pid, SIGKILL);
     const int status = adbtest::Children::reap(writer);
     // The reports it made before it died.
@@ -194,23 +190,14 @@ TEST_F(CrashSafety, AKilledWriterLosesNoCommittedTickAndLeavesNoHalfTick) {
     std::filesystem::copy_file(pristine, path);
 
     const int reported = writeAndKill(path, ticks, share);
-    const int complete = checkTicks(path, reported);
+    const int next = checkTicks(path, reported) + 1;
 
     // A fresh run of the library on the file writes on: the next tick of a device.
-    const int next = complete + 1;
-    const std::string mac = macOf(0);
-    const std::string time = std::to_string(timestampOf(next));
-    const std::string slot = std::to_string(slotOf(next));
-    const std::string value = valueOf(next, 0);
-    EXPECT_EQ(db_updateRssi(Values{mac.c_str(), time.c_str(), slot.c_str(), value.c_str()}.data()),
-              DB_STATUS_SUCCESS)
-        << log().dump();
+    EXPECT_EQ(db_updateRssi(sampleOf(next, 0).data()), DB_STATUS_SUCCESS) << log().dump();
     ASSERT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
-    const int day = (slotOf(next) - 1) / kSlotsPerDay + 1;
-    RawDb db(path);
-    EXPECT_EQ(db.scalar("SELECT SLOT" + slot + " FROM RSSI" + std::to_string(day) +
-                        " WHERE MAC_S = '" + mac + "'"),
-              Cell(value));
+    EXPECT_EQ(RawDb(path).scalar("SELECT SLOT" + std::to_string(slotOf(next)) + " FROM RSSI" +
+                                 std::to_string(dayOf(next)) + " WHERE MAC_S = '" + macOf(0) + "'"),
+              Cell(valueOf(next, 0)));
     if (HasFailure()) break;
   }
   ASSERT_EQ(db_setDatabasePath(dbPath().c_str()), DB_STATUS_SUCCESS);

@@ -1,13 +1,13 @@
 // Every log line names the exported function its message belongs to, and the module that defines
 // that function, also when a shared helper emits it: field tools grep the log for the function.
-// The line number is that of the log call in the module's source.
-#include <fstream>
+// The line number is that of the log call in the module's source. (The queue's own lines: the
+// QueueTest tests.)
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "support/db_fixture.h"
+#include "support/queue_cases.h"
 
 namespace {
 
@@ -26,44 +26,18 @@ struct Case {
 
 class LogAttribution : public adbtest::DbTest {
  protected:
-  // True when the source line `line` of `module`, or one of the few lines before it (a log call
-  // may span lines), is a log call.
-  static bool isLogCall(const std::string &module, int line) {
-    std::ifstream source(std::string(ADB_SOURCE_DIR) + "/src/" + module + ".cpp");
-    std::vector<std::string> text;
-    for (std::string l; std::getline(source, l);) text.push_back(l);
-    for (int at = line; at > 0 && at > line - 4 && at <= static_cast<int>(text.size()); --at) {
-      if (text[at - 1].find("ADB_LOG_") != std::string::npos) return true;
-    }
-    return false;
-  }
-
   void expectAttributed(const Case &c) {
+    SCOPED_TRACE(c.name);
     log().clear();
     c.provoke();
     for (const Attribution &expected : c.lines) {
-      size_t found = 0;
-      for (const adbtest::LogLine &line : log().lines()) {
-        if (line.text.find(expected.message) == std::string::npos) continue;
-        ++found;
-        EXPECT_EQ(line.where(), expected.where) << c.name << ": " << line.text;
-        // "analyticsDB: [module function:line] "
-        const size_t open = line.text.find('[');
-        const size_t colon = line.text.find(':', open);
-        const std::string module = line.text.substr(open + 1, line.text.find(' ', open) - open - 1);
-        EXPECT_TRUE(isLogCall(module, std::stoi(line.text.substr(colon + 1))))
-            << c.name << ": the line number is not that of a log call: " << line.text;
-      }
-      EXPECT_GT(found, 0u) << c.name << ": no line holds \"" << expected.message << "\"\n"
-                           << log().dump();
+      adbtest::expectAttributed(log(), expected.message, expected.where);
     }
   }
 };
 
 constexpr const char *kMac = "aa:bb:cc:dd:ee:01";
 constexpr Attribution kGate{"Queue: Status", "db_manage_queue db_manageQueue"};
-
-int32_t parkCapacity() { return db_updateDeviceInfoCapacity(Values{kMac, "1"}.data()); }
 
 }  // namespace
 
@@ -142,49 +116,6 @@ TEST_F(LogAttribution, HelpersLogInTheNameOfTheFunctionTheyWorkFor) {
       {"series delete", [] { db_deleteMacBandWidthTx(nullptr); },
        {{"of PRIMITIVE_BANDWIDTHTX is NULL", "db_api_delete db_deletePrimitiveBandWidthTx"},
         {"of BANDWIDTHTX is NULL", "db_api_delete db_deleteDayBandWidthTx"}}},
-      // The queue: the busy append, the append, the limits, the processing of an unknown id.
-      {"first parked", [this] { whileBusy(parkCapacity); },
-       {{"Add Queue,1stNode", "db_queue db_updateQueueEntry"}}},
-      {"second parked", [this] { whileBusy(parkCapacity); },
-       {{"- Add Queue  func", "db_queue db_updateQueue"},
-        {"Added Queue", "db_queue db_updateQueue"}}},
-      {"too many values for the first node",
-       [] {
-         db_freeQueue();
-         std::vector<std::string> many(51, "v");
-         db_manageQueue(DB_STATUS_BUSY, 1, Values(many).data(), 51, "DEVICEINFO");
-       },
-       {{"a queue entry holds", "db_queue db_updateQueueEntry"}}},
-      {"full queue",
-       [] {
-         for (int32_t i = 0; i <= DB_QUEUE_MAX_ENTRIES; ++i) {
-           db_manageQueue(DB_STATUS_BUSY, 4, Values{kMac, "1"}.data(), 2, "DEVICEINFO");
-         }
-       },
-       {{"MAX value [320] func[4]", "db_queue db_updateQueueEntry"}}},
-      {"full queue, before writing",
-       [] {
-         db_manageQueue(DB_STATUS_QUEUE_CHECK, 4, Values{kMac, "1"}.data(), 2, "DEVICEINFO");
-         db_manageQueue(DB_STATUS_QUEUE_CHECK, 4, Values{"other", "1"}.data(), 2, "DEVICEINFO");
-       },
-       {{"Queue has MAX number of entries", "db_manage_queue db_updateNonEmptyQueue"}}},
-      {"cannot join the caller's transaction",
-       [this] {
-         db_freeQueue();
-         whileBusy(parkCapacity);
-         db_beginTransaction();
-         parkCapacity();
-         db_commitTransaction();
-       },
-       {{"cannot join the open transaction", "db_operation db_write"}}},
-      {"unknown function id",
-       [] {
-         db_freeQueue();
-         db_manageQueue(DB_STATUS_BUSY, 99, nullptr, 0, "DEVICEINFO");
-         db_processQueueEntry();
-       },
-       {{"Function is not supported in Queue", "db_queue db_processQueue"},
-        {"unknown function", "db_queue db_processQueue"}}},
       // Conversions name the converter or free function the caller called.
       {"conversion", [] { db_structDeviceInfo(nullptr, nullptr, 0, 0); },
        {{"result array NULL", "db_result_api db_structDeviceInfo"}}},
