@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "support/db_fixture.h"
+#include "support/api_cases.h"
 
 namespace {
 
@@ -48,7 +48,7 @@ std::string dayTableDeclaration(int first, int last) {
   return text;
 }
 
-class SchemaTest : public adbtest::DbTest {
+class SchemaTest : public adbtest::ApiTest {
  protected:
   // "NAME TYPE[ key][ =default]" per column; with `notableOnly`, plain TEXT/INTEGER columns are
   // checked against their name and left out.
@@ -118,10 +118,10 @@ TEST_F(SchemaTest, FullWeekCreatesEveryTableWithItsColumnsAndOnlyDayTablesHaveFo
 
 TEST_F(SchemaTest, CreateStatementTextRepeatedCreationAndRefusals) {
   ASSERT_EQ(db_createSubscriberInfoTable(), DB_STATUS_SUCCESS);
-  EXPECT_TRUE(log().has(RYX_LOG_DEBUG,
-                        "[analyticsDB] Query framed for Table creation CREATE TABLE IF NOT EXISTS  "
-                        "SUBSCRIBERINFO(SERIALNUMBER_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE,"
-                        "DOWNSTREAMBANDWIDTH INTEGER )\n"))
+  EXPECT_TRUE(logged(RYX_LOG_DEBUG,
+                     "Query framed for Table creation CREATE TABLE IF NOT EXISTS  "
+                     "SUBSCRIBERINFO(SERIALNUMBER_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE,"
+                     "DOWNSTREAMBANDWIDTH INTEGER )\n"))
       << log().dump();
   raw().exec("INSERT INTO SUBSCRIBERINFO VALUES('SN1', 100)");
   EXPECT_EQ(db_createSubscriberInfoTable(), DB_STATUS_SUCCESS);
@@ -129,12 +129,12 @@ TEST_F(SchemaTest, CreateStatementTextRepeatedCreationAndRefusals) {
 
   // Slot numbers follow the day and the slot count given; the foreign key closes the list.
   ASSERT_EQ(db_createRssiTab(2, 2), DB_STATUS_SUCCESS);
-  EXPECT_TRUE(log().has(RYX_LOG_DEBUG,
-                        "[analyticsDB] Query framed for Table creation CREATE TABLE IF NOT EXISTS  "
-                        "RSSI2(MAC_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE,"
-                        "SLOT3 INTEGER DEFAULT 0,SLOT4 INTEGER DEFAULT 0,"
-                        "FOREIGN KEY (MAC_S) REFERENCES PRIMITIVE_RSSI(MAC_S) "
-                        "ON DELETE CASCADE)\n"))
+  EXPECT_TRUE(logged(RYX_LOG_DEBUG,
+                     "Query framed for Table creation CREATE TABLE IF NOT EXISTS  "
+                     "RSSI2(MAC_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE,"
+                     "SLOT3 INTEGER DEFAULT 0,SLOT4 INTEGER DEFAULT 0,"
+                     "FOREIGN KEY (MAC_S) REFERENCES PRIMITIVE_RSSI(MAC_S) "
+                     "ON DELETE CASCADE)\n"))
       << log().dump();
 
   adbtest::Values names{"KEY_S", "VALUE"};
@@ -145,17 +145,16 @@ TEST_F(SchemaTest, CreateStatementTextRepeatedCreationAndRefusals) {
             DB_STATUS_FAILURE);
   EXPECT_EQ(db_createTable("T", names.data(), types.data(), constraints.data(), -1, nullptr, 0),
             DB_STATUS_FAILURE);
-  EXPECT_EQ(log().count(RYX_LOG_ERROR, "[analyticsDB] Input parameters are invalid\n"), 2u);
+  EXPECT_EQ(logged(RYX_LOG_ERROR, "Input parameters are invalid\n"), 2u);
   adbtest::Values blankType{"TEXT", ""};
   adbtest::Values missingName{"KEY_S", nullptr};
   EXPECT_EQ(db_createTable("T", names.data(), blankType.data(), constraints.data(), 2, nullptr, 0),
             DB_STATUS_FAILURE);
   EXPECT_EQ(db_createTable("T", missingName.data(), types.data(), nullptr, 2, nullptr, 0),
             DB_STATUS_FAILURE);
-  EXPECT_EQ(log().count(RYX_LOG_ERROR,
-                        "[analyticsDB] Both fieldname and fieldtype are mandatory "
-                        "for creating T table\n"),
-            2u);
+  EXPECT_EQ(
+      logged(RYX_LOG_ERROR, "Both fieldname and fieldtype are mandatory for creating T table\n"),
+      2u);
   EXPECT_FALSE(raw().tableExists("T"));
 
   // A foreign-key count of 0 leaves the clauses out; blank clauses are skipped.
@@ -170,7 +169,7 @@ TEST_F(SchemaTest, CreateStatementTextRepeatedCreationAndRefusals) {
   adbtest::Values badConstraint{nullptr, "DEFAULT ("};
   EXPECT_EQ(db_createTable("V", names.data(), types.data(), badConstraint.data(), 2, nullptr, 0),
             DB_STATUS_FAILURE);
-  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] Table [V] creation failed \n"));
+  EXPECT_TRUE(logged(RYX_LOG_ERROR, "Table [V] creation failed \n"));
   EXPECT_FALSE(raw().tableExists("V"));
 }
 
@@ -213,13 +212,13 @@ TEST_F(SchemaTest, UpgradeAddsMissingColumnsInArrayOrderAndLeavesExistingOnesAlo
             "TEXT");
   EXPECT_EQ(raw().scalar("SELECT PORTABLE || ',' || IS_BRIDGED FROM DEVICEINFO"), "1,0");
   EXPECT_EQ(log().countContaining("Query framed for Table alteration"), 3u);
-  EXPECT_TRUE(log().has(RYX_LOG_INFO,
-                        "[analyticsDB] Query framed for Table alteration ALTER "
-                        "TABLE DEVICEINFO ADD PORTABLE INTEGER DEFAULT 1\n"));
+  EXPECT_TRUE(logged(RYX_LOG_INFO,
+                     "Query framed for Table alteration ALTER "
+                     "TABLE DEVICEINFO ADD PORTABLE INTEGER DEFAULT 1\n"));
   // The column named in other case counts as missing; SQLite refuses the duplicate.
-  EXPECT_TRUE(log().has(RYX_LOG_ERROR,
-                        "[analyticsDB] table alteration failed Query ALTER TABLE "
-                        "DEVICEINFO ADD APID_S TEXT  ret [1]\n"))
+  EXPECT_TRUE(logged(RYX_LOG_ERROR,
+                     "table alteration failed Query ALTER TABLE "
+                     "DEVICEINFO ADD APID_S TEXT  ret [1]\n"))
       << log().dump();
 }
 
@@ -255,9 +254,9 @@ TEST_F(SchemaTest, BusyUpgradeTriesEveryColumnAndReportsBusy) {
   ASSERT_EQ(db_createCmaInfoTable(), DB_STATUS_SUCCESS);
   alterSchema = 1;
   EXPECT_EQ(whileBusy(db_createCmaInfoTable), DB_STATUS_BUSY);
-  EXPECT_TRUE(log().has(RYX_LOG_ERROR,
-                        "[analyticsDB] Read failed  on fetching schema PRAGMA "
-                        "table_info('CMAINFO')\n"))
+  EXPECT_TRUE(logged(RYX_LOG_ERROR,
+                     "Read failed  on fetching schema PRAGMA "
+                     "table_info('CMAINFO')\n"))
       << log().dump();
   EXPECT_EQ(log().countContaining("table alteration failed Query ALTER TABLE CMAINFO ADD"), 2u);
   EXPECT_EQ(db_createCmaInfoTable(), DB_STATUS_SUCCESS);
@@ -278,14 +277,14 @@ TEST_F(SchemaTest, AlterPiecesRefuseBadInputAndMatchNamesExactly) {
   EXPECT_EQ(db_alterTable("CMAINFO", createCmaFields, createCmaTypes, nullptr, 0),
             DB_STATUS_FAILURE);
   EXPECT_EQ(db_alterTable("CMAINFO", nullptr, createCmaTypes, nullptr, 2), DB_STATUS_FAILURE);
-  EXPECT_EQ(log().count(RYX_LOG_ERROR, "[analyticsDB] Input parameters are invalid\n"), 2u);
+  EXPECT_EQ(logged(RYX_LOG_ERROR, "Input parameters are invalid\n"), 2u);
 
   // A bad column description is skipped as if it had been added.
   EXPECT_EQ(db_addField("CMAINFO", "EXTRA", "", nullptr), DB_STATUS_SUCCESS);
   EXPECT_EQ(db_addField("CMAINFO", nullptr, "TEXT", nullptr), DB_STATUS_SUCCESS);
-  EXPECT_EQ(log().count(RYX_LOG_ERROR,
-                        "[analyticsDB] Both fieldName and fieldType is mandatory "
-                        "for adding attribute\n"),
+  EXPECT_EQ(logged(RYX_LOG_ERROR,
+                   "Both fieldName and fieldType is mandatory "
+                   "for adding attribute\n"),
             2u);
   EXPECT_EQ(db_addField("CMAINFO", "EXTRA_S", "TEXT", "DEFAULT 'x'"), DB_STATUS_SUCCESS);
 
@@ -305,14 +304,11 @@ TEST_F(SchemaTest, DayAndIndexTablesRefuseZeroAndOutOfRangeCountsWithoutTouching
                       db_createPrimitiveBandWidthTxTable}) {
     EXPECT_EQ(create(0), DB_STATUS_FAILURE);
   }
-  EXPECT_EQ(log().count(RYX_LOG_ERROR, "[analyticsDB] Table is not created .Slot count is zero\n"),
-            3u);
+  EXPECT_EQ(logged(RYX_LOG_ERROR, "Table is not created .Slot count is zero\n"), 3u);
   EXPECT_EQ(db_createTxBandWidth(0, 288), DB_STATUS_FAILURE);
   EXPECT_EQ(db_createRxBandWidth(2, 0), DB_STATUS_FAILURE);
-  EXPECT_TRUE(log().has(RYX_LOG_ERROR,
-                        "[analyticsDB] BandwidthTx Input day should be greateter tha zero\n"));
-  EXPECT_TRUE(log().has(RYX_LOG_ERROR,
-                        "[analyticsDB] BandwidthRx Table 2 is not created .Slot count is zero\n"));
+  EXPECT_TRUE(logged(RYX_LOG_ERROR, "BandwidthTx Input day should be greateter tha zero\n"));
+  EXPECT_TRUE(logged(RYX_LOG_ERROR, "BandwidthRx Table 2 is not created .Slot count is zero\n"));
 
   // The column arrays of a day table hold at most 299 slots.
   log().clear();
@@ -322,14 +318,6 @@ TEST_F(SchemaTest, DayAndIndexTablesRefuseZeroAndOutOfRangeCountsWithoutTouching
   EXPECT_FALSE(std::filesystem::exists(dbPath()));
   EXPECT_EQ(db_createRssiTab(1, 299), DB_STATUS_SUCCESS);
   EXPECT_EQ(declared("RSSI1"), dayTableDeclaration(1, 299));
-}
-
-TEST(SlotModel, CountsAndTheDayOfASlot) {
-  EXPECT_EQ(db_calcPerDaySlotCount(), 288u);
-  EXPECT_EQ(db_calcSlotCount(), 2016u);
-  const int32_t cases[][2] = {{0, 0},   {1, 1},    {288, 1},  {289, 2},  {576, 2},
-                              {577, 3}, {1729, 7}, {2016, 7}, {2017, 8}, {INT32_MAX, 7456541}};
-  for (const auto &[slot, day] : cases) EXPECT_EQ(db_findTable(slot), day) << slot;
 }
 
 }  // namespace

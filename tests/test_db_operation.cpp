@@ -1,19 +1,17 @@
-// The access core: lazy connection, status mapping of every SQLite outcome, profiling.
+// The access core: lazy connection, paths, status mapping of every SQLite outcome, profiling.
 #include <sqlite3.h>
 
 #include <algorithm>
 #include <fstream>
 #include <string>
 
-#include "support/db_fixture.h"
+#include "support/api_cases.h"
 
 extern "C" int adbtest_header_from_c(void);
 
 namespace {
 
-using adbtest::DbTest;
-
-class Operation : public DbTest {
+class Operation : public adbtest::ApiTest {
  protected:
   void createDevices() {
     ASSERT_EQ(db_open(), DB_STATUS_SUCCESS);
@@ -25,17 +23,24 @@ class Operation : public DbTest {
 
 }  // namespace
 
-TEST(Header, UsableFromC) { EXPECT_EQ(adbtest_header_from_c(), 0); }
+TEST(Header, UsableFromC) { EXPECT_EQ(adbtest_header_from_c(), DB_STATUS_FAILURE); }
 
-TEST_F(Operation, OpensLazilyOnceAndAgainAfterClose) {
+TEST_F(Operation, OpensLazilyOnceAndAgainAfterCloseAndRefusesBadPaths) {
   EXPECT_EQ(db_close(), DB_STATUS_SUCCESS);  // nothing open
+  EXPECT_EQ(db_setDatabasePath(nullptr), DB_STATUS_FAILURE);
+  EXPECT_EQ(db_setDatabasePath(""), DB_STATUS_FAILURE);
+  EXPECT_EQ(db_setDatabasePath(std::string(256, 'a').c_str()), DB_STATUS_FAILURE);
+  EXPECT_EQ(db_setProfileMarkerPath(nullptr), DB_STATUS_FAILURE);
+  EXPECT_EQ(db_setProfileMarkerPath(std::string(300, 'b').c_str()), DB_STATUS_FAILURE);
+  EXPECT_EQ(db_setDatabasePath(("/" + std::string(254, 'a')).c_str()), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_setDatabasePath(dbPath().c_str()), DB_STATUS_SUCCESS);
+
   EXPECT_EQ(db_open(), DB_STATUS_SUCCESS);
   EXPECT_NE(database_connection, nullptr);
   EXPECT_EQ(foreignKeyEanbled, 1);
-  EXPECT_FALSE(log().has(RYX_LOG_DEBUG, "[analyticsDB] Already connected to DB\n"));
+  EXPECT_EQ(logged(RYX_LOG_DEBUG, "Already connected to DB\n"), 0u);
   EXPECT_EQ(db_open(), DB_STATUS_SUCCESS);
-  EXPECT_EQ(log().count(RYX_LOG_DEBUG, "[analyticsDB] Already connected to DB\n"), 1u);
-
+  EXPECT_EQ(logged(RYX_LOG_DEBUG, "Already connected to DB\n"), 1u);
   // The path cannot change under an open connection.
   EXPECT_EQ(db_setDatabasePath((tempDir_ + "/other.db").c_str()), DB_STATUS_FAILURE);
 
@@ -43,35 +48,25 @@ TEST_F(Operation, OpensLazilyOnceAndAgainAfterClose) {
   EXPECT_EQ(database_connection, nullptr);
   log().clear();
   EXPECT_EQ(db_open(), DB_STATUS_SUCCESS);
-  EXPECT_EQ(log().count(RYX_LOG_DEBUG, "[analyticsDB] WRITE QUERY: PRAGMA page_size = 10240"), 1u);
-  EXPECT_EQ(log().count(RYX_LOG_DEBUG, "[analyticsDB] WRITE QUERY: PRAGMA foreign_keys = ON"), 1u);
+  EXPECT_EQ(logged(RYX_LOG_DEBUG, "WRITE QUERY: PRAGMA page_size = 10240"), 1u);
+  EXPECT_EQ(logged(RYX_LOG_DEBUG, "WRITE QUERY: PRAGMA foreign_keys = ON"), 1u);
   char **cells = nullptr;
   int32_t rows = 0, columns = 0;
   ASSERT_EQ(db_read("PRAGMA foreign_keys", &cells, &rows, &columns), DB_STATUS_SUCCESS);
   ASSERT_EQ(rows, 1);
   EXPECT_STREQ(cells[1], "1");
   db_freeResult(&cells);
-}
 
-TEST_F(Operation, OpenFailureReturns6AndStaysClosed) {
+  // A folder that does not exist: 6, and the connection stays closed.
+  ASSERT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
   ASSERT_EQ(db_setDatabasePath((tempDir_ + "/missing/dir/analytics.db").c_str()),
             DB_STATUS_SUCCESS);
   EXPECT_EQ(db_open(), DB_STATUS_OPEN_FAILED);
   EXPECT_EQ(database_connection, nullptr);
-  EXPECT_TRUE(log().has(
-      RYX_LOG_ERROR,
-      "[analyticsDB] Opening connection failed ret 14 message: unable to open database file\n"))
+  EXPECT_TRUE(logged(RYX_LOG_ERROR,
+                     "Opening connection failed ret 14 message: unable to open database file\n"))
       << log().dump();
   EXPECT_EQ(db_writeQuery("CREATE TABLE X (A)"), DB_STATUS_OPEN_FAILED);
-}
-
-TEST_F(Operation, PathSettersRefuseBadPaths) {
-  EXPECT_EQ(db_setDatabasePath(nullptr), DB_STATUS_FAILURE);
-  EXPECT_EQ(db_setDatabasePath(""), DB_STATUS_FAILURE);
-  EXPECT_EQ(db_setDatabasePath(std::string(256, 'a').c_str()), DB_STATUS_FAILURE);
-  EXPECT_EQ(db_setDatabasePath(("/" + std::string(254, 'a')).c_str()), DB_STATUS_SUCCESS);
-  EXPECT_EQ(db_setProfileMarkerPath(nullptr), DB_STATUS_FAILURE);
-  EXPECT_EQ(db_setProfileMarkerPath(std::string(300, 'b').c_str()), DB_STATUS_FAILURE);
 }
 
 TEST_F(Operation, StatusOfEveryOutcomeAndABusyDatabaseAtOnce) {
@@ -90,14 +85,13 @@ TEST_F(Operation, StatusOfEveryOutcomeAndABusyDatabaseAtOnce) {
   EXPECT_EQ(log().countAt(RYX_LOG_ERROR), 1u);
 
   // A missing table is 5 for writes and reads, with its own line.
-  log().clear();
   EXPECT_EQ(db_write("INSERT INTO NOPE VALUES(1)"), DB_STATUS_NO_TABLE);
-  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] WRITE Table doesnt exist\n"));
+  EXPECT_TRUE(logged(RYX_LOG_ERROR, "WRITE Table doesnt exist\n"));
   char **cells = nullptr;
   int32_t rows = -1, columns = -1;
   EXPECT_EQ(db_read("SELECT * FROM NOPE", &cells, &rows, &columns), DB_STATUS_NO_TABLE);
-  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] READ ERROR : no such table: NOPE ret : 1\n"));
-  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] READ Table doesnt exist\n"));
+  EXPECT_TRUE(logged(RYX_LOG_ERROR, "READ ERROR : no such table: NOPE ret : 1\n"));
+  EXPECT_TRUE(logged(RYX_LOG_ERROR, "READ Table doesnt exist\n"));
   EXPECT_EQ(cells, nullptr);
 
   // Any other error is 1.

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "support/db_fixture.h"
+#include "support/api_cases.h"
 
 namespace {
 
@@ -13,45 +13,34 @@ using Texts = std::vector<std::string>;
 using Ints = std::vector<int64_t>;
 using Counts = std::vector<uint64_t>;
 
-class ResultApi : public adbtest::DbTest {};
-
-// A raw result written out by hand: the header row, then the data rows, flat.
-struct RawResult {
-  RawResult(int32_t columnCount, Values cellValues)
-      : cells(std::move(cellValues)), columns(columnCount), rows(cells.size() / columnCount - 1) {}
-  Values cells;
-  int32_t columns;
-  int32_t rows;
-};
+class ResultApi : public adbtest::ApiTest {};
 
 const std::string k300(300, 'n');
 const std::string k70(70, 's');
 
 }  // namespace
 
-// Every field gets a value of its own, so that a column read into the wrong field shows.
+// Raw results are written out by hand: the header row, then the data rows, flat. Every field
+// gets a value of its own, so that a column read into the wrong field shows.
 TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
-  RawResult result(
-      39,
-      {"MAC_S", "APID_S", "IPADDR_S", "CATEGORY_S", "HOST_S", "MODEL_S", "MANUFACTURER_S",
-       "SERIALNUMBER_S", "INTERFACE_S", "ACTIVE", "BAND_S", "INTF_NAME_S", "INTF_INDEX", "RSSI",
-       "TXRATE", "RXRATE", "TXCNT", "RXCNT", "EXTRA_S", "CAPACITY", "DEVBWREQD",
-       "DEVSTREAMCAPABILITY_S", "NAME_S", "FRIENDLYNAME_S", "PORTABLE", "DEVCRITICAL",
-       "DEVTIMESTAMP", "ADDED_TS", "LASTONLINE_TS", "LASTOFFLINE_TS", "BEACONSTATE",
-       "PREFERRED_BAND_S", "DEV_FP_DONE", "OUI_S", "PRODUCTCLASS_S", "LASTREBOOTTXCNT",
-       "LASTREBOOTRXCNT", "BANDSTEERING_STATE", "IS_BRIDGED", "AA:BB:CC:DD:EE:01:XY", "ap-1",
-       "192.168.100.200", "Phone", "host-1", "Pixel", "Maker", k70.c_str(), "WiFi", "1", "5GHz-X",
-       "wl0", "3", "-61", "12.75", "866.0", "5000000000", "18446744073709551615", "ignored", "40",
-       "2.5", "4K-HDR-120", k300.c_str(), "Kitchen's speaker", "0", "2", "1700000000.9",
-       "5000000000", "1700000100", "1700000050", "6", "5GHz", "7", "00:11:22", k70.c_str(),
-       "123456789012", "987654321098", "8", "9",
-       // Only the key: every other field stays zero, whatever the column's default.
-       "aa:bb:cc:dd:ee:02", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-       nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-       nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-       nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr});
+  std::vector<adbtest::Cell> device{
+      "MAC_S", "APID_S", "IPADDR_S", "CATEGORY_S", "HOST_S", "MODEL_S", "MANUFACTURER_S",
+      "SERIALNUMBER_S", "INTERFACE_S", "ACTIVE", "BAND_S", "INTF_NAME_S", "INTF_INDEX", "RSSI",
+      "TXRATE", "RXRATE", "TXCNT", "RXCNT", "EXTRA_S", "CAPACITY", "DEVBWREQD",
+      "DEVSTREAMCAPABILITY_S", "NAME_S", "FRIENDLYNAME_S", "PORTABLE", "DEVCRITICAL",
+      "DEVTIMESTAMP", "ADDED_TS", "LASTONLINE_TS", "LASTOFFLINE_TS", "BEACONSTATE",
+      "PREFERRED_BAND_S", "DEV_FP_DONE", "OUI_S", "PRODUCTCLASS_S", "LASTREBOOTTXCNT",
+      "LASTREBOOTRXCNT", "BANDSTEERING_STATE", "IS_BRIDGED", "AA:BB:CC:DD:EE:01:XY", "ap-1",
+      "192.168.100.200", "Phone", "host-1", "Pixel", "Maker", k70, "WiFi", "1", "5GHz-X", "wl0",
+      "3", "-61", "12.75", "866.0", "5000000000", "18446744073709551615", "ignored", "40", "2.5",
+      "4K-HDR-120", k300, "Kitchen's speaker", "0", "2", "1700000000.9", "5000000000", "1700000100",
+      "1700000050", "6", "5GHz", "7", "00:11:22", k70, "123456789012", "987654321098", "8", "9",
+      // Only the key: every other field stays zero, whatever the column's default.
+      "aa:bb:cc:dd:ee:02"};
+  device.resize(3 * 39);
+  Values deviceCells(device);
   DeviceInfoRecord **list = nullptr;
-  ASSERT_EQ(db_structDeviceInfo(result.cells.data(), &list, result.rows, result.columns), 0);
+  ASSERT_EQ(db_structDeviceInfo(deviceCells.data(), &list, 2, 39), 0);
   const DeviceInfoRecord &d = *list[0];
   EXPECT_EQ(
       (Texts{d.mac, d.apId, d.ipAddr, d.category, d.host, d.model, d.manufacturer, d.interface,
@@ -72,35 +61,34 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
   DeviceInfoRecord keyOnly{};
   std::memcpy(keyOnly.mac, "aa:bb:cc:dd:ee:02", 18);
   EXPECT_EQ(std::memcmp(list[1], &keyOnly, sizeof keyOnly), 0);
-  db_freeDeviceInfoResult(&list, result.rows);
+  db_freeDeviceInfoResult(&list, 2);
   EXPECT_EQ(list, nullptr);
 
   const std::string id60(60, 'i');
-  RawResult mesh(
-      9, {"MAC_S", "ID_S", "PARENTID_S", "IPADDR_S", "ROLE_S", "OPERMODE_S", "BACKHAULINTFTYPE_S",
-          "STATUS_S", "HEALTHSTATUS_S", "00:11:22:33:44:55", id60.c_str(), "parent", "10.0.0.2",
-          "Satellite", "Router", "Ethernet-2.5G", "Online", "Good"});
+  Values mesh{"MAC_S", "ID_S", "PARENTID_S", "IPADDR_S", "ROLE_S", "OPERMODE_S",
+              "BACKHAULINTFTYPE_S", "STATUS_S", "HEALTHSTATUS_S",
+              // One row; texts are cut to their fields.
+              "00:11:22:33:44:55", id60.c_str(), "parent", "10.0.0.2", "Satellite", "Router",
+              "Ethernet-2.5G", "Online", "Good"};
   MeshTopoRecord **meshList = nullptr;
-  ASSERT_EQ(db_structMeshTopo(mesh.cells.data(), &meshList, mesh.rows, mesh.columns), 0);
+  ASSERT_EQ(db_structMeshTopo(mesh.data(), &meshList, 1, 9), 0);
   const MeshTopoRecord &m = *meshList[0];
   EXPECT_EQ((Texts{m.mac, m.id, m.parentId, m.ipAddr, m.role, m.operMode, m.backhaulIntfType,
                    m.status, m.healthStatus}),
             (Texts{"00:11:22:33:44:55", std::string(47, 'i'), "parent", "10.0.0.2", "Satelli",
                    "Router", "Ethernet-2.5G", "Online", "Good"}));
-  db_freeMeshTopoResult(&meshList, mesh.rows);
+  db_freeMeshTopoResult(&meshList, 1);
 
-  // clang-format off
-  RawResult clients(24, {"MAC_S", "ASSOC_BSSID_S", "ASSOC_MEDIUM_S", "CAP_BSS_TRANS",
-                         "CAP_FAST_BSS_TRANS", "CAP_RADIO_MEASURE", "CAP_24GHZ", "CAP_5GHZ",
-                         "CATEGORY_S", "TYPE_S", "MIMO_S", "VENDOR_MFG_S", "VENDOR_MNAME_S",
-                         "VENDOR_MNUMBER_S", "VENDOR_DNAME_S", "CAP_MODE_S", "CAP_24CSA",
-                         "CAP_24ECSA", "CAP_5CSA", "CAP_5ECSA", "CAP_DFS", "ISTAVEXFPDONE",
-                         "CAP_24GHZN", "CAP_5GHZAC", "c0:ff:ee", "bssid", "5GHz", "1", "2", "3",
-                         "4", "5", "Phone", "STA", "2x2", "mfg", "mname", "mnumber", "dname",
-                         "11ax", "6", "7", "8", "9", "10", "11", "12", "13"});
-  // clang-format on
+  Values clients{"MAC_S", "ASSOC_BSSID_S", "ASSOC_MEDIUM_S", "CAP_BSS_TRANS", "CAP_FAST_BSS_TRANS",
+                 "CAP_RADIO_MEASURE", "CAP_24GHZ", "CAP_5GHZ", "CATEGORY_S", "TYPE_S", "MIMO_S",
+                 "VENDOR_MFG_S", "VENDOR_MNAME_S", "VENDOR_MNUMBER_S", "VENDOR_DNAME_S",
+                 "CAP_MODE_S", "CAP_24CSA", "CAP_24ECSA", "CAP_5CSA", "CAP_5ECSA", "CAP_DFS",
+                 "ISTAVEXFPDONE", "CAP_24GHZN", "CAP_5GHZAC",
+                 // One row, a value of its own per field.
+                 "c0:ff:ee", "bssid", "5GHz", "1", "2", "3", "4", "5", "Phone", "STA", "2x2", "mfg",
+                 "mname", "mnumber", "dname", "11ax", "6", "7", "8", "9", "10", "11", "12", "13"};
   ClientCapabilityRecord **clientList = nullptr;
-  ASSERT_EQ(db_structClientsCapability(clients.cells.data(), &clientList, 1, 24), 0);
+  ASSERT_EQ(db_structClientsCapability(clients.data(), &clientList, 1, 24), 0);
   const ClientCapabilityRecord &c = *clientList[0];
   EXPECT_EQ((Texts{c.mac, c.assocBssid, c.assocMedium, c.category, c.type, c.mimo, c.vendorMfg,
                    c.vendorModelName, c.vendorModelNumber, c.vendorDeviceName, c.capMode}),
@@ -112,17 +100,15 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
             (Ints{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13}));
   db_freeClientsResult(&clientList, 1);
 
-  // clang-format off
-  RawResult thresholds(15, {"DEVICECLASS_S", "DEVFILTERLEVEL", "STREAMINGTHRESHOLD",
-                            "INACTIVITYFILTER", "RSSIGOODSTART", "RSSIGOODEND", "RSSIAVGSTART",
-                            "RSSIAVGEND", "RSSIBADSTART", "RSSIBADEND", "LONGPOLLTHRESHOLD",
-                            "SHORTPOLLTHRESHOLD", "VERSION", "WAN_FILTER_LEVEL",
-                            "INACTIVITY_FILTER_LEVEL", "Camera", "5000000000", "2", "3", "-40",
-                            "-55", "-56", "-70", "-71", "-90", "600", "-5000000000", "2.5", "4",
-                            "5"});
-  // clang-format on
+  Values thresholds{"DEVICECLASS_S", "DEVFILTERLEVEL", "STREAMINGTHRESHOLD", "INACTIVITYFILTER",
+                    "RSSIGOODSTART", "RSSIGOODEND", "RSSIAVGSTART", "RSSIAVGEND", "RSSIBADSTART",
+                    "RSSIBADEND", "LONGPOLLTHRESHOLD", "SHORTPOLLTHRESHOLD", "VERSION",
+                    "WAN_FILTER_LEVEL", "INACTIVITY_FILTER_LEVEL",
+                    // One row; 32-bit atoi saturates both ways.
+                    "Camera", "5000000000", "2", "3", "-40", "-55", "-56", "-70", "-71", "-90",
+                    "600", "-5000000000", "2.5", "4", "5"};
   DeviceThresholdRecord **thresholdList = nullptr;
-  ASSERT_EQ(db_structDeviceThreshold(thresholds.cells.data(), &thresholdList, 1, 15), 0);
+  ASSERT_EQ(db_structDeviceThreshold(thresholds.data(), &thresholdList, 1, 15), 0);
   const DeviceThresholdRecord &t = *thresholdList[0];
   EXPECT_STREQ(t.deviceClass, "Camera");
   // atoi saturates as with a 32-bit long, both ways.
@@ -134,30 +120,34 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
   EXPECT_FLOAT_EQ(t.version, 2.5f);
   db_freeDeviceThresholdResult(&thresholdList, 1);
 
-  RawResult subscribers(
-      2, {"DOWNSTREAMBANDWIDTH", "SERIALNUMBER_S", "1000", "SN-0123456789", "abc", nullptr});
+  Values subscribers{"DOWNSTREAMBANDWIDTH", "SERIALNUMBER_S",
+                     // Two rows; text that is no number reads as 0.
+                     "1000", "SN-0123456789", "abc", nullptr};
   SubscriberInfoRecord **subscriberList = nullptr;
-  ASSERT_EQ(db_structSubscriberInfo(subscribers.cells.data(), &subscriberList, 2, 2), 0);
+  ASSERT_EQ(db_structSubscriberInfo(subscribers.data(), &subscriberList, 2, 2), 0);
   EXPECT_STREQ(subscriberList[0]->serialNumber, "SN-012345678");
   EXPECT_EQ(subscriberList[0]->downstreamBandwidth, 1000);
   EXPECT_STREQ(subscriberList[1]->serialNumber, "");
   EXPECT_EQ(subscriberList[1]->downstreamBandwidth, 0);  // non-numeric text reads as 0
   db_freeSubscriberInfoResult(&subscriberList, 2);
 
-  RawResult stamps(4, {"MAC_S", "DEVTIMESTAMP", "ACTIVE", "INTF_NAME_S", "aa:bb", "5000000000.5",
-                       "1", "wl1.2-backhaul-long"});
+  Values stamps{"MAC_S", "DEVTIMESTAMP", "ACTIVE", "INTF_NAME_S",
+                // One row.
+                "aa:bb", "5000000000.5", "1", "wl1.2-backhaul-long"};
   DeviceTimestampRecord **stampList = nullptr;
-  ASSERT_EQ(db_readTimestampResult(stamps.cells.data(), &stampList, 1, 4), 0);
+  ASSERT_EQ(db_readTimestampResult(stamps.data(), &stampList, 1, 4), 0);
   EXPECT_STREQ(stampList[0]->mac, "aa:bb");
   EXPECT_EQ(stampList[0]->devTimestamp, 4294967295ull);  // a 64-bit field, 32-bit conversion
   EXPECT_EQ(stampList[0]->active, 1);
   EXPECT_STREQ(stampList[0]->intfName, "wl1.2-backhaul-");
   db_freeDpClientHandleResult(&stampList, 1);
 
-  RawResult primitive(4, {"MAC_S", "TIMESTAMP", "SLT_IND", "SOURCE_S", "aa:bb", "1700000000", "288",
-                          "WAN-source-long-text", "cc:dd", "17", "-1", nullptr});
+  Values primitive{"MAC_S", "TIMESTAMP", "SLT_IND", "SOURCE_S",
+                   // Two rows.
+                   "aa:bb", "1700000000", "288", "WAN-source-long-text", "cc:dd", "17", "-1",
+                   nullptr};
   PrimitiveDayTableRecord **primitiveList = nullptr;
-  ASSERT_EQ(db_structPrimitiveDayTable(primitive.cells.data(), &primitiveList, 2, 4), 0);
+  ASSERT_EQ(db_structPrimitiveDayTable(primitive.data(), &primitiveList, 2, 4), 0);
   EXPECT_STREQ(primitiveList[0]->mac, "aa:bb");
   EXPECT_EQ(primitiveList[0]->timestamp, 1700000000u);
   EXPECT_EQ(primitiveList[0]->slotIndex, 288);
@@ -172,32 +162,12 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
 TEST_F(ResultApi, SlotRecordsPlaceSlotsByNumberOrByColumnOrder) {
   // Week records: column SLOTk goes to element k - 1 wherever it stands; numbers outside the
   // week are skipped but every slot column counts, NULL cells too.
-  RawResult week(8, {"SLOT300",
-                     "MAC_S",
-                     "SLOT1",
-                     "SLOT2016",
-                     "SLOT0",
-                     "SLOT2017",
-                     "TIMESTAMP",
-                     "SLT_IND",
-                     "300",
-                     "aa:bb",
-                     "1",
-                     "2016",
-                     "7",
-                     "8",
-                     "1700000000",
-                     "300",
-                     nullptr,
-                     "cc:dd",
-                     "18446744073709551615",
-                     nullptr,
-                     nullptr,
-                     nullptr,
-                     nullptr,
-                     nullptr});
+  Values week{"SLOT300", "MAC_S", "SLOT1", "SLOT2016", "SLOT0", "SLOT2017", "TIMESTAMP", "SLT_IND",
+              // Two rows.
+              "300", "aa:bb", "1", "2016", "7", "8", "1700000000", "300", nullptr, "cc:dd",
+              "18446744073709551615", nullptr, nullptr, nullptr, nullptr, nullptr};
   BandWidthRecord **weekList = nullptr;
-  ASSERT_EQ(db_structBandWidth(week.cells.data(), &weekList, 2, 8), 0);
+  ASSERT_EQ(db_structBandWidth(week.data(), &weekList, 2, 8), 0);
   const BandWidthRecord &w = *weekList[0];
   EXPECT_STREQ(w.mac, "aa:bb");
   EXPECT_EQ((Counts{w.slots[299], w.slots[0], w.slots[2015], w.slotCount, w.timestamp, w.startIndex,
@@ -212,10 +182,11 @@ TEST_F(ResultApi, SlotRecordsPlaceSlotsByNumberOrByColumnOrder) {
   db_freeBandWidthResult(&weekList, 2);
 
   // Day records: the n-th slot column goes to element n - 1, whatever its number.
-  RawResult day(6, {"MAC_S", "SLOT289", "SLOT290", "SLOT291", "TIMESTAMP", "SLT_IND", "aa:bb",
-                    "289", nullptr, "291", "1700000000", "291"});
+  Values day{"MAC_S", "SLOT289", "SLOT290", "SLOT291", "TIMESTAMP", "SLT_IND",
+             // One row.
+             "aa:bb", "289", nullptr, "291", "1700000000", "291"};
   RateRecord **dayList = nullptr;
-  ASSERT_EQ(db_readRateStruct(day.cells.data(), &dayList, 1, 6), 0);
+  ASSERT_EQ(db_readRateStruct(day.data(), &dayList, 1, 6), 0);
   const RateRecord &r = *dayList[0];
   EXPECT_STREQ(r.mac, "aa:bb");
   EXPECT_EQ((Counts{r.slots[0], r.slots[1], r.slots[2], r.slotCount, r.timestamp}),
@@ -253,10 +224,10 @@ void expectEmptyAndNull(adbtest::LogCapture &log, const char *label, int level,
   } empties[] = {{nullptr, 3, 4}, {header.data(), 0, 1}, {header.data(), 1, 0}};
   for (const auto &empty : empties) {
     log.clear();
-    Record *sentinel[1] = {nullptr};
-    Record **list = sentinel;
-    EXPECT_EQ(convert(empty.cells, &list, empty.rows, empty.columns), 2);
-    EXPECT_EQ(list, sentinel);
+    EXPECT_EQ(adbtest::readKeepingList<Record>([&](Record ***list, int32_t *) {
+                return convert(empty.cells, list, empty.rows, empty.columns);
+              }),
+              2);
     EXPECT_TRUE(log.has(level, std::string("[analyticsDB] ") + label +
                                    " result array NULL / rowcount " + std::to_string(empty.rows) +
                                    " columcount " + std::to_string(empty.columns) + "\n"))
@@ -301,53 +272,50 @@ TEST_F(ResultApi, EmptyResultsAndNullListsAreReportedWithTheirOwnMessages) {
 TEST_F(ResultApi, ConversionsIntoCallerStorageFillWhatTheyAreGiven) {
   // Every row goes into the one record: later rows overwrite column by column, NULL cells
   // keep what is there, slotCount and the span indexes are not touched.
-  RawResult days(5, {"MAC_S", "SLOT1", "SLOT289", "TIMESTAMP", "SLT_IND",
-                     "aa:bb:cc:dd:ee:ff-and-a-long-suffix-here", "10", nullptr, "100", "1", "aa:bb",
-                     nullptr, "289", nullptr, "289"});
+  Values days{"MAC_S", "SLOT1", "SLOT289", "TIMESTAMP", "SLT_IND",
+              // Two rows, into one record.
+              "aa:bb:cc:dd:ee:ff-and-a-long-suffix-here", "10", nullptr, "100", "1", "aa:bb",
+              nullptr, "289", nullptr, "289"};
   BandWidthRecord record{};
   record.slots[5] = 6;
   record.slotCount = 77;
   record.startIndex = 3;
-  ASSERT_EQ(db_setSlotRate(days.cells.data(), 2, 5, &record), 0);
+  ASSERT_EQ(db_setSlotRate(days.data(), 2, 5, &record), 0);
   EXPECT_STREQ(record.mac, "aa:bb");
   EXPECT_EQ((Counts{record.slots[0], record.slots[288], record.slots[5], record.timestamp,
                     record.slotCount, record.startIndex}),
             (Counts{10, 289, 6, 100, 77, 3}));
   EXPECT_EQ(record.slotIndex, 289);
-  ASSERT_EQ(db_setSlotRate(days.cells.data(), 1, 5, &record), 0);
+  ASSERT_EQ(db_setSlotRate(days.data(), 1, 5, &record), 0);
   EXPECT_STREQ(record.mac, "aa:bb:cc:dd:ee:ff-and-a-long-su");  // 31 characters
 
   // Per row: the time stamp, slot index, the value of the slot column and the MAC; one source
   // text for all rows, the last row's.
-  RawResult index(
-      5, {"MAC_S", "TIMESTAMP", "SLT_IND", "SOURCE_S", "SLOT12",
-          "aa:bb:cc:dd:ee:ff-and-a-long-suffix-here", "1700000000.5", "12", "source-one-long-text",
-          "5000000000", "11:22", "5000000000", "-3", "two", nullptr});
+  Values index{"MAC_S", "TIMESTAMP", "SLT_IND", "SOURCE_S", "SLOT12",
+               // Two rows, into the arrays.
+               "aa:bb:cc:dd:ee:ff-and-a-long-suffix-here", "1700000000.5", "12",
+               "source-one-long-text", "5000000000", "11:22", "5000000000", "-3", "two", nullptr};
   uint32_t timestamps[3] = {0, 0, 99};
   int32_t slotIndexes[3] = {0, 0, 99};
   uint64_t values[3] = {0, 7, 99};
   char macs[3][32] = {{}, {}, "keep"};
   char source[16] = {};
-  ASSERT_EQ(db_getRateIdxTimeStamp(index.cells.data(), 2, 5, timestamps, slotIndexes, values, macs,
-                                   source),
-            0);
+  ASSERT_EQ(
+      db_getRateIdxTimeStamp(index.data(), 2, 5, timestamps, slotIndexes, values, macs, source), 0);
   EXPECT_EQ((Counts{timestamps[0], timestamps[1], timestamps[2], values[0], values[1]}),
             (Counts{1700000000, 4294967295u, 99, 5000000000ull, 7}));  // NULL cell kept
   EXPECT_EQ((Ints{slotIndexes[0], slotIndexes[1]}), (Ints{12, -3}));
   EXPECT_EQ((Texts{macs[0], macs[1], macs[2], source}),
             (Texts{"aa:bb:cc:dd:ee:ff-and-a-long-su", "11:22", "keep", "two"}));
   // The MAC texts and the source may be absent.
-  ASSERT_EQ(db_getRateIdxTimeStamp(index.cells.data(), 1, 5, timestamps, slotIndexes, values,
-                                   nullptr, nullptr),
-            0);
+  ASSERT_EQ(
+      db_getRateIdxTimeStamp(index.data(), 1, 5, timestamps, slotIndexes, values, nullptr, nullptr),
+      0);
   EXPECT_TRUE(log().lines().empty()) << log().dump();
 
   EXPECT_EQ(db_setSlotRate(nullptr, 1, 5, &record), 2);
-  EXPECT_EQ(db_getRateIdxTimeStamp(index.cells.data(), 0, 5, timestamps, slotIndexes, values, macs,
-                                   source),
-            2);
-  EXPECT_TRUE(log().has(RYX_LOG_ERROR,
-                        "[analyticsDB] BandWidth result array NULL / rowcount 1 columcount 5\n"));
-  EXPECT_TRUE(log().has(RYX_LOG_ERROR,
-                        "[analyticsDB] BandWidth result array NULL / rowcount 0 columcount 5\n"));
+  EXPECT_EQ(
+      db_getRateIdxTimeStamp(index.data(), 0, 5, timestamps, slotIndexes, values, macs, source), 2);
+  EXPECT_TRUE(logged(RYX_LOG_ERROR, "BandWidth result array NULL / rowcount 1 columcount 5\n"));
+  EXPECT_TRUE(logged(RYX_LOG_ERROR, "BandWidth result array NULL / rowcount 0 columcount 5\n"));
 }

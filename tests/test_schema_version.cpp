@@ -1,12 +1,12 @@
 // The schema version: reading, rises with their translations and defaults, storing via the queue.
-#include "support/db_fixture.h"
+#include "support/api_cases.h"
 
 namespace {
 
-class Version : public adbtest::DbTest {
+class Version : public adbtest::ApiTest {
  protected:
   void SetUp() override {
-    DbTest::SetUp();
+    ApiTest::SetUp();
     ASSERT_EQ(db_createDeviceInfoTable(), DB_STATUS_SUCCESS);
     raw().exec(
         "INSERT INTO DEVICEINFO(MAC_S, PREFERRED_BAND_S, PORTABLE) VALUES"
@@ -66,13 +66,10 @@ TEST_F(Version, RisesFromVersions1And2TranslateBandsAndEveryRiseFillsPortable) {
     EXPECT_EQ(bands(), rise.bands) << rise.from;
     EXPECT_EQ(portable(), "1,0,1,1") << rise.from;
   }
-  EXPECT_TRUE(
-      log().has(RYX_LOG_NOTICE, "[analyticsDB] DB translations for old version [2] completed."));
+  EXPECT_TRUE(logged(RYX_LOG_NOTICE, "DB translations for old version [2] completed."));
   EXPECT_TRUE(log().has(RYX_LOG_NOTICE, "DB :Portable Default setting on migration done\n"));
-  EXPECT_TRUE(
-      log().has(RYX_LOG_INFO, "[analyticsDB] DB translations not needed for old version [0]"));
-  EXPECT_TRUE(
-      log().has(RYX_LOG_INFO, "[analyticsDB] DB Version is updated to [4] from version [3]"));
+  EXPECT_TRUE(logged(RYX_LOG_INFO, "DB translations not needed for old version [0]"));
+  EXPECT_TRUE(logged(RYX_LOG_INFO, "DB Version is updated to [4] from version [3]"));
 
   // Without DEVICEINFO the default cannot be filled: the rise reports it.
   raw().exec("DROP TABLE DEVICEINFO");
@@ -99,6 +96,7 @@ TEST_F(Version, StoringGoesThroughTheQueue) {
   ASSERT_EQ(db_manageQueue(DB_STATUS_BUSY, 0, noVersion.data(), 2, "VERSION"), 0);
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
   EXPECT_EQ(queueCount, 0);
-  EXPECT_TRUE(log().has(RYX_LOG_ERROR, "[analyticsDB] Queue: dropped func[0] Table[VERSION] "
-                                       "Key[NULL]: its values give no statement\n"));
+  EXPECT_TRUE(logged(RYX_LOG_ERROR,
+                     "Queue: dropped func[0] Table[VERSION] "
+                     "Key[NULL]: its values give no statement\n"));
 }

@@ -1,0 +1,387 @@
+// The inventory: the sixteen writers through the write queue's gate, and the reads with the
+// statement each composes, the records it returns, and its statuses.
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "support/api_cases.h"
+#include "support/inventory_writers.h"
+
+namespace {
+
+using adbtest::Cell;
+using adbtest::readKeepingList;
+using adbtest::Rows;
+using adbtest::Values;
+
+const char *const kTables[] = {"DEVICEINFO",     "MESHTOPO", "CLIENTS",
+                               "SUBSCRIBERINFO", "CMAINFO",  "DEVICETHRESHOLD"};
+
+bool isTextColumn(const std::string &column) { return column.ends_with("_S"); }
+
+// Values for `columns`: the key first, then a text per text column and a number per other one.
+std::vector<std::string> sampleValues(const std::vector<std::string> &columns,
+                                      const std::string &key, int seed) {
+  std::vector<std::string> values{key};
+  for (size_t i = 1; i < columns.size(); ++i) {
+    values.push_back(isTextColumn(columns[i]) ? "t" + std::to_string(seed) + "_" + std::to_string(i)
+                                              : std::to_string(seed * 100 + static_cast<int>(i)));
+  }
+  return values;
+}
+
+class Inventory : public adbtest::ApiTest {
+ protected:
+  void SetUp() override {
+    ApiTest::SetUp();
+    createInventoryTables();
+  }
+
+  // Number of rows of `table` whose columns hold exactly these values (the key without case).
+  std::string rowsHolding(const std::string &table, const std::vector<std::string> &columns,
+                          const std::vector<std::string> &values) {
+    std::string sql = "SELECT count(*) FROM " + table + " WHERE ";
+    for (size_t i = 0; i < columns.size(); ++i) {
+      sql += (i > 0 ? " AND " : "") + columns[i] + " = ?";
+    }
+    return raw().query(sql, values).at(0).at(0).value_or("?");
+  }
+
+  Rows everyRow() {
+    Rows rows;
+    for (const char *table : kTables) {
+      for (adbtest::Row &row : raw().query(std::string("SELECT '") + table + "', rowid, * FROM " +
+                                           table + " ORDER BY rowid")) {
+        rows.push_back(row);
+      }
+    }
+    return rows;
+  }
+
+  // The statement of the latest read, as the access core logs it.
+  std::string lastQuery() {
+    constexpr std::string_view kRead = "[analyticsDB] READ QUERY : ";
+    std::string query;
+    for (const adbtest::LogLine &line : log().lines()) {
+      std::string_view message = line.message();
+      if (message.starts_with(kRead)) query = message.substr(kRead.size());
+    }
+    if (!query.empty() && query.back() == '\n') query.pop_back();
+    return query;
+  }
+
+  // The records of a list read that must succeed after composing `query`.
+  template <typename Record, typename Read>
+  std::vector<Record> read(Read call, void (*free)(Record ***, int32_t), const std::string &query) {
+    Record **list = nullptr;
+    int32_t rows = 0;
+    EXPECT_EQ(call(&list, &rows), 0);
+    EXPECT_EQ(lastQuery(), query);
+    std::vector<Record> records;
+    for (int32_t r = 0; r < rows; ++r) records.push_back(*list[r]);
+    free(&list, rows);
+    return records;
+  }
+};
+
+}  // namespace
+
+TEST_F(Inventory, EachWriterWritesItsColumnsAndQueuesUnderItsFunctionId) {
+  for (const adbtest::InventoryWriter &listed : adbtest::inventoryWriters()) {
+    SCOPED_TRACE(listed.api);
+    const adbtest::InventoryWriter writer = adbtest::withColumns(listed, raw());
+    const std::vector<std::string> &columns = writer.columns;
+    std::string key = "key-" + std::to_string(writer.functionId);
+
+    std::vector<std::string> first = sampleValues(columns, key, 1);
+    EXPECT_EQ(writer.write(Values(first).data()), DB_STATUS_SUCCESS);
+    EXPECT_EQ(rowsHolding(writer.table, columns, first), "1");
+
+    // Busy: parked with the writer's id, count and family; the replay updates the same row,
+    // found by its key in another letter case.
+    std::vector<std::string> second =
+        sampleValues(columns, "KEY-" + std::to_string(writer.functionId), 2);
+    EXPECT_EQ(whileBusy([&] { return writer.write(Values(second).data()); }), DB_STATUS_BUSY);
+    WriteRequestNode *head = adbtest::queueHead();
+    ASSERT_NE(head, nullptr);
+    EXPECT_EQ(head->functionId, writer.functionId);
+    EXPECT_EQ(head->fieldCount, static_cast<int32_t>(columns.size()));
+    EXPECT_STREQ(head->tableName, writer.table);
+    EXPECT_EQ(adbtest::nodeValues(*head), std::vector<Cell>(second.begin(), second.end()));
+
+    EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
+    EXPECT_EQ(rowsHolding(writer.table, columns, second), "1");
+    EXPECT_EQ(rowsHolding(writer.table, {columns[0]}, {key}), "1");
+  }
+  EXPECT_EQ(log().countContaining("Delete Reason"), 0u);
+}
+
+TEST_F(Inventory, PartialWritesKeepTheOtherColumnsAndRefusedOnesAreNotQueued) {
+  std::vector<std::string> columns = raw().columns("DEVICEINFO");
+  std::vector<std::string> row = sampleValues(columns, "AA:BB:CC:00:00:01", 1);
+  ASSERT_EQ(db_updateDeviceInfoTable(Values(row).data()), DB_STATUS_SUCCESS);
+
+  // Lower-case key, a quote in a text value, no value for TXRATE.
+  Values lan{"aa:bb:cc:00:00:01", "ap'1", "eth0", nullptr, "2.5", "10", "20"};
+  EXPECT_EQ(db_updateDeviceInfoLanFields(lan.data()), DB_STATUS_SUCCESS);
+  for (const auto &[column, value] : {std::pair{"APID_S", "ap'1"},
+                                      {"INTF_NAME_S", "eth0"},
+                                      {"RXRATE", "2.5"},
+                                      {"TXCNT", "10"},
+                                      {"RXCNT", "20"}}) {
+    row[std::find(columns.begin(), columns.end(), column) - columns.begin()] = value;
+  }
+  EXPECT_EQ(rowsHolding("DEVICEINFO", columns, row), "1");
+  EXPECT_EQ(raw().query("SELECT MAC_S FROM DEVICEINFO"), (Rows{{Cell("AA:BB:CC:00:00:01")}}));
+
+  // A null value leaves its column to the table's default on insert.
+  Values capacity{"aa:bb:cc:00:00:02", nullptr};
+  EXPECT_EQ(db_updateDeviceInfoCapacity(capacity.data()), DB_STATUS_SUCCESS);
+  EXPECT_EQ(raw().query("SELECT CAPACITY, PORTABLE FROM DEVICEINFO WHERE MAC_S = "
+                        "'aa:bb:cc:00:00:02'"),
+            (Rows{{std::nullopt, Cell("1")}}));
+
+  EXPECT_EQ(whileBusy([] {
+              return db_updateDeviceInfoCapacity(Values{"aa", "1"}.data());
+            }),
+            DB_STATUS_BUSY);
+  // No values: refused with the writer's message, even while a request of the family waits.
+  EXPECT_EQ(db_updateDeviceInfoCapacity(nullptr), DB_STATUS_FAILURE);
+  EXPECT_TRUE(logged(RYX_LOG_ERROR,
+                     "Write: Check tablename/ fieldnames / fieldvalues / number of fields\n"));
+  raw().exec("DROP TABLE SUBSCRIBERINFO");
+  EXPECT_EQ(db_updateSubscriberInfoTable(Values{"SN1", "5"}.data()), DB_STATUS_NO_TABLE);
+  EXPECT_EQ(adbtest::queueLength(), 1);
+}
+
+TEST_F(Inventory, BurstAgainstBusyDatabaseEndsAsOnAFreeOne) {
+  std::vector<std::string> deviceColumns = raw().columns("DEVICEINFO");
+  std::vector<std::string> clientColumns = raw().columns("CLIENTS");
+  std::vector<std::vector<std::string>> devices = {sampleValues(deviceColumns, "aa:00", 1),
+                                                   sampleValues(deviceColumns, "bb:00", 2)};
+  std::vector<std::string> client = sampleValues(clientColumns, "aa:00", 3);
+  auto burst = [&] {
+    std::vector<int32_t> statuses;
+    statuses.push_back(db_updateDeviceInfoCapacity(Values{"cc:00", "1"}.data()));
+    statuses.push_back(db_updateDeviceInfoTable(Values(devices[0]).data()));
+    statuses.push_back(db_updateDeviceInfoCapacity(Values{"aa:00", "2"}.data()));
+    statuses.push_back(
+        db_updateMeshTopoTable(Values{"aa:00", "id", "p", "ip", "r", "m", "w", "s", "h"}.data()));
+    statuses.push_back(db_updateDeviceInfoTable(Values(devices[1]).data()));
+    statuses.push_back(db_updateDeviceInfoCapacity(Values{"AA:00", "3"}.data()));
+    statuses.push_back(db_updateClientsTable(Values(client).data()));
+    statuses.push_back(db_updateCmaInfoTable(Values{"DEVICEINFO", "100.5"}.data()));
+    statuses.push_back(db_updateSubscriberInfoTable(Values{"SN1", "500"}.data()));
+    statuses.push_back(db_updateDeviceInfoIsBridgedFields(Values{"cc:00", "1"}.data()));
+    statuses.push_back(db_updateCmaInfoTable(Values{"DEVICEINFO", "200.5"}.data()));
+    statuses.push_back(db_updateDeviceInfoBeaconFName(Values{"bb:00", "o'brien"}.data()));
+    statuses.push_back(db_updateDeviceThresholdTable(
+        Values{"phone", "1", "2", "3", "4", "5", "6", "7", "8", "9", "10", "11", "1.5", "13", "14"}
+            .data()));
+    return statuses;
+  };
+
+  EXPECT_EQ(burst(), std::vector<int32_t>(13, DB_STATUS_SUCCESS));
+  Rows onFreeDatabase = everyRow();
+  for (const char *table : kTables) raw().exec(std::string("DELETE FROM ") + table);
+
+  EXPECT_EQ(whileBusy(burst), std::vector<int32_t>(13, DB_STATUS_BUSY));
+  EXPECT_EQ(adbtest::queueLength(), 13);
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(everyRow(), onFreeDatabase);
+}
+
+TEST_F(Inventory, WholeTableKeyedAndSubsetReadsReturnTheirRows) {
+  raw().exec(
+      "INSERT INTO MESHTOPO VALUES ('00:11:22:33:44:55', 'gw', '', '10.0.0.1', 'Master', "
+      "'Router', 'Eth', 'Online', 'Good'), ('00:11:22:33:44:66', 'sat', 'gw', '10.0.0.2', "
+      "'Sat', 'Bridge', 'WiFi', 'Online', 'Poor');"
+      "INSERT INTO CLIENTS (MAC_S, CAP_24GHZ, MIMO_S) VALUES ('c0:ff:ee:00:00:01', 1, '2x2'), "
+      "('c0:ff:ee:00:00:02', 0, '1x1');"
+      "INSERT INTO SUBSCRIBERINFO VALUES ('SN1', 500);"
+      "INSERT INTO DEVICETHRESHOLD (DEVICECLASS_S, STREAMINGTHRESHOLD, VERSION) VALUES "
+      "('Camera', 7, 1.5), ('Kid''s tablet', 9, 2);"
+      "INSERT INTO DEVICEINFO (MAC_S, TXCNT, RXCNT, INTF_NAME_S, BEACONSTATE, CAPACITY, "
+      "DEVTIMESTAMP, ACTIVE, HOST_S, IS_BRIDGED) VALUES "
+      "('aa:00', 5000000000, NULL, 'wl0', 2, 10, 1700000000.75, 1, 'one', 0), "
+      "('aa:01', NULL, 7, 'eth0', 0, 20, 5000000000, 0, 'two', 1), "
+      "('aa:02', NULL, NULL, 'wl1', NULL, 30, NULL, NULL, 'three', 0);");
+
+  auto mesh = read(db_readMeshTopoTable, db_freeMeshTopoResult, "SELECT  *  FROM  MESHTOPO");
+  ASSERT_EQ(mesh.size(), 2u);
+  EXPECT_STREQ(mesh[1].healthStatus, "Poor");
+  auto clients = read(db_readClientsTable, db_freeClientsResult, "SELECT  *  FROM  CLIENTS");
+  ASSERT_EQ(clients.size(), 2u);
+  EXPECT_STREQ(clients[0].mimo, "2x2");
+  auto subscribers = read(db_readSubscriberInfoTable, db_freeSubscriberInfoResult,
+                          "SELECT  *  FROM  SUBSCRIBERINFO");
+  ASSERT_EQ(subscribers.size(), 1u);
+  EXPECT_EQ(subscribers[0].downstreamBandwidth, 500);
+  auto thresholds = read(db_readDeviceThresholdTable, db_freeDeviceThresholdResult,
+                         "SELECT  *  FROM  DEVICETHRESHOLD");
+  ASSERT_EQ(thresholds.size(), 2u);
+  EXPECT_FLOAT_EQ(thresholds[0].version, 1.5f);
+  auto devices =
+      read(db_readDeviceInfoTable, db_freeDeviceInfoResult, "SELECT  *  FROM  DEVICEINFO");
+  ASSERT_EQ(devices.size(), 3u);
+  EXPECT_EQ(devices[0].devTimestamp, 1700000000u);  // read as "1700000000.75"
+  EXPECT_STREQ(devices[0].preferredBand, "NA");     // the column default, stored
+
+  // Keyed reads match the key without regard to case.
+  clients = read(std::bind_front(db_readMacClients, "C0:FF:EE:00:00:01"), db_freeClientsResult,
+                 "SELECT  *  FROM  CLIENTS WHERE MAC_S LIKE 'C0:FF:EE:00:00:01'");
+  ASSERT_EQ(clients.size(), 1u);
+  EXPECT_STREQ(clients[0].mac, "c0:ff:ee:00:00:01");
+  thresholds = read(std::bind_front(db_readDeviceClassDeviceThreshold, "kid's TABLET"),
+                    db_freeDeviceThresholdResult,
+                    "SELECT  *  FROM  DEVICETHRESHOLD WHERE DEVICECLASS_S LIKE 'kid''s TABLET'");
+  ASSERT_EQ(thresholds.size(), 1u);
+  EXPECT_EQ(thresholds[0].streamingThreshold, 9);
+  // Bridged filter 0 leaves bridged devices out; any other value does not.
+  auto deviceRead = [](const char *mac, int32_t bridged) {
+    return [=](DeviceInfoRecord ***list, int32_t *rows) {
+      return db_readMacDeviceInfo(mac, list, rows, bridged);
+    };
+  };
+  devices = read(deviceRead("aa:01", 1), db_freeDeviceInfoResult,
+                 "SELECT  *  FROM  DEVICEINFO WHERE MAC_S LIKE 'aa:01'");
+  ASSERT_EQ(devices.size(), 1u);
+  EXPECT_EQ(devices[0].isBridged, 1);
+  EXPECT_EQ(readKeepingList<DeviceInfoRecord>(deviceRead("aa:01", 0)), 2);
+  EXPECT_EQ(lastQuery(),
+            "SELECT  *  FROM  DEVICEINFO WHERE MAC_S LIKE 'aa:01' AND IS_BRIDGED LIKE 0");
+  devices = read(deviceRead("AA:00", 0), db_freeDeviceInfoResult,
+                 "SELECT  *  FROM  DEVICEINFO WHERE MAC_S LIKE 'AA:00' AND IS_BRIDGED LIKE 0");
+  ASSERT_EQ(devices.size(), 1u);
+  EXPECT_STREQ(devices[0].mac, "aa:00");
+  EXPECT_EQ(readKeepingList<ClientCapabilityRecord>(
+                std::bind_front(db_readMacClients, "c0:ff:ee:00:00:09")),
+            2);
+  // A missing key is refused before anything runs.
+  log().clear();
+  EXPECT_EQ(readKeepingList<DeviceInfoRecord>(deviceRead(nullptr, 0)), 1);
+  EXPECT_EQ(lastQuery(), "");
+
+  // Subset reads fill only the selected fields: every other field of a record stays zero.
+  devices = read(db_readDeviceInfoTxRxCount, db_freeDeviceInfoResult,
+                 "SELECT MAC_S,TXCNT,RXCNT,INTF_NAME_S,BEACONSTATE FROM  DEVICEINFO WHERE TXCNT "
+                 "is not null OR RXCNT is not null");
+  ASSERT_EQ(devices.size(), 2u);
+  DeviceInfoRecord expected{};
+  std::memcpy(expected.mac, "aa:00", 6);
+  expected.txCnt = 5000000000ull;
+  std::memcpy(expected.intfName, "wl0", 4);
+  expected.beaconState = 2;
+  EXPECT_EQ(std::memcmp(&devices[0], &expected, sizeof expected), 0);
+  EXPECT_EQ(devices[1].rxCnt, 7u);
+  devices = read(db_readDeviceInfoCapacity, db_freeDeviceInfoResult,
+                 "SELECT MAC_S,CAPACITY FROM  DEVICEINFO");
+  ASSERT_EQ(devices.size(), 3u);
+  expected = DeviceInfoRecord{};
+  std::memcpy(expected.mac, "aa:02", 6);
+  expected.capacity = 30;
+  EXPECT_EQ(std::memcmp(&devices[2], &expected, sizeof expected), 0);
+  auto stamps = read(db_readDeviceInfoTimestamp, db_freeDpClientHandleResult,
+                     "SELECT MAC_S,DEVTIMESTAMP,ACTIVE,INTF_NAME_S FROM  DEVICEINFO");
+  ASSERT_EQ(stamps.size(), 3u);
+  EXPECT_EQ(stamps[0].devTimestamp, 1700000000u);
+  EXPECT_STREQ(stamps[0].intfName, "wl0");
+  EXPECT_EQ(stamps[1].devTimestamp, 4294967295u);
+  // Only devices whose beacon state is above 0; NULL is not.
+  devices = read(db_readExtInfo, db_freeDeviceInfoResult,
+                 "SELECT  *  FROM  DEVICEINFO WHERE BEACONSTATE>0");
+  ASSERT_EQ(devices.size(), 1u);
+  EXPECT_STREQ(devices[0].host, "one");
+
+  // An existing but empty table: nothing to convert.
+  raw().exec("DELETE FROM MESHTOPO");
+  EXPECT_EQ(readKeepingList<MeshTopoRecord>(db_readMeshTopoTable), 2);
+  EXPECT_EQ(logged(RYX_LOG_ERROR, "Meshtopo result array NULL / rowcount 0 columcount 0\n"), 1u)
+      << log().dump();
+}
+
+TEST_F(Inventory, SingleValueReadsCopyTheFirstRowsValue) {
+  const std::string category40(40, 'c');
+  raw().exec(
+      "INSERT INTO CMAINFO VALUES ('DEVICEINFO', 1000.75), ('MESHTOPO', NULL);"
+      "INSERT INTO DEVICEINFO (MAC_S, CATEGORY_S, DEVCRITICAL) VALUES ('aa:00', '" +
+      category40 + "', 3), ('aa:01', 'Phone', NULL);");
+
+  uint32_t timestamp = 77;
+  ASSERT_EQ(db_readCmaInfoTimeStamp("deviceinfo", &timestamp), 0);
+  EXPECT_EQ(lastQuery(), "SELECT TIMESTAMP FROM  CMAINFO WHERE TABLENAME_S LIKE 'deviceinfo'");
+  EXPECT_EQ(timestamp, 1000u);
+  // No row, or a NULL time stamp: the caller's value stays and the status is 0.
+  timestamp = 77;
+  EXPECT_EQ(db_readCmaInfoTimeStamp("CLIENTS", &timestamp), 0);
+  EXPECT_EQ(db_readCmaInfoTimeStamp("MESHTOPO", &timestamp), 0);
+  EXPECT_EQ(timestamp, 77u);
+
+  char category[64];
+  std::memset(category, 'x', sizeof category);
+  ASSERT_EQ(db_readDeviceInfoCategory("AA:00", category), 0);
+  EXPECT_EQ(lastQuery(), "SELECT CATEGORY_S FROM  DEVICEINFO WHERE MAC_S LIKE 'AA:00'");
+  EXPECT_EQ(std::string(category), std::string(31, 'c'));
+  EXPECT_EQ(category[32], 'x');  // 31 characters and the terminator, nothing more
+
+  int32_t critical = -5;
+  ASSERT_EQ(db_readDeviceInfoCritical("aa:00", &critical), 0);
+  EXPECT_EQ(lastQuery(), "SELECT DEVCRITICAL FROM  DEVICEINFO WHERE MAC_S LIKE 'aa:00'");
+  EXPECT_EQ(critical, 3);
+  ASSERT_EQ(db_readDeviceInfoCritical("aa:01", &critical), 0);
+  EXPECT_EQ(critical, 0);  // NULL reads as 0
+
+  // No matching row: 2, the output untouched, and the free function's line about the list.
+  log().clear();
+  critical = -5;
+  std::memcpy(category, "keep", 5);
+  EXPECT_EQ(db_readDeviceInfoCritical("aa:09", &critical), 2);
+  EXPECT_EQ(db_readDeviceInfoCategory("aa:09", category), 2);
+  EXPECT_EQ(critical, -5);
+  EXPECT_STREQ(category, "keep");
+  EXPECT_EQ(logged(RYX_LOG_ERROR, "DeviceInfo struct is already NULL\n"), 2u);
+
+  // The companions on their own ignore what they cannot use.
+  db_getCmaTimeStamp(nullptr, &timestamp);
+  getDevCategory(nullptr, category);
+  getDevCritical(nullptr, &critical);
+  EXPECT_EQ(timestamp, 77u);
+  EXPECT_EQ(critical, -5);
+  EXPECT_EQ(db_readCmaInfoTimeStamp("DEVICEINFO", nullptr), 1);
+}
+
+TEST_F(Inventory, FailedReadsReturnTheirStatusAndLeaveTheListAlone) {
+  // No tables at all: every read reports the missing table.
+  for (const char *table : kTables) raw().exec(std::string("DROP TABLE ") + table);
+  EXPECT_EQ(readKeepingList<MeshTopoRecord>(db_readMeshTopoTable), 5);
+  EXPECT_EQ(readKeepingList<ClientCapabilityRecord>(db_readClientsTable), 5);
+  EXPECT_EQ(readKeepingList<DeviceThresholdRecord>(db_readDeviceThresholdTable), 5);
+  EXPECT_EQ(readKeepingList<SubscriberInfoRecord>(db_readSubscriberInfoTable), 5);
+  EXPECT_EQ(readKeepingList<DeviceInfoRecord>(
+                [](auto list, auto rows) { return db_readMacDeviceInfo("aa", list, rows, 0); }),
+            5);
+  EXPECT_EQ(readKeepingList<DeviceTimestampRecord>(db_readDeviceInfoTimestamp), 5);
+  uint32_t timestamp = 9;
+  int32_t critical = 9;
+  char category[32] = "keep";
+  EXPECT_EQ(db_readCmaInfoTimeStamp("DEVICEINFO", &timestamp), 5);
+  EXPECT_EQ(db_readDeviceInfoCritical("aa", &critical), 5);
+  EXPECT_EQ(db_readDeviceInfoCategory("aa", category), 5);
+  EXPECT_EQ(timestamp, 9u);
+  EXPECT_EQ(critical, 9);
+  EXPECT_STREQ(category, "keep");
+
+  // A database held by another process: busy, at once, and nothing to free.
+  createInventoryTables();
+  EXPECT_EQ(whileBusy([] { return readKeepingList<MeshTopoRecord>(db_readMeshTopoTable); }), 3);
+
+  // Output arguments that are not there.
+  int32_t rows = 0;
+  EXPECT_EQ(db_readMeshTopoTable(nullptr, &rows), 1);
+  EXPECT_EQ(readKeepingList<MeshTopoRecord>(
+                [](auto list, auto) { return db_readMeshTopoTable(list, nullptr); }),
+            1);
+}
