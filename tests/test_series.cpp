@@ -119,6 +119,42 @@ TEST_F(Series, SlotWritesNameTheirDayAndColumnAndDefaultFillsZeroOneDay) {
   EXPECT_EQ(raw().scalar("SELECT SLOT295 FROM RSSI2 WHERE MAC_S='aa:02'"), "0");
 }
 
+// Each of the nine sample writers, parked on a busy file, replays as itself: into its own
+// series and table, with its own meaning of the three or four values.
+TEST_F(Series, ParkedSampleWritesReplayAsTheWriterThatParkedThem) {
+  bandwidth("pk", "LAN", 2, 77);
+  ASSERT_EQ(db_updateRssi(Values{"pk", "1700000600", "2", "-50"}.data()), DB_STATUS_SUCCESS);
+  struct Case {
+    int32_t (*write)(char **);
+    Values values;
+    const char *query;
+    const char *expected;
+  };
+  const Case cases[] = {
+      {db_updatePrimitiveRssi, {"pk", "1700009000", "30"}, "SLT_IND FROM PRIMITIVE_RSSI", "30"},
+      {db_updateRssiSlot, {"pk", "6", "-61"}, "SLOT6 FROM RSSI1", "-61"},
+      {db_updateRssiSlotDefaultValue, {"pk", "2", "3"}, "SLOT2 FROM RSSI1", "0"},
+      {db_updatePrimitiveBandWidthRx, {"pk", "LAN", "1700009300", "31"},
+       "SLT_IND FROM PRIMITIVE_BANDWIDTHRX", "31"},
+      {db_updateBandWidthSlotRx, {"pk", "6", "33"}, "SLOT6 FROM BANDWIDTHRX1", "33"},
+      {db_updateRxSlotDefaultValue, {"pk", "2", "3"}, "SLOT2 FROM BANDWIDTHRX1", "0"},
+      {db_updatePrimitiveBandWidthTx, {"pk", "LAN", "1700009600", "32"},
+       "SLT_IND FROM PRIMITIVE_BANDWIDTHTX", "32"},
+      {db_updateBandWidthSlotTx, {"pk", "6", "44"}, "SLOT6 FROM BANDWIDTHTX1", "44"},
+      {db_updateTxSlotDefaultValue, {"pk", "2", "3"}, "SLOT2 FROM BANDWIDTHTX1", "0"},
+  };
+  for (const Case &c : cases) {
+    Values values = c.values;
+    ASSERT_EQ(whileBusy([&] { return c.write(values.data()); }), DB_STATUS_BUSY) << c.query;
+  }
+  ASSERT_EQ(queueCount, 9);
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS) << log().dump();
+  for (const Case &c : cases) {
+    EXPECT_EQ(raw().scalar(std::string("SELECT ") + c.query + " WHERE MAC_S='pk'"), c.expected)
+        << c.query;
+  }
+}
+
 TEST_F(Series, SpansInsideADayAcrossDaysAcrossTheWrapAndPastAMissingDay) {
   everyDay("aa:03", "LAN");
   for (int32_t slot : {100, 101, 102, 600, 2014, 2015, 2016, 1, 2, 3}) {
