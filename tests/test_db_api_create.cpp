@@ -1,5 +1,5 @@
 // The analytics schema as the database file holds it: the catalogue tables, the day tables with
-// their slot columns and foreign keys, the upgrade of older tables, the refusals, slot arithmetic.
+// their slot columns and foreign keys, the upgrade of older tables, and the refusals.
 #include <sqlite3.h>
 
 #include <filesystem>

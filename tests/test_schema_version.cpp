@@ -29,43 +29,32 @@ class Version : public adbtest::ApiTest {
 
 }  // namespace
 
-TEST_F(Version, ANewFileIsVersion0AndNoRiseChangesNothing) {
-  EXPECT_EQ(stored(), 0);
-  EXPECT_EQ(db_setDBVersion(3, 3), DB_STATUS_SUCCESS);
-  EXPECT_EQ(db_setDBVersion(4, 2), DB_STATUS_SUCCESS);
-  EXPECT_EQ(alterSchema, 0);
-  EXPECT_TRUE(log().has(
-      RYX_LOG_INFO,
-      "[analyticsDB] No DB version change/ lesser version change currVer [4] newVer [2]\n"));
-  EXPECT_EQ(bands(), "Auto,2.4GHz,5GHz,6GHz");
-  EXPECT_EQ(portable(), "null,0,null,1");
-
-  // A failed read leaves the caller's value alone.
-  raw().exec("DROP TABLE DEVICEINFO");
-  EXPECT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
-  ASSERT_EQ(db_setDatabasePath((tempDir_ + "/no/such/dir.db").c_str()), DB_STATUS_SUCCESS);
-  int32_t version = 42;
-  EXPECT_EQ(db_readDBVersion(&version), DB_STATUS_OPEN_FAILED);
-  EXPECT_EQ(version, 42);
-}
-
-TEST_F(Version, RisesFromVersions1And2TranslateBandsAndEveryRiseFillsPortable) {
+TEST_F(Version, RisesTranslateBandsFromVersions1And2AndFillPortableOtherChangesDoNothing) {
+  const char *kept = "Auto,2.4GHz,5GHz,6GHz";
   const struct {
     int32_t from, to;
-    const char *bands;
-  } rises[] = {{1, 4, "NA,2.4,5,6GHz"}, {2, 4, "NA,2.4,5,6GHz"},  // translated
-               {0, 1, "Auto,2.4GHz,5GHz,6GHz"}, {3, 4, "Auto,2.4GHz,5GHz,6GHz"}};
-  for (const auto &rise : rises) {
+    const char *bands, *portable;
+    uint8_t alters;
+  } changes[] = {{3, 3, kept, "null,0,null,1", 0},
+                 {4, 2, kept, "null,0,null,1", 0},
+                 {1, 4, "NA,2.4,5,6GHz", "1,0,1,1", 1},
+                 {2, 4, "NA,2.4,5,6GHz", "1,0,1,1", 1},
+                 {0, 1, kept, "1,0,1,1", 1},
+                 {3, 4, kept, "1,0,1,1", 1}};
+  for (const auto &change : changes) {
+    SCOPED_TRACE(std::to_string(change.from) + " to " + std::to_string(change.to));
     raw().exec(
         "UPDATE DEVICEINFO SET PREFERRED_BAND_S = CASE MAC_S WHEN 'a' THEN 'Auto' "
         "WHEN 'b' THEN '2.4GHz' WHEN 'c' THEN '5GHz' ELSE '6GHz' END, "
         "PORTABLE = CASE MAC_S WHEN 'b' THEN 0 WHEN 'd' THEN 1 END");
     alterSchema = 0;
-    EXPECT_EQ(db_setDBVersion(rise.from, rise.to), DB_STATUS_SUCCESS);
-    EXPECT_EQ(alterSchema, 1);
-    EXPECT_EQ(bands(), rise.bands) << rise.from;
-    EXPECT_EQ(portable(), "1,0,1,1") << rise.from;
+    EXPECT_EQ(db_setDBVersion(change.from, change.to), DB_STATUS_SUCCESS);
+    EXPECT_EQ(alterSchema, change.alters);
+    EXPECT_EQ(bands(), change.bands);
+    EXPECT_EQ(portable(), change.portable);
   }
+  EXPECT_TRUE(
+      logged(RYX_LOG_INFO, "No DB version change/ lesser version change currVer [4] newVer [2]\n"));
   EXPECT_TRUE(logged(RYX_LOG_NOTICE, "DB translations for old version [2] completed."));
   EXPECT_TRUE(log().has(RYX_LOG_NOTICE, "DB :Portable Default setting on migration done\n"));
   EXPECT_TRUE(logged(RYX_LOG_INFO, "DB translations not needed for old version [0]"));
@@ -77,7 +66,8 @@ TEST_F(Version, RisesFromVersions1And2TranslateBandsAndEveryRiseFillsPortable) {
   EXPECT_TRUE(log().has(RYX_LOG_ERROR, "DB :Portable Default setting on migration failed\n"));
 }
 
-TEST_F(Version, StoringGoesThroughTheQueue) {
+TEST_F(Version, ANewFileIsVersion0AndStoringGoesThroughTheQueue) {
+  EXPECT_EQ(stored(), 0);
   EXPECT_EQ(db_updateDBVersion(5), DB_STATUS_SUCCESS);
   EXPECT_EQ(stored(), 5);
   EXPECT_EQ(raw().scalar("PRAGMA user_version"), "5");
@@ -97,6 +87,13 @@ TEST_F(Version, StoringGoesThroughTheQueue) {
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
   EXPECT_EQ(queueCount, 0);
   EXPECT_TRUE(logged(RYX_LOG_ERROR,
-                     "Queue: dropped func[0] Table[VERSION] "
-                     "Key[NULL]: its values give no statement\n"));
+                     "Queue: dropped func[0] Table[VERSION] Key[NULL]: its values give no "
+                     "statement\n"));
+
+  // A failed read leaves the caller's value alone.
+  EXPECT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
+  ASSERT_EQ(db_setDatabasePath((tempDir_ + "/no/such/dir.db").c_str()), DB_STATUS_SUCCESS);
+  int32_t version = 42;
+  EXPECT_EQ(db_readDBVersion(&version), DB_STATUS_OPEN_FAILED);
+  EXPECT_EQ(version, 42);
 }

@@ -1,5 +1,5 @@
 // The sample series: slot arithmetic, slot writes, single values, spans across the week's wrap,
-// week reads, and the statement cache through a week of ticks.
+// week reads, and the statement cache through eight days of ticks.
 #include <algorithm>
 #include <functional>
 #include <memory>
