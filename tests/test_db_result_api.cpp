@@ -64,42 +64,6 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
   db_freeDeviceInfoResult(&list, 2);
   EXPECT_EQ(list, nullptr);
 
-  const std::string id60(60, 'i');
-  Values mesh{"MAC_S", "ID_S", "PARENTID_S", "IPADDR_S", "ROLE_S", "OPERMODE_S",
-              "BACKHAULINTFTYPE_S", "STATUS_S", "HEALTHSTATUS_S",
-              // One row; texts are cut to their fields.
-              "00:11:22:33:44:55", id60.c_str(), "parent", "10.0.0.2", "Satellite", "Router",
-              "Ethernet-2.5G", "Online", "Good"};
-  MeshTopoRecord **meshList = nullptr;
-  ASSERT_EQ(db_structMeshTopo(mesh.data(), &meshList, 1, 9), 0);
-  const MeshTopoRecord &m = *meshList[0];
-  EXPECT_EQ((Texts{m.mac, m.id, m.parentId, m.ipAddr, m.role, m.operMode, m.backhaulIntfType,
-                   m.status, m.healthStatus}),
-            (Texts{"00:11:22:33:44:55", std::string(47, 'i'), "parent", "10.0.0.2", "Satelli",
-                   "Router", "Ethernet-2.5G", "Online", "Good"}));
-  db_freeMeshTopoResult(&meshList, 1);
-
-  Values clients{"MAC_S", "ASSOC_BSSID_S", "ASSOC_MEDIUM_S", "CAP_BSS_TRANS", "CAP_FAST_BSS_TRANS",
-                 "CAP_RADIO_MEASURE", "CAP_24GHZ", "CAP_5GHZ", "CATEGORY_S", "TYPE_S", "MIMO_S",
-                 "VENDOR_MFG_S", "VENDOR_MNAME_S", "VENDOR_MNUMBER_S", "VENDOR_DNAME_S",
-                 "CAP_MODE_S", "CAP_24CSA", "CAP_24ECSA", "CAP_5CSA", "CAP_5ECSA", "CAP_DFS",
-                 "ISTAVEXFPDONE", "CAP_24GHZN", "CAP_5GHZAC",
-                 // One row, a value of its own per field.
-                 "c0:ff:ee", "bssid", "5GHz", "1", "2", "3", "4", "5", "Phone", "STA", "2x2", "mfg",
-                 "mname", "mnumber", "dname", "11ax", "6", "7", "8", "9", "10", "11", "12", "13"};
-  ClientCapabilityRecord **clientList = nullptr;
-  ASSERT_EQ(db_structClientsCapability(clients.data(), &clientList, 1, 24), 0);
-  const ClientCapabilityRecord &c = *clientList[0];
-  EXPECT_EQ((Texts{c.mac, c.assocBssid, c.assocMedium, c.category, c.type, c.mimo, c.vendorMfg,
-                   c.vendorModelName, c.vendorModelNumber, c.vendorDeviceName, c.capMode}),
-            (Texts{"c0:ff:ee", "bssid", "5GHz", "Phone", "STA", "2x2", "mfg", "mname", "mnumber",
-                   "dname", "11ax"}));
-  EXPECT_EQ((Ints{c.capBssTrans, c.capFastBssTrans, c.capRadioMeasure, c.cap24Ghz, c.cap5Ghz,
-                  c.cap24Csa, c.cap24Ecsa, c.cap5Csa, c.cap5Ecsa, c.capDfs, c.isTavexFpDone,
-                  c.cap24GhzN, c.cap5GhzAc}),
-            (Ints{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13}));
-  db_freeClientsResult(&clientList, 1);
-
   Values thresholds{"DEVICECLASS_S", "DEVFILTERLEVEL", "STREAMINGTHRESHOLD", "INACTIVITYFILTER",
                     "RSSIGOODSTART", "RSSIGOODEND", "RSSIAVGSTART", "RSSIAVGEND", "RSSIBADSTART",
                     "RSSIBADEND", "LONGPOLLTHRESHOLD", "SHORTPOLLTHRESHOLD", "VERSION",
@@ -120,41 +84,16 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
   EXPECT_FLOAT_EQ(t.version, 2.5f);
   db_freeDeviceThresholdResult(&thresholdList, 1);
 
-  Values subscribers{"DOWNSTREAMBANDWIDTH", "SERIALNUMBER_S",
-                     // Two rows; text that is no number reads as 0.
-                     "1000", "SN-0123456789", "abc", nullptr};
-  SubscriberInfoRecord **subscriberList = nullptr;
-  ASSERT_EQ(db_structSubscriberInfo(subscribers.data(), &subscriberList, 2, 2), 0);
-  EXPECT_STREQ(subscriberList[0]->serialNumber, "SN-012345678");
-  EXPECT_EQ(subscriberList[0]->downstreamBandwidth, 1000);
-  EXPECT_STREQ(subscriberList[1]->serialNumber, "");
-  EXPECT_EQ(subscriberList[1]->downstreamBandwidth, 0);  // non-numeric text reads as 0
-  db_freeSubscriberInfoResult(&subscriberList, 2);
-
-  Values stamps{"MAC_S", "DEVTIMESTAMP", "ACTIVE", "INTF_NAME_S",
-                // One row.
-                "aa:bb", "5000000000.5", "1", "wl1.2-backhaul-long"};
-  DeviceTimestampRecord **stampList = nullptr;
-  ASSERT_EQ(db_readTimestampResult(stamps.data(), &stampList, 1, 4), 0);
-  EXPECT_STREQ(stampList[0]->mac, "aa:bb");
-  EXPECT_EQ(stampList[0]->devTimestamp, 4294967295ull);  // a 64-bit field, 32-bit conversion
-  EXPECT_EQ(stampList[0]->active, 1);
-  EXPECT_STREQ(stampList[0]->intfName, "wl1.2-backhaul-");
-  db_freeDpClientHandleResult(&stampList, 1);
-
   Values primitive{"MAC_S", "TIMESTAMP", "SLT_IND", "SOURCE_S",
-                   // Two rows.
-                   "aa:bb", "1700000000", "288", "WAN-source-long-text", "cc:dd", "17", "-1",
-                   nullptr};
+                   // One row.
+                   "aa:bb", "1700000000", "288", "WAN-source-long-text"};
   PrimitiveDayTableRecord **primitiveList = nullptr;
-  ASSERT_EQ(db_structPrimitiveDayTable(primitive.data(), &primitiveList, 2, 4), 0);
-  EXPECT_STREQ(primitiveList[0]->mac, "aa:bb");
-  EXPECT_EQ(primitiveList[0]->timestamp, 1700000000u);
-  EXPECT_EQ(primitiveList[0]->slotIndex, 288);
-  EXPECT_STREQ(primitiveList[0]->source, "WAN-source-long");
-  EXPECT_EQ(primitiveList[1]->slotIndex, -1);
-  EXPECT_STREQ(primitiveList[1]->source, "");
-  db_freePrimitiveDayTable(&primitiveList, 2);
+  ASSERT_EQ(db_structPrimitiveDayTable(primitive.data(), &primitiveList, 1, 4), 0);
+  const PrimitiveDayTableRecord &p = *primitiveList[0];
+  EXPECT_EQ((Texts{p.mac, p.source}), (Texts{"aa:bb", "WAN-source-long"}));
+  EXPECT_EQ(p.timestamp, 1700000000u);
+  EXPECT_EQ(p.slotIndex, 288);
+  db_freePrimitiveDayTable(&primitiveList, 1);
   EXPECT_EQ(primitiveList, nullptr);
   EXPECT_TRUE(log().lines().empty()) << log().dump();
 }
@@ -169,14 +108,10 @@ TEST_F(ResultApi, SlotRecordsPlaceSlotsByNumberOrByColumnOrder) {
   BandWidthRecord **weekList = nullptr;
   ASSERT_EQ(db_structBandWidth(week.data(), &weekList, 2, 8), 0);
   const BandWidthRecord &w = *weekList[0];
-  EXPECT_STREQ(w.mac, "aa:bb");
   EXPECT_EQ((Counts{w.slots[299], w.slots[0], w.slots[2015], w.slotCount, w.timestamp, w.startIndex,
                     w.endIndex}),
             (Counts{300, 1, 2016, 5, 1700000000, 0, 0}));
   EXPECT_EQ(w.slotIndex, 300);
-  uint64_t sum = 0;
-  for (uint64_t slot : w.slots) sum += slot;
-  EXPECT_EQ(sum, 300u + 1u + 2016u);
   EXPECT_EQ(weekList[1]->slots[0], 18446744073709551615ull);
   EXPECT_EQ(weekList[1]->slotCount, 5u);
   db_freeBandWidthResult(&weekList, 2);
@@ -188,7 +123,6 @@ TEST_F(ResultApi, SlotRecordsPlaceSlotsByNumberOrByColumnOrder) {
   RateRecord **dayList = nullptr;
   ASSERT_EQ(db_readRateStruct(day.data(), &dayList, 1, 6), 0);
   const RateRecord &r = *dayList[0];
-  EXPECT_STREQ(r.mac, "aa:bb");
   EXPECT_EQ((Counts{r.slots[0], r.slots[1], r.slots[2], r.slotCount, r.timestamp}),
             (Counts{289, 0, 291, 3, 1700000000}));
   EXPECT_EQ(r.slotIndex, 291);
@@ -209,7 +143,7 @@ TEST_F(ResultApi, SlotRecordsPlaceSlotsByNumberOrByColumnOrder) {
 
 namespace {
 
-// An empty result for each conversion, and a null list for its free function: the conversion
+// An empty result for a conversion, and a null list for its free function: the conversion
 // returns 2 and leaves the caller's list variable alone; both log with `level`, the conversion
 // as `label` and the free function as "<freed> struct is already NULL<end>".
 template <typename Record>
@@ -245,25 +179,11 @@ void expectEmptyAndNull(adbtest::LogCapture &log, const char *label, int level,
 TEST_F(ResultApi, EmptyResultsAndNullListsAreReportedWithTheirOwnMessages) {
   expectEmptyAndNull(log(), "Meshtopo", RYX_LOG_ERROR, db_structMeshTopo, db_freeMeshTopoResult,
                      "Meshtopo struct is already NULL \n");
-  expectEmptyAndNull(log(), "DeviceInfo", RYX_LOG_ERROR, db_structDeviceInfo,
-                     db_freeDeviceInfoResult, "DeviceInfo struct is already NULL\n");
+  // The client capability lines are debug lines.
   expectEmptyAndNull(log(), "clients", RYX_LOG_DEBUG, db_structClientsCapability,
                      db_freeClientsResult, "Client capability struct is already NULL \n");
-  expectEmptyAndNull(log(), "DeviceThreshold", RYX_LOG_ERROR, db_structDeviceThreshold,
-                     db_freeDeviceThresholdResult, "DeviceThreshold struct is already NULL\n");
-  expectEmptyAndNull(log(), "SubscriberInfo", RYX_LOG_ERROR, db_structSubscriberInfo,
-                     db_freeSubscriberInfoResult, "SubscriberInfo struct is already NULL\n");
-  expectEmptyAndNull(log(), "DeviceTimestamp", RYX_LOG_ERROR, db_readTimestampResult,
-                     db_freeDpClientHandleResult, "DeviceTimestamp struct is already NULL\n");
-  expectEmptyAndNull(log(), "primtive bandwidth", RYX_LOG_ERROR, db_structPrimitiveDayTable,
-                     db_freePrimitiveDayTable, "primitive bandwidth tbl struct is already NULL\n");
-  expectEmptyAndNull(log(), "BandWidth", RYX_LOG_ERROR, db_structBandWidth, db_freeBandWidthResult,
-                     "BandWidth struct is already NULL\n");
   expectEmptyAndNull(log(), "perday", RYX_LOG_ERROR, db_readRateStruct, db_freeRateResult,
                      "Bandwidth per day struct is already NULL\n");
-  // The lines name the exported function that was called.
-  ASSERT_FALSE(log().lines().empty());
-  EXPECT_EQ(log().lines().back().where(), "db_result_api db_freeRateResult");
   // A list variable the caller did not give cannot take a list.
   Values header{"MAC_S", "aa:bb"};
   EXPECT_EQ(db_structMeshTopo(header.data(), nullptr, 1, 1), 1);
