@@ -64,6 +64,42 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
   db_freeDeviceInfoResult(&list, 2);
   EXPECT_EQ(list, nullptr);
 
+  const std::string id60(60, 'i');
+  Values mesh{"MAC_S", "ID_S", "PARENTID_S", "IPADDR_S", "ROLE_S", "OPERMODE_S",
+              "BACKHAULINTFTYPE_S", "STATUS_S", "HEALTHSTATUS_S",
+              // One row; texts are cut to their fields.
+              "00:11:22:33:44:55", id60.c_str(), "parent", "10.0.0.2", "Satellite", "Router",
+              "Ethernet-2.5G", "Online", "Good"};
+  MeshTopoRecord **meshList = nullptr;
+  ASSERT_EQ(db_structMeshTopo(mesh.data(), &meshList, 1, 9), 0);
+  const MeshTopoRecord &m = *meshList[0];
+  EXPECT_EQ((Texts{m.mac, m.id, m.parentId, m.ipAddr, m.role, m.operMode, m.backhaulIntfType,
+                   m.status, m.healthStatus}),
+            (Texts{"00:11:22:33:44:55", std::string(47, 'i'), "parent", "10.0.0.2", "Satelli",
+                   "Router", "Ethernet-2.5G", "Online", "Good"}));
+  db_freeMeshTopoResult(&meshList, 1);
+
+  Values clients{"MAC_S", "ASSOC_BSSID_S", "ASSOC_MEDIUM_S", "CAP_BSS_TRANS", "CAP_FAST_BSS_TRANS",
+                 "CAP_RADIO_MEASURE", "CAP_24GHZ", "CAP_5GHZ", "CATEGORY_S", "TYPE_S", "MIMO_S",
+                 "VENDOR_MFG_S", "VENDOR_MNAME_S", "VENDOR_MNUMBER_S", "VENDOR_DNAME_S",
+                 "CAP_MODE_S", "CAP_24CSA", "CAP_24ECSA", "CAP_5CSA", "CAP_5ECSA", "CAP_DFS",
+                 "ISTAVEXFPDONE", "CAP_24GHZN", "CAP_5GHZAC",
+                 // One row, a value of its own per field.
+                 "c0:ff:ee", "bssid", "5GHz", "1", "2", "3", "4", "5", "Phone", "STA", "2x2", "mfg",
+                 "mname", "mnumber", "dname", "11ax", "6", "7", "8", "9", "10", "11", "12", "13"};
+  ClientCapabilityRecord **clientList = nullptr;
+  ASSERT_EQ(db_structClientsCapability(clients.data(), &clientList, 1, 24), 0);
+  const ClientCapabilityRecord &c = *clientList[0];
+  EXPECT_EQ((Texts{c.mac, c.assocBssid, c.assocMedium, c.category, c.type, c.mimo, c.vendorMfg,
+                   c.vendorModelName, c.vendorModelNumber, c.vendorDeviceName, c.capMode}),
+            (Texts{"c0:ff:ee", "bssid", "5GHz", "Phone", "STA", "2x2", "mfg", "mname", "mnumber",
+                   "dname", "11ax"}));
+  EXPECT_EQ((Ints{c.capBssTrans, c.capFastBssTrans, c.capRadioMeasure, c.cap24Ghz, c.cap5Ghz,
+                  c.cap24Csa, c.cap24Ecsa, c.cap5Csa, c.cap5Ecsa, c.capDfs, c.isTavexFpDone,
+                  c.cap24GhzN, c.cap5GhzAc}),
+            (Ints{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13}));
+  db_freeClientsResult(&clientList, 1);
+
   Values thresholds{"DEVICECLASS_S", "DEVFILTERLEVEL", "STREAMINGTHRESHOLD", "INACTIVITYFILTER",
                     "RSSIGOODSTART", "RSSIGOODEND", "RSSIAVGSTART", "RSSIAVGEND", "RSSIBADSTART",
                     "RSSIBADEND", "LONGPOLLTHRESHOLD", "SHORTPOLLTHRESHOLD", "VERSION",
@@ -143,7 +179,7 @@ TEST_F(ResultApi, SlotRecordsPlaceSlotsByNumberOrByColumnOrder) {
 
 namespace {
 
-// An empty result for a conversion, and a null list for its free function: the conversion
+// An empty result for each conversion, and a null list for its free function: the conversion
 // returns 2 and leaves the caller's list variable alone; both log with `level`, the conversion
 // as `label` and the free function as "<freed> struct is already NULL<end>".
 template <typename Record>
@@ -179,11 +215,25 @@ void expectEmptyAndNull(adbtest::LogCapture &log, const char *label, int level,
 TEST_F(ResultApi, EmptyResultsAndNullListsAreReportedWithTheirOwnMessages) {
   expectEmptyAndNull(log(), "Meshtopo", RYX_LOG_ERROR, db_structMeshTopo, db_freeMeshTopoResult,
                      "Meshtopo struct is already NULL \n");
-  // The client capability lines are debug lines.
+  expectEmptyAndNull(log(), "DeviceInfo", RYX_LOG_ERROR, db_structDeviceInfo,
+                     db_freeDeviceInfoResult, "DeviceInfo struct is already NULL\n");
   expectEmptyAndNull(log(), "clients", RYX_LOG_DEBUG, db_structClientsCapability,
                      db_freeClientsResult, "Client capability struct is already NULL \n");
+  expectEmptyAndNull(log(), "DeviceThreshold", RYX_LOG_ERROR, db_structDeviceThreshold,
+                     db_freeDeviceThresholdResult, "DeviceThreshold struct is already NULL\n");
+  expectEmptyAndNull(log(), "SubscriberInfo", RYX_LOG_ERROR, db_structSubscriberInfo,
+                     db_freeSubscriberInfoResult, "SubscriberInfo struct is already NULL\n");
+  expectEmptyAndNull(log(), "DeviceTimestamp", RYX_LOG_ERROR, db_readTimestampResult,
+                     db_freeDpClientHandleResult, "DeviceTimestamp struct is already NULL\n");
+  expectEmptyAndNull(log(), "primtive bandwidth", RYX_LOG_ERROR, db_structPrimitiveDayTable,
+                     db_freePrimitiveDayTable, "primitive bandwidth tbl struct is already NULL\n");
+  expectEmptyAndNull(log(), "BandWidth", RYX_LOG_ERROR, db_structBandWidth, db_freeBandWidthResult,
+                     "BandWidth struct is already NULL\n");
   expectEmptyAndNull(log(), "perday", RYX_LOG_ERROR, db_readRateStruct, db_freeRateResult,
                      "Bandwidth per day struct is already NULL\n");
+  // The lines name the exported function that was called.
+  ASSERT_FALSE(log().lines().empty());
+  EXPECT_EQ(log().lines().back().where(), "db_result_api db_freeRateResult");
   // A list variable the caller did not give cannot take a list.
   Values header{"MAC_S", "aa:bb"};
   EXPECT_EQ(db_structMeshTopo(header.data(), nullptr, 1, 1), 1);
