@@ -120,6 +120,28 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
   EXPECT_FLOAT_EQ(t.version, 2.5f);
   db_freeDeviceThresholdResult(&thresholdList, 1);
 
+  Values subscribers{"DOWNSTREAMBANDWIDTH", "SERIALNUMBER_S",
+                     // Two rows; text that is no number reads as 0.
+                     "1000", "SN-0123456789", "abc", nullptr};
+  SubscriberInfoRecord **subscriberList = nullptr;
+  ASSERT_EQ(db_structSubscriberInfo(subscribers.data(), &subscriberList, 2, 2), 0);
+  EXPECT_STREQ(subscriberList[0]->serialNumber, "SN-012345678");
+  EXPECT_EQ(subscriberList[0]->downstreamBandwidth, 1000);
+  EXPECT_STREQ(subscriberList[1]->serialNumber, "");
+  EXPECT_EQ(subscriberList[1]->downstreamBandwidth, 0);  // non-numeric text reads as 0
+  db_freeSubscriberInfoResult(&subscriberList, 2);
+
+  Values stamps{"MAC_S", "DEVTIMESTAMP", "ACTIVE", "INTF_NAME_S",
+                // One row.
+                "aa:bb", "5000000000.5", "1", "wl1.2-backhaul-long"};
+  DeviceTimestampRecord **stampList = nullptr;
+  ASSERT_EQ(db_readTimestampResult(stamps.data(), &stampList, 1, 4), 0);
+  EXPECT_STREQ(stampList[0]->mac, "aa:bb");
+  EXPECT_EQ(stampList[0]->devTimestamp, 4294967295ull);  // a 64-bit field, 32-bit conversion
+  EXPECT_EQ(stampList[0]->active, 1);
+  EXPECT_STREQ(stampList[0]->intfName, "wl1.2-backhaul-");
+  db_freeDpClientHandleResult(&stampList, 1);
+
   Values primitive{"MAC_S", "TIMESTAMP", "SLT_IND", "SOURCE_S",
                    // One row.
                    "aa:bb", "1700000000", "288", "WAN-source-long-text"};
