@@ -143,18 +143,15 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
   db_freeDpClientHandleResult(&stampList, 1);
 
   Values primitive{"MAC_S", "TIMESTAMP", "SLT_IND", "SOURCE_S",
-                   // Two rows.
-                   "aa:bb", "1700000000", "288", "WAN-source-long-text", "cc:dd", "17", "-1",
-                   nullptr};
+                   // One row.
+                   "aa:bb", "1700000000", "288", "WAN-source-long-text"};
   PrimitiveDayTableRecord **primitiveList = nullptr;
-  ASSERT_EQ(db_structPrimitiveDayTable(primitive.data(), &primitiveList, 2, 4), 0);
-  EXPECT_STREQ(primitiveList[0]->mac, "aa:bb");
-  EXPECT_EQ(primitiveList[0]->timestamp, 1700000000u);
-  EXPECT_EQ(primitiveList[0]->slotIndex, 288);
-  EXPECT_STREQ(primitiveList[0]->source, "WAN-source-long");
-  EXPECT_EQ(primitiveList[1]->slotIndex, -1);
-  EXPECT_STREQ(primitiveList[1]->source, "");
-  db_freePrimitiveDayTable(&primitiveList, 2);
+  ASSERT_EQ(db_structPrimitiveDayTable(primitive.data(), &primitiveList, 1, 4), 0);
+  const PrimitiveDayTableRecord &p = *primitiveList[0];
+  EXPECT_EQ((Texts{p.mac, p.source}), (Texts{"aa:bb", "WAN-source-long"}));
+  EXPECT_EQ(p.timestamp, 1700000000u);
+  EXPECT_EQ(p.slotIndex, 288);
+  db_freePrimitiveDayTable(&primitiveList, 1);
   EXPECT_EQ(primitiveList, nullptr);
   EXPECT_TRUE(log().lines().empty()) << log().dump();
 }
@@ -169,14 +166,10 @@ TEST_F(ResultApi, SlotRecordsPlaceSlotsByNumberOrByColumnOrder) {
   BandWidthRecord **weekList = nullptr;
   ASSERT_EQ(db_structBandWidth(week.data(), &weekList, 2, 8), 0);
   const BandWidthRecord &w = *weekList[0];
-  EXPECT_STREQ(w.mac, "aa:bb");
   EXPECT_EQ((Counts{w.slots[299], w.slots[0], w.slots[2015], w.slotCount, w.timestamp, w.startIndex,
                     w.endIndex}),
             (Counts{300, 1, 2016, 5, 1700000000, 0, 0}));
   EXPECT_EQ(w.slotIndex, 300);
-  uint64_t sum = 0;
-  for (uint64_t slot : w.slots) sum += slot;
-  EXPECT_EQ(sum, 300u + 1u + 2016u);
   EXPECT_EQ(weekList[1]->slots[0], 18446744073709551615ull);
   EXPECT_EQ(weekList[1]->slotCount, 5u);
   db_freeBandWidthResult(&weekList, 2);
@@ -188,7 +181,6 @@ TEST_F(ResultApi, SlotRecordsPlaceSlotsByNumberOrByColumnOrder) {
   RateRecord **dayList = nullptr;
   ASSERT_EQ(db_readRateStruct(day.data(), &dayList, 1, 6), 0);
   const RateRecord &r = *dayList[0];
-  EXPECT_STREQ(r.mac, "aa:bb");
   EXPECT_EQ((Counts{r.slots[0], r.slots[1], r.slots[2], r.slotCount, r.timestamp}),
             (Counts{289, 0, 291, 3, 1700000000}));
   EXPECT_EQ(r.slotIndex, 291);
