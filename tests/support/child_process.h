@@ -84,10 +84,9 @@ class Children {
   // Forks a child that runs `body(reportFd, goFd)`, which ends it with _exit; false when a
   // pipe or the fork failed.
   bool start(const std::function<void(int reportFd, int goFd)> &body) {
-    int report[2], go[2];
-    if (pipe(report) != 0) return false;
-    if (pipe(go) != 0) {
-      close(report[0]);
+    int report[2] = {-1, -1}, go[2];
+    if (pipe(report) != 0 || pipe(go) != 0) {
+      close(report[0]);  // -1 when it was the first pipe that failed
       close(report[1]);
       return false;
     }

@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <deque>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -99,7 +100,7 @@ class BusyHolder {
   void release();
 
  private:
-  sqlite3 *db_ = nullptr;
+  std::optional<RawDb> db_;
 };
 
 class DbTest : public ::testing::Test {
@@ -140,7 +141,7 @@ class Values {
 
  private:
   void add(const char *value);
-  std::vector<std::string> storage_;
+  std::deque<std::string> storage_;  // grows without moving the texts pointers_ point into
   std::vector<char *> pointers_;
 };
 
