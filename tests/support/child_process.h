@@ -14,15 +14,10 @@
 
 namespace adbtest {
 
-// False when the pipe closed before every byte went.
+// False when the pipe closed before every byte went: a blocking write to a pipe returns only
+// when all of it went.
 inline bool sendBytes(int fd, const void *data, size_t size) {
-  for (const char *bytes = static_cast<const char *>(data); size > 0;) {
-    ssize_t sent = write(fd, bytes, size);
-    if (sent <= 0) return false;
-    bytes += sent;
-    size -= static_cast<size_t>(sent);
-  }
-  return true;
+  return write(fd, data, size) == static_cast<ssize_t>(size);
 }
 
 enum class Received { kAll, kEnd, kTimeout };

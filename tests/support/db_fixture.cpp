@@ -3,7 +3,6 @@
 
 #include <sqlite3.h>
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -83,10 +82,7 @@ int RawDb::tryExec(const std::string &sql) {
 }
 
 void RawDb::exec(const std::string &sql) {
-  char *message = nullptr;
-  int result = sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &message);
-  EXPECT_EQ(result, SQLITE_OK) << sql << ": " << (message != nullptr ? message : "");
-  sqlite3_free(message);
+  EXPECT_EQ(tryExec(sql), SQLITE_OK) << sql << ": " << sqlite3_errmsg(db_);
 }
 
 Rows RawDb::query(const std::string &sql, const std::vector<std::string> &parameters) {
@@ -127,8 +123,7 @@ std::vector<std::string> RawDb::columns(const std::string &table) {
 }
 
 bool RawDb::tableExists(const std::string &table) {
-  return scalar("SELECT count(*) FROM sqlite_master WHERE type='table' AND name='" + table +
-                "'") == Cell("1");
+  return !query("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ?", {table}).empty();
 }
 
 BusyHolder::BusyHolder(const std::string &path) : db_(std::in_place, path) {
