@@ -23,6 +23,10 @@ constexpr const char *kOtherMac = "66:55:44:33:22:11";
 // The first is the test device, whose row the fixture sets up.
 constexpr const char *kTransactionMacs[] = {"11:22:33:44:55:66", "22:22:33:44:55:66",
                                             "33:22:33:44:55:66"};
+// Their names in that order (the other device's row left out).
+constexpr const char *kTransactionNames =
+    "SELECT group_concat(FRIENDLYNAME_S, ',') FROM (SELECT FRIENDLYNAME_S FROM DEVICEINFO "
+    "WHERE MAC_S LIKE '%:22:33:44:55:66' ORDER BY MAC_S)";
 
 class IoFaultTest : public adbtest::FaultTest {
  protected:
@@ -72,20 +76,12 @@ TEST_F(IoFaultTest, ATransactionThatSqliteRolledBackRefusesWritesUntilItsCommit)
   EXPECT_EQ(db_beginTransaction(), DB_STATUS_SUCCESS);
   EXPECT_EQ(writeName("First", kTransactionMacs[0]), DB_STATUS_SUCCESS);
   EXPECT_EQ(db_commitTransaction(), DB_STATUS_SUCCESS);
-  EXPECT_EQ(raw().scalar("SELECT group_concat(FRIENDLYNAME_S, ',') FROM "
-                         "(SELECT FRIENDLYNAME_S FROM DEVICEINFO ORDER BY MAC_S)"),
-            Cell("First,Third"));
+  EXPECT_EQ(raw().scalar(kTransactionNames), Cell("First,Third"));
 
   // Closing the connection ends a transaction too: nothing is refused after a reopen.
   ASSERT_EQ(db_beginTransaction(), DB_STATUS_SUCCESS);
   ASSERT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
   EXPECT_EQ(writeName("Second", kTransactionMacs[1]), DB_STATUS_SUCCESS);
-}
-
-TEST_F(IoFaultTest, InventoryWritesFailWholeAndLeaveTheOldOrTheNewRow) {
-  for (const NameWrite &write : kNameWrites) {
-    failEveryWriteAndSync(writePlan(write, {DB_STATUS_FAILURE}), write.what);
-  }
 }
 
 TEST_F(IoFaultTest, SampleWritesLeaveEachRowOldOrNew) {
@@ -95,7 +91,6 @@ TEST_F(IoFaultTest, SampleWritesLeaveEachRowOldOrNew) {
   ASSERT_EQ(db_createRssiTab(2, 288), DB_STATUS_SUCCESS);
   // The device's latest sample is slot 288 (day 1); the new one opens day 2. A sample is two
   // statements, the index row and then the slot, so each of the two rows is judged on its own.
-  const std::string mac = std::string(" WHERE MAC_S = '") + kMac + "'";
   failEveryWriteAndSync(
       {.prepare =
            [&] {
@@ -112,17 +107,16 @@ TEST_F(IoFaultTest, SampleWritesLeaveEachRowOldOrNew) {
        .allowed = {DB_STATUS_FAILURE},
        .outcomes = {"1000/288 40 <none>", "1300/289 40 <none>", "1000/288 40 55", "1300/289 40 55"},
        .committed = "1300/289 40 55",
-       .observe =
-           [&](RawDb &db) {
-             return db.scalar("SELECT TIMESTAMP || '/' || SLT_IND FROM PRIMITIVE_RSSI" + mac)
-                        .value_or("<none>") +
-                    " " + db.scalar("SELECT SLOT288 FROM RSSI1" + mac).value_or("<none>") + " " +
-                    db.scalar("SELECT SLOT289 FROM RSSI2" + mac).value_or("<none>");
-           }},
+       .observe = adbtest::stateOf(
+           "SELECT (SELECT TIMESTAMP || '/' || SLT_IND FROM PRIMITIVE_RSSI) || ' ' || "
+           "(SELECT SLOT288 FROM RSSI1) || ' ' || ifnull((SELECT SLOT289 FROM RSSI2), '<none>')")},
       "sample");
 }
 
-TEST_F(IoFaultTest, TransactionsCommitAllTheirWritesOrNone) {
+TEST_F(IoFaultTest, InventoryWritesAndTransactionsFailWholeAndLeaveTheOldOrTheNewRows) {
+  for (const NameWrite &write : kNameWrites) {
+    failEveryWriteAndSync(writePlan(write, {DB_STATUS_FAILURE}), write.what);
+  }
   // An update and two inserts between BEGIN and COMMIT; every step runs, as a caller that
   // checks the statuses only at the end would run them.
   failEveryWriteAndSync({.prepare = [&] { resetRow("Old name"); },
@@ -138,16 +132,9 @@ TEST_F(IoFaultTest, TransactionsCommitAllTheirWritesOrNone) {
                                return status != DB_STATUS_SUCCESS ? status : commit;
                              },
                          .allowed = {DB_STATUS_FAILURE},
-                         .outcomes = {"Old name,<none>,<none>", "New name,Second,Third"},
+                         .outcomes = {"Old name", "New name,Second,Third"},
                          .committed = "New name,Second,Third",
-                         .observe =
-                             [](RawDb &db) {
-                               std::string names;
-                               for (const char *mac : kTransactionMacs) {
-                                 names += (names.empty() ? "" : ",") + adbtest::nameOf(db, mac);
-                               }
-                               return names;
-                             }},
+                         .observe = adbtest::stateOf(kTransactionNames)},
                         "transaction");
 }
 

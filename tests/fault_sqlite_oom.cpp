@@ -9,7 +9,6 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <cstdlib>
 
 #include "support/fault_common.h"
 
@@ -39,7 +38,7 @@ TEST_F(SqliteOomTest, WritesReadsAndQueuedWritesEndInAStatusAndLeaveTheOldOrTheN
 
 int main(int argc, char **argv) {
   // Thousands of short transactions: on a memory file system their syncs cost nothing.
-  if (std::getenv("TMPDIR") == nullptr && access("/dev/shm", W_OK) == 0) {
+  if (getenv("TMPDIR") == nullptr && access("/dev/shm", W_OK) == 0) {
     setenv("TMPDIR", "/dev/shm", 1);
   }
   sqlite3_config(SQLITE_CONFIG_GETMALLOC, &gSystem);

@@ -14,15 +14,10 @@
 
 namespace adbtest {
 
-// False when the pipe closed before every byte went.
+// False when the pipe closed before every byte went: a blocking write to a pipe returns only
+// when all of it went.
 inline bool sendBytes(int fd, const void *data, size_t size) {
-  for (const char *bytes = static_cast<const char *>(data); size > 0;) {
-    ssize_t sent = write(fd, bytes, size);
-    if (sent <= 0) return false;
-    bytes += sent;
-    size -= static_cast<size_t>(sent);
-  }
-  return true;
+  return write(fd, data, size) == static_cast<ssize_t>(size);
 }
 
 enum class Received { kAll, kEnd, kTimeout };
@@ -84,10 +79,9 @@ class Children {
   // Forks a child that runs `body(reportFd, goFd)`, which ends it with _exit; false when a
   // pipe or the fork failed.
   bool start(const std::function<void(int reportFd, int goFd)> &body) {
-    int report[2], go[2];
-    if (pipe(report) != 0) return false;
-    if (pipe(go) != 0) {
-      close(report[0]);
+    int report[2] = {-1, -1}, go[2];
+    if (pipe(report) != 0 || pipe(go) != 0) {
+      close(report[0]);  // -1 when it was the first pipe that failed
       close(report[1]);
       return false;
     }

@@ -3,8 +3,8 @@
 
 #include <sqlite3.h>
 #include <stdlib.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <sstream>
 
@@ -12,6 +12,7 @@ namespace adbtest {
 
 namespace {
 constexpr std::string_view kPrefix = "analyticsDB: [";
+constexpr size_t npos = std::string::npos;
 
 // The tests' processes publish no queue counters in the host's stats folder; the test of the
 // publication names a folder of its own.
@@ -19,18 +20,13 @@ constexpr std::string_view kPrefix = "analyticsDB: [";
 }  // namespace
 
 std::string_view LogLine::message() const {
-  std::string_view view(text);
-  if (view.substr(0, kPrefix.size()) != kPrefix) return view;
-  size_t end = view.find("] ");
-  return end == std::string_view::npos ? view : view.substr(end + 2);
+  const size_t end = text.starts_with(kPrefix) ? text.find("] ") : npos;
+  return end == npos ? std::string_view(text) : std::string_view(text).substr(end + 2);
 }
 
 std::string LogLine::where() const {
-  std::string_view view(text);
-  if (view.substr(0, kPrefix.size()) != kPrefix) return {};
-  size_t colon = view.find(':', kPrefix.size());
-  if (colon == std::string_view::npos) return {};
-  return std::string(view.substr(kPrefix.size(), colon - kPrefix.size()));
+  const size_t colon = text.starts_with(kPrefix) ? text.find(':', kPrefix.size()) : npos;
+  return colon == npos ? std::string() : text.substr(kPrefix.size(), colon - kPrefix.size());
 }
 
 LogCapture::LogCapture(int level) {
@@ -50,21 +46,18 @@ void LogCapture::handle(int level, const char *line, void *user) {
 }
 
 size_t LogCapture::count(int level, std::string_view message) const {
-  size_t n = 0;
-  for (const LogLine &line : lines_) n += (line.level == level && line.message() == message);
-  return n;
+  return std::ranges::count_if(lines_, [&](const LogLine &line) {
+    return line.level == level && line.message() == message;
+  });
 }
 
 size_t LogCapture::countAt(int level) const {
-  size_t n = 0;
-  for (const LogLine &line : lines_) n += (line.level == level);
-  return n;
+  return std::ranges::count_if(lines_, [&](const LogLine &line) { return line.level == level; });
 }
 
 size_t LogCapture::countContaining(std::string_view part) const {
-  size_t n = 0;
-  for (const LogLine &line : lines_) n += (line.text.find(part) != std::string::npos);
-  return n;
+  return std::ranges::count_if(lines_,
+                               [&](const LogLine &line) { return line.text.find(part) != npos; });
 }
 
 std::string LogCapture::dump() const {
@@ -89,10 +82,7 @@ int RawDb::tryExec(const std::string &sql) {
 }
 
 void RawDb::exec(const std::string &sql) {
-  char *message = nullptr;
-  int result = sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &message);
-  EXPECT_EQ(result, SQLITE_OK) << sql << ": " << (message != nullptr ? message : "");
-  sqlite3_free(message);
+  EXPECT_EQ(tryExec(sql), SQLITE_OK) << sql << ": " << sqlite3_errmsg(db_);
 }
 
 Rows RawDb::query(const std::string &sql, const std::vector<std::string> &parameters) {
@@ -133,25 +123,18 @@ std::vector<std::string> RawDb::columns(const std::string &table) {
 }
 
 bool RawDb::tableExists(const std::string &table) {
-  return scalar("SELECT count(*) FROM sqlite_master WHERE type='table' AND name='" + table +
-                "'") == Cell("1");
+  return !query("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ?", {table}).empty();
 }
 
-BusyHolder::BusyHolder(const std::string &path) {
-  sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
-  char *message = nullptr;
-  int result = sqlite3_exec(db_, "BEGIN EXCLUSIVE", nullptr, nullptr, &message);
-  EXPECT_EQ(result, SQLITE_OK) << (message != nullptr ? message : "");
-  sqlite3_free(message);
+BusyHolder::BusyHolder(const std::string &path) : db_(std::in_place, path) {
+  db_->exec("BEGIN EXCLUSIVE");
 }
 
 BusyHolder::~BusyHolder() { release(); }
 
 void BusyHolder::release() {
-  if (db_ == nullptr) return;
-  sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr);
-  sqlite3_close_v2(db_);
-  db_ = nullptr;
+  if (db_) db_->tryExec("COMMIT");
+  db_.reset();
 }
 
 void DbTest::SetUp() {
@@ -205,22 +188,18 @@ RawDb &DbTest::raw() {
 }
 
 Values::Values(std::initializer_list<const char *> values) {
-  storage_.reserve(values.size());
   for (const char *value : values) add(value);
 }
 
 Values::Values(const std::vector<std::string> &values) {
-  storage_.reserve(values.size());
   for (const std::string &value : values) add(value.c_str());
 }
 
 Values::Values(const std::vector<Cell> &values) {
-  storage_.reserve(values.size());
   for (const Cell &value : values) add(value ? value->c_str() : nullptr);
 }
 
 void Values::add(const char *value) {
-  // Reserved up front: the pointers point into the stored strings.
   storage_.push_back(value != nullptr ? value : "");
   pointers_.push_back(value != nullptr ? storage_.back().data() : nullptr);
 }

@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <deque>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -39,8 +40,6 @@ class LogCapture {
  public:
   explicit LogCapture(int level = RYX_LOG_DEBUG);
   ~LogCapture();
-  LogCapture(const LogCapture &) = delete;
-  LogCapture &operator=(const LogCapture &) = delete;
 
   const std::vector<LogLine> &lines() const { return lines_; }
   void clear() { lines_.clear(); }
@@ -56,7 +55,9 @@ class LogCapture {
 
  private:
   static void handle(int level, const char *line, void *user);
-  std::mutex mutex_;  // the library may log from several threads at once
+  // The library may log from several threads at once; the mutex also keeps a capture, which the
+  // log hook points to, from being copied or moved.
+  std::mutex mutex_;
   std::vector<LogLine> lines_;
 };
 
@@ -94,12 +95,10 @@ class BusyHolder {
  public:
   explicit BusyHolder(const std::string &path);
   ~BusyHolder();
-  BusyHolder(const BusyHolder &) = delete;
-  BusyHolder &operator=(const BusyHolder &) = delete;
   void release();
 
  private:
-  sqlite3 *db_ = nullptr;
+  std::optional<RawDb> db_;  // holds the lock until released; not copyable, as RawDb is not
 };
 
 class DbTest : public ::testing::Test {
@@ -140,7 +139,7 @@ class Values {
 
  private:
   void add(const char *value);
-  std::vector<std::string> storage_;
+  std::deque<std::string> storage_;  // grows without moving the texts pointers_ point into
   std::vector<char *> pointers_;
 };
 

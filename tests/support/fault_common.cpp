@@ -4,6 +4,7 @@
 #include <sqlite3.h>
 
 #include <cstdio>
+#include <map>
 #include <vector>
 
 namespace adbtest {
@@ -133,8 +134,7 @@ FaultPlan FaultTest::replayPlan() {
               [this] {
                 db_freeQueue();
                 resetRow("Before");
-                BusyHolder busy(dbPath());
-                ASSERT_EQ(writeName("Replayed"), DB_STATUS_BUSY);
+                ASSERT_EQ(whileBusy([] { return writeName("Replayed"); }), DB_STATUS_BUSY);
               },
           .operation = db_processQueueEntry,
           .clean = 0,
@@ -166,64 +166,47 @@ sqlite3_vfs *gReal = nullptr;
 sqlite3_vfs gShim;
 ShimHooks gHooks;
 
-// The shim's file: its own header, then the wrapped VFS's file in the same block.
-struct ShimFile {
-  sqlite3_file base;
-  sqlite3_file *real;
+// What the shim keeps behind the default VFS's own file object, which it opens in place.
+struct Trailer {
+  const sqlite3_io_methods *real;
   const char *path;  // valid until xClose; null for temporary files
 };
-// Keeps the wrapped file aligned for its 64-bit members on every target.
-constexpr size_t kRealFileOffset = (sizeof(ShimFile) + 15) & ~static_cast<size_t>(15);
 
-sqlite3_file *realOf(sqlite3_file *file) { return reinterpret_cast<ShimFile *>(file)->real; }
-const sqlite3_io_methods *methodsOf(sqlite3_file *file) { return realOf(file)->pMethods; }
+// Aligned for the trailer's pointers on every target.
+size_t trailerOffset() { return (static_cast<size_t>(gReal->szOsFile) + 15) & ~size_t{15}; }
 
-// A method that hands its call on to the wrapped file.
-#define ADB_TO_FILE(method) \
-  [](sqlite3_file *f, auto... args) { return methodsOf(f)->method(realOf(f), args...); }
+Trailer *trailerOf(sqlite3_file *file) {
+  return reinterpret_cast<Trailer *>(reinterpret_cast<char *>(file) + trailerOffset());
+}
 
-// Version 2: without xFetch, every read goes through xRead.
-const sqlite3_io_methods kShimMethods = {
-    .iVersion = 2,
-    .xClose = ADB_TO_FILE(xClose),
-    .xRead = ADB_TO_FILE(xRead),
-    .xWrite =
-        [](sqlite3_file *f, const void *data, int amount, sqlite3_int64 offset) {
-          if (gHooks.writes != nullptr && gHooks.writes->strikes()) return SQLITE_IOERR_WRITE;
-          return methodsOf(f)->xWrite(realOf(f), data, amount, offset);
-        },
-    .xTruncate = ADB_TO_FILE(xTruncate),
-    .xSync =
-        [](sqlite3_file *f, int flags) {
-          if (gHooks.syncs != nullptr && gHooks.syncs->strikes()) return SQLITE_IOERR_FSYNC;
-          const int result = methodsOf(f)->xSync(realOf(f), flags);
-          if (result == SQLITE_OK && gHooks.synced != nullptr) {
-            gHooks.synced(reinterpret_cast<ShimFile *>(f)->path);
-          }
-          return result;
-        },
-    .xFileSize = ADB_TO_FILE(xFileSize),
-    .xLock = ADB_TO_FILE(xLock),
-    .xUnlock = ADB_TO_FILE(xUnlock),
-    .xCheckReservedLock = ADB_TO_FILE(xCheckReservedLock),
-    .xFileControl = ADB_TO_FILE(xFileControl),
-    .xSectorSize = ADB_TO_FILE(xSectorSize),
-    .xDeviceCharacteristics = ADB_TO_FILE(xDeviceCharacteristics),
-    .xShmMap = ADB_TO_FILE(xShmMap),
-    .xShmLock = ADB_TO_FILE(xShmLock),
-    .xShmBarrier = ADB_TO_FILE(xShmBarrier),
-    .xShmUnmap = ADB_TO_FILE(xShmUnmap),
-    .xFetch = nullptr,
-    .xUnfetch = nullptr,
-};
+int shimWrite(sqlite3_file *file, const void *data, int amount, sqlite3_int64 offset) {
+  if (gHooks.writes != nullptr && gHooks.writes->strikes()) return SQLITE_IOERR_WRITE;
+  return trailerOf(file)->real->xWrite(file, data, amount, offset);
+}
+
+int shimSync(sqlite3_file *file, int flags) {
+  if (gHooks.syncs != nullptr && gHooks.syncs->strikes()) return SQLITE_IOERR_FSYNC;
+  const int result = trailerOf(file)->real->xSync(file, flags);
+  if (result == SQLITE_OK && gHooks.synced != nullptr) gHooks.synced(trailerOf(file)->path);
+  return result;
+}
+
+// Each method table of the default VFS, with its writes and syncs going through the shim. Version
+// 2: without xFetch, every read goes through xRead.
+std::map<const sqlite3_io_methods *, sqlite3_io_methods> gMethods;
 
 int shimOpen(sqlite3_vfs *, sqlite3_filename name, sqlite3_file *file, int flags, int *outFlags) {
-  auto *shim = reinterpret_cast<ShimFile *>(file);
-  shim->base.pMethods = nullptr;  // SQLite closes only files whose open succeeded
-  shim->real = reinterpret_cast<sqlite3_file *>(reinterpret_cast<char *>(file) + kRealFileOffset);
-  shim->path = name;
-  const int result = gReal->xOpen(gReal, name, shim->real, flags, outFlags);
-  if (shim->real->pMethods != nullptr) shim->base.pMethods = &kShimMethods;
+  const int result = gReal->xOpen(gReal, name, file, flags, outFlags);
+  if (file->pMethods != nullptr) {
+    *trailerOf(file) = {file->pMethods, name};
+    auto [entry, added] = gMethods.try_emplace(file->pMethods, *file->pMethods);
+    if (added) {
+      entry->second.iVersion = 2;
+      entry->second.xWrite = shimWrite;
+      entry->second.xSync = shimSync;
+    }
+    file->pMethods = &entry->second;
+  }
   return result;
 }
 
@@ -242,7 +225,7 @@ bool installShimVfs(const ShimHooks &hooks) {
   // The default VFS's other methods serve the shim as they are: none of them depends on the VFS
   // object it is called through.
   gShim = *gReal;
-  gShim.szOsFile = static_cast<int>(kRealFileOffset) + gReal->szOsFile;
+  gShim.szOsFile = static_cast<int>(trailerOffset() + sizeof(Trailer));
   gShim.pNext = nullptr;
   gShim.zName = "adbtest-shim";
   gShim.xOpen = shimOpen;

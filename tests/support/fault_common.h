@@ -59,6 +59,11 @@ inline constexpr const char *kDeviceMac = "11:22:33:44:55:66";
 // The friendly name of `mac` ("<none>" without a row or the table).
 std::string nameOf(RawDb &db, const char *mac = kDeviceMac);
 
+// An observer of a plan's file: the single value of `sql`, "<none>" for NULL or no row.
+inline std::function<std::string(RawDb &)> stateOf(std::string sql) {
+  return [sql](RawDb &db) { return db.scalar(sql).value_or("<none>"); };
+}
+
 // Every member has an initializer, so that a plan names only the members it needs.
 struct FaultPlan {
   std::function<void()> prepare = {};       // sets the file up before each run (faults off)
