@@ -33,10 +33,10 @@ class ToolTestEnvironment : public ::testing::Environment {
 
 }  // namespace
 
-ToolRun runCli(const std::vector<std::string> &args) {
+ToolRun runCli(const std::vector<std::string> &args, bool terminal) {
   std::ostringstream out;
   std::ostringstream err;
-  int status = runTool(args, out, err);
+  int status = runTool(args, out, err, terminal);
   return {status, out.str(), err.str()};
 }
 
@@ -45,6 +45,19 @@ std::string runOk(const std::vector<std::string> &args) {
   EXPECT_EQ(run.status, 0) << args[0] << ": " << run.err;
   EXPECT_EQ(run.err, "") << args[0];
   return run.out;
+}
+
+std::string transcript(const std::vector<std::vector<std::string>> &commands, const std::string &db,
+                       bool terminal) {
+  std::string text;
+  for (std::vector<std::string> args : commands) {
+    text += "$";
+    for (const std::string &arg : args) text += " " + arg;
+    if (!db.empty()) args.insert(args.end(), {"--db", db});
+    ToolRun run = runCli(args, terminal);
+    text += " => " + std::to_string(run.status) + "\n" + run.err + run.out;
+  }
+  return text;
 }
 
 TempDir::TempDir() {

@@ -14,10 +14,15 @@ struct ToolRun {
   std::string err;
 };
 
-// Runs the tool's command line in this process (so it works under an emulator too).
-ToolRun runCli(const std::vector<std::string> &args);
+// Runs the tool's command line in this process (so it works under an emulator too), with its
+// output going to a terminal when `terminal` says so.
+ToolRun runCli(const std::vector<std::string> &args, bool terminal = false);
 // Runs a command line that must succeed without a word on standard error; its output.
 std::string runOk(const std::vector<std::string> &args);
+// Runs each command line, with `--db db` added when `db` is given, and writes down for a golden
+// file the command as given, its exit status, then its standard error and output.
+std::string transcript(const std::vector<std::vector<std::string>> &commands,
+                       const std::string &db = "", bool terminal = false);
 
 // A fresh folder, removed with everything in it at the end of the scope.
 class TempDir {
