@@ -2,8 +2,6 @@
 // span reads of devices younger than the span.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 #include "analyticsdb.h"
 #include "tool_test_support.h"
 
@@ -32,11 +30,8 @@ TEST(ToolSimulate, EightDaysWrapTheWeekAndReadBack) {
 
   // The day 8 samples overwrote day 1's: a week's span ends at the last tick and holds a full
   // ring, oldest first, without a break where the ring wraps.
-  const std::string week =
-      runOk({"series", "02:ad:b0:00:00:00", "--rx", "--last", "7d", "--csv", "--db", db});
-  ASSERT_EQ(std::count(week.begin(), week.end(), '\n'), 2017);
-  EXPECT_EQ(week.find("\n1704153600,2024-01-02T00:00:00Z,"), week.find('\n'));
-  EXPECT_EQ(week.find("\n1704758100,2024-01-08T23:55:00Z,"), week.rfind('\n', week.size() - 2));
+  expectGolden("week-after-eight-days.txt",
+               runOk({"series", "02:ad:b0:00:00:00", "--rx", "--last", "7d", "--db", db}));
 }
 
 TEST(ToolSimulate, ContentionIsParkedAndReplayedWithoutLoss) {
