@@ -56,12 +56,7 @@ TEST(ToolCommands, FailuresAreOneLineWithTheStatusOfTheirCause) {
   ASSERT_EQ(runCli({"init", "--db", busy}).status, 0);
   // One sample of one device; a valid SQLite file that holds none of the analytics tables; and
   // a database another connection holds.
-  ASSERT_EQ(0, db_setDatabasePath(db.c_str()));
-  db_initQueue();
-  char *sample[] = {const_cast<char *>(kTv.c_str()), const_cast<char *>("1704067200"),
-                    const_cast<char *>("1"), const_cast<char *>("-60")};
-  ASSERT_EQ(0, db_updateRssi(sample));
-  db_closeDbConnection();
+  writeSample(db, db_updateRssi, {kTv, "1704067200", "1", "-60"});
   runSql(foreign, "CREATE TABLE unrelated (x INTEGER)");
   sqlite3 *holder = nullptr;
   ASSERT_EQ(sqlite3_open(busy.c_str(), &holder), SQLITE_OK);

@@ -54,18 +54,9 @@ TEST(ToolSimulate, SeriesOfADeviceWithoutInventoryFallsBackToTheDayReads) {
   ASSERT_EQ(runCli({"init", "--db", db}).status, 0);
   // Two samples of a device that has no inventory row (so nothing limits the span) and rows in
   // only one day table: the span read of the library refuses such a span.
-  ASSERT_EQ(0, db_setDatabasePath(db.c_str()));
-  db_initQueue();
   const std::string mac = "02:ad:b0:00:0f:01";
-  for (const auto &[time, slot, value] :
-       {std::tuple{"1704672900", "2015", "700"}, std::tuple{"1704673200", "2016", "900"}}) {
-    char *values[] = {const_cast<char *>(mac.c_str()), const_cast<char *>("LAN"),
-                      const_cast<char *>(time), const_cast<char *>(slot),
-                      const_cast<char *>(value)};
-    ASSERT_EQ(0, db_updateBandWidthRx(values));
-  }
-  db_closeDbConnection();
-
+  writeSample(db, db_updateBandWidthRx, {mac, "LAN", "1704672900", "2015", "700"});
+  writeSample(db, db_updateBandWidthRx, {mac, "LAN", "1704673200", "2016", "900"});
   // The 15 minutes read the day of their slots; the week counts the two samples among its 2016
   // slots; and without RSSI samples or inventory the device is unknown.
   expectGolden("young-device.txt", transcript({{"series", mac, "--rx", "--last", "15m", "--csv"},

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -90,6 +89,17 @@ void runSql(const std::string &db, const std::string &statement) {
   db_closeDbConnection();
 }
 
+void writeSample(const std::string &db, int32_t (*update)(char **),
+                 std::vector<std::string> values) {
+  db_closeDbConnection();
+  EXPECT_EQ(db_setDatabasePath(db.c_str()), 0);
+  db_initQueue();
+  std::vector<char *> fields;
+  for (std::string &value : values) fields.push_back(value.data());
+  EXPECT_EQ(update(fields.data()), 0) << values[0] << " " << values[1];
+  db_closeDbConnection();
+}
+
 std::string readFile(const std::string &path) {
   std::ifstream file(path, std::ios::binary);
   std::ostringstream text;
@@ -118,20 +128,6 @@ void expectGolden(const std::string &name, std::string actual,
   }
   EXPECT_EQ(readFile(path), actual)
       << "golden file " << path << " (ANALYTICSDB_UPDATE_GOLDEN=1 rewrites it)";
-}
-
-std::string xmlProblem(const std::string &text) {
-#if defined(ANALYTICSDB_TOOL_XMLLINT)
-  // xmllint says what is wrong on standard error, which the test's output shows.
-  FILE *xmllint = popen(ANALYTICSDB_TOOL_XMLLINT " --noout -", "w");
-  if (xmllint == nullptr) return "cannot start " ANALYTICSDB_TOOL_XMLLINT;
-  std::fwrite(text.data(), 1, text.size(), xmllint);
-  return pclose(xmllint) == 0 ? "" : "not well-formed XML (see xmllint's message above)";
-#else
-  // A cross build cannot start the host's xmllint: the SVG's well-formedness goes unchecked.
-  (void)text;
-  return "";
-#endif
 }
 
 }  // namespace adbtool::test

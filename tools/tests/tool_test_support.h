@@ -1,7 +1,8 @@
 // tool_test_support.h - running the tool in-process, temporary folders, simulated databases,
-// golden files and an XML well-formedness check for the tool's tests.
+// and golden files for the tool's tests.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -43,6 +44,10 @@ std::string simulated(const TempDir &dir, int devices);
 
 // Runs `statement` on `db` through the library.
 void runSql(const std::string &db, const std::string &statement);
+// Writes one sample into `db` through a library update call (db_updateRssi, ...), as a gateway
+// does.
+void writeSample(const std::string &db, int32_t (*update)(char **),
+                 std::vector<std::string> values);
 
 std::string readFile(const std::string &path);
 void writeFile(const std::string &path, const std::string &text);
@@ -51,8 +56,5 @@ void writeFile(const std::string &path, const std::string &text);
 // golden file says `placeholder` where `actual` says `varying` (a pid, a process name).
 void expectGolden(const std::string &name, std::string actual,
                   const std::vector<std::pair<std::string, std::string>> &varying = {});
-
-// Empty when `text` is well-formed XML (xmllint, where the build found it), else what is wrong.
-std::string xmlProblem(const std::string &text);
 
 } // namespace adbtool::test
