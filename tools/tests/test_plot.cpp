@@ -16,15 +16,13 @@ TEST(ToolPlot, SvgIsWellFormedAndCarriesAxesUnitsAndLines) {
          "'02:ad:b0:00:00:01'");
   const std::string svgPath = dir.file("tv.svg");
   runOk({"plot", "02:ad:b0:00:00:01", "--out", svgPath, "--db", db});
-  const std::string svg = readFile(svgPath);
   // RSSI against its bands, then receive and transmit each on its own scale and unit (the TV
   // sends a few hundred kbit/s while it receives tens of Mbit/s) with the peak marked.
-  expectGolden("plot-tv.svg", svg);
+  expectGolden("plot-tv.svg", readFile(svgPath));
 
   // The wired uplink has no RSSI panel; the picture can go to standard output at another size.
-  const std::string wired = runOk(
-      {"plot", "internet-uplink", "--out", "-", "--width", "640", "--height", "480", "--db", db});
-  expectGolden("plot-uplink-640x480.svg", wired);
+  expectGolden("plot-uplink-640x480.svg", runOk({"plot", "internet-uplink", "--out", "-", "--width",
+                                                 "640", "--height", "480", "--db", db}));
 }
 
 TEST(ToolPlot, HostileNamesReachTheTerminalWithoutControlBytesAndStayAligned) {
@@ -52,13 +50,12 @@ TEST(ToolPlot, PicturesOfNoSamplesAndOfAWeekWithAGap) {
   PlotInput input;
   input.mac = "02:ad:b0:00:00:07";
   input.spanLabel = "last 1h";
-  std::string empty = renderSvg(input);
-  expectGolden("plot-no-samples.svg", empty);
+  expectGolden("plot-no-samples.svg", renderSvg(input));
 
   // A week of RSSI with a missing stretch: more points than pixels, drawn as means with a
   // minimum-to-maximum band, and two runs either side of the gap.
   input.spanLabel = "last 7d";
-  Series rssi;
+  Series &rssi = input.rssi.emplace();
   rssi.spec = &seriesSpec(SeriesKind::Rssi);
   rssi.mac = input.mac;
   for (uint32_t i = 0; i < 2016; ++i) {
@@ -66,9 +63,7 @@ TEST(ToolPlot, PicturesOfNoSamplesAndOfAWeekWithAGap) {
     rssi.slots.push_back(static_cast<int32_t>(i + 1));
     rssi.values.push_back(i >= 900 && i < 1000 ? 0 : -50 - static_cast<int64_t>(i % 7));
   }
-  input.rssi = rssi;
-  std::string svg = renderSvg(input);
-  expectGolden("plot-week-with-gap.svg", svg);
+  expectGolden("plot-week-with-gap.svg", renderSvg(input));
   // Text reaches the picture escaped, without the control characters XML 1.0 forbids.
   EXPECT_EQ(xmlEscape("a<b>&'\"\x01"), "a&lt;b&gt;&amp;&apos;&quot;");
 }
