@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include "analyticsdb.h"
-#include "output.h"
 #include "tool_test_support.h"
 
 namespace adbtool::test {
@@ -19,51 +18,32 @@ const std::string kTv = "02:ad:b0:00:00:01";
 TEST(ToolCommands, ReadCommandsMatchGolden) {
   TempDir dir;
   const std::string db = simulated(dir, 3);
-  auto run = [&db](std::vector<std::string> args) {
-    args.insert(args.end(), {"--db", db});
-    return runOk(args);
-  };
-
-  expectGolden("devices.txt", run({"devices"}));
-  expectGolden("devices.json", run({"devices", "--json"}));
-  expectGolden("top.txt", run({"top"}));
-  const std::string table = run({"devices"});
-  EXPECT_EQ(run({"devices", "--watch", "0.5", "--count", "2"}), table + "\n" + table);
-  Json top = Json::parse(run({"top", "--last", "1h", "--sort", "rssi", "--json"}));
-  EXPECT_EQ(top["version"], 1);
-  EXPECT_EQ(top["devices"][0]["host"], "living-room-tv");  // weaker than the phone
-  EXPECT_EQ(top["devices"][2]["rssi"], nullptr);           // the wired uplink comes last
-  expectGolden("series-uplink-rx-1h.csv",
-               run({"series", kUplink, "--rx", "--last", "1h", "--csv"}));
-  expectGolden("series-tv-tx-30m.json", run({"series", kTv, "--tx", "--last", "30m", "--json"}));
-  expectGolden("series-tv-rssi-24h.txt", run({"series", kTv, "--rssi", "--width", "48"}));
-  expectGolden("series-tv-rx-6h-ascii.txt",
-               run({"series", kTv, "--rx", "--last", "6h", "--ascii"}));
-
-  // The fixture holds one day: a week's span shows that day, not six days of zeros; and a MAC
-  // matches whatever its letter case.
-  expectGolden("series-tv-rx-7d.txt", run({"series", "02:AD:B0:00:00:01", "--rx", "--last", "7d"}));
-
-  // A device by host name (any letter case) is the device by MAC; absolute times select
-  // whole slots; a wired device's RSSI slots are empty, not 0 dBm.
-  EXPECT_EQ(run({"series", "Living-Room-TV", "--rx", "--last", "1h", "--csv"}),
-            run({"series", kTv, "--rx", "--last", "1h", "--csv"}));
-  expectGolden("series-tv-rx-from-to.csv", run({"series", kTv, "--rx", "--from", "2024-01-01T06:00",
-                                                "--to", "@1704090000", "--csv"}));
-  EXPECT_EQ(run({"series", kUplink, "--rssi", "--last", "10m", "--csv"}),
-            "timestamp,time,slot,rssi_dbm\n1704153000,2024-01-01T23:50:00Z,1439,\n"
-            "1704153300,2024-01-01T23:55:00Z,1440,\n");
-
+  std::string text = transcript(
+      {{"devices"},
+       {"devices", "--json"},
+       {"devices", "--watch", "0.5", "--count", "2"},  // the table twice, a blank line between
+       {"top"},
+       {"top", "--last", "1h", "--sort", "rssi", "--json"},  // the wired uplink comes last
+       {"series", kUplink, "--rx", "--last", "1h", "--csv"},
+       {"series", kTv, "--tx", "--last", "30m", "--json"},
+       {"series", kTv, "--rssi", "--width", "48"},
+       {"series", kTv, "--rx", "--last", "6h", "--ascii"},
+       // The fixture holds one day: a week's span shows that day, not six days of zeros; and a
+       // MAC matches whatever its letter case.
+       {"series", "02:AD:B0:00:00:01", "--rx", "--last", "7d"},
+       // A device by host name (any letter case) is the device by MAC; absolute times select
+       // whole slots; a wired device's RSSI slots are empty, not 0 dBm.
+       {"series", "Living-Room-TV", "--rx", "--last", "1h", "--csv"},
+       {"series", kTv, "--rx", "--from", "2024-01-01T06:00", "--to", "@1704090000", "--csv"},
+       {"series", kUplink, "--rssi", "--last", "10m", "--csv"}},
+      db);
   runSql(db, "UPDATE DEVICEINFO SET HOST_S = 'living-room-tv'");
-  ToolRun ambiguous = runCli({"series", "living-room-tv", "--db", db});
-  EXPECT_EQ(ambiguous.status, 2);
-  EXPECT_EQ(ambiguous.err, "analyticsdb: host name 'living-room-tv' is ambiguous: "
-                           "02:ad:b0:00:00:00, 02:ad:b0:00:00:01, 02:ad:b0:00:00:02 (give the "
-                           "MAC)\n");
+  text += transcript({{"series", "living-room-tv"}}, db);
+  expectGolden("read-commands.txt", text);
 }
 
-// Every failure is one line with the exit status of its cause; a read command never creates the
-// file it was pointed at, and a refused write leaves the file as it was.
+// Every failure is one line with the exit status of its cause; a read command
+// never creates the file it was pointed at, and a refused write leaves the file as it was.
 TEST(ToolCommands, FailuresAreOneLineWithTheStatusOfTheirCause) {
   TempDir dir;
   const std::string db = dir.file("one-device.db");
@@ -76,12 +56,7 @@ TEST(ToolCommands, FailuresAreOneLineWithTheStatusOfTheirCause) {
   ASSERT_EQ(runCli({"init", "--db", busy}).status, 0);
   // One sample of one device; a valid SQLite file that holds none of the analytics tables; and
   // a database another connection holds.
-  ASSERT_EQ(0, db_setDatabasePath(db.c_str()));
-  db_initQueue();
-  char *sample[] = {const_cast<char *>(kTv.c_str()), const_cast<char *>("1704067200"),
-                    const_cast<char *>("1"), const_cast<char *>("-60")};
-  ASSERT_EQ(0, db_updateRssi(sample));
-  db_closeDbConnection();
+  writeSample(db, db_updateRssi, {kTv, "1704067200", "1", "-60"});
   runSql(foreign, "CREATE TABLE unrelated (x INTEGER)");
   sqlite3 *holder = nullptr;
   ASSERT_EQ(sqlite3_open(busy.c_str(), &holder), SQLITE_OK);
@@ -89,87 +64,44 @@ TEST(ToolCommands, FailuresAreOneLineWithTheStatusOfTheirCause) {
 
   // Every command with its exit status and its one line on standard error, as the golden file
   // has them.
-  std::string failures;
-  for (const std::vector<std::string> &args : std::vector<std::vector<std::string>>{
-           {"series", "02:ad:b0:00:00:99", "--db", db},
-           {"series", kTv, "--tx", "--db", db},
-           {"plot", "02:ad:b0:00:00:99", "--out", dir.file("x.svg"), "--db", db},
-           {"plot", kTv, "--out", dir.file("no-such-folder/x.svg"), "--db", db},
-           {"devices", "--db", missing},
-           {"init", "--db", "/nonexistent-folder/a.db"},
-           {"devices", "--db", dir.file("")},
-           {"devices", "--db", notDatabase},
-           {"simulate", "--db", notDatabase},
-           {"devices", "--db", foreign},
-           {"series", kUplink, "--tx", "--db", foreign},
-           // Writes into a file that holds something else are refused without --force.
-           {"init", "--db", foreign},
-           {"simulate", "--db", foreign},
-           {"simulate", "--db", db},
-           {"devices", "--db", ""},
-           // A database held longer than --wait, for reading and writing.
-           {"devices", "--wait", "0.1", "--db", busy},
-           {"init", "--wait", "0.1", "--db", busy}}) {
-    ToolRun run = runCli(args);
-    for (const std::string &arg : args) failures += arg + " ";
-    failures += "=> " + std::to_string(run.status) + " " + run.err;
-  }
-  expectGolden("failures.txt", failures,
-               {{dir.file(""), "DIR/"}, {ANALYTICSDB_DB_PATH_FOR_TESTS, "DEFAULT_DB"}});
-  auto expectFailure = [](const std::vector<std::string> &args, const std::string &message) {
-    ToolRun result = runCli(args);
-    EXPECT_EQ(result.status, 6) << args[0];
-    EXPECT_EQ(result.err, "analyticsdb: " + message + "\n");
-  };
+  std::string failures =
+      transcript({{"series", "02:ad:b0:00:00:99", "--db", db},
+                  {"series", kTv, "--tx", "--db", db},
+                  {"plot", "02:ad:b0:00:00:99", "--out", dir.file("x.svg"), "--db", db},
+                  {"plot", kTv, "--out", dir.file("no-such-folder/x.svg"), "--db", db},
+                  {"devices", "--db", missing},
+                  {"init", "--db", "/nonexistent-folder/a.db"},
+                  {"devices", "--db", dir.file("")},
+                  {"devices", "--db", notDatabase},
+                  {"simulate", "--db", notDatabase},
+                  {"devices", "--db", foreign},
+                  {"series", kUplink, "--tx", "--db", foreign},
+                  // Writes into a file that holds something else are refused without --force.
+                  {"init", "--db", foreign},
+                  {"simulate", "--db", foreign},
+                  {"simulate", "--db", db},
+                  {"devices", "--db", ""},
+                  // A database held longer than --wait, for reading and writing.
+                  {"devices", "--wait", "0.1", "--db", busy},
+                  {"init", "--wait", "0.1", "--db", busy}});
   if (geteuid() != 0) {  // root reads and writes any file
     const std::string readOnly = dir.file("read-only.db");
     ASSERT_EQ(runCli({"init", "--db", readOnly}).status, 0);
     ASSERT_EQ(chmod(readOnly.c_str(), 0444), 0);
-    for (const char *command : {"init", "simulate"})
-      expectFailure({command, "--db", readOnly},
-                    "cannot write " + readOnly + ": Permission denied");
+    const std::string denied = transcript({{"init"}, {"simulate"}}, readOnly);
     ASSERT_EQ(chmod(readOnly.c_str(), 0), 0);
-    expectFailure({"devices", "--db", readOnly}, "cannot read " + readOnly + ": Permission denied");
+    expectGolden("read-only.txt", denied + transcript({{"devices"}}, readOnly),
+                 {{dir.file(""), "DIR/"}});
   }
   EXPECT_NE(access(missing.c_str(), F_OK), 0);
-  EXPECT_EQ(runCli({"devices", "--db", foreign}).status, 4);
-  EXPECT_EQ(runCli({"init", "--force", "--db", foreign}).status, 0);
-  EXPECT_EQ(runCli({"devices", "--db", foreign}).status, 0);
+  // Forced, the foreign file takes the tables; released, the busy file reads.
   sqlite3_exec(holder, "COMMIT", nullptr, nullptr, nullptr);
   sqlite3_close(holder);
-  EXPECT_EQ(runCli({"devices", "--wait", "0.1", "--db", busy}).status, 0);
-}
-
-TEST(ToolCommands, UsageErrorsExitTwoWithoutTouchingTheDatabase) {
-  TempDir dir;
-  const std::string db = dir.file("never-created.db");
-  const std::vector<std::vector<std::string>> cases = {
-      {},
-      {"frobnicate"},
-      {"series", kTv, "--last", "2w"},
-      {"series", kTv, "--last", "8d"},
-      {"series", kTv, "--last", "1m"},
-      {"series", kTv, "--last", "99999d"},
-      {"series", kTv, "--rx", "--tx"},
-      {"series", kTv, "--csv", "--json"},
-      {"series", kTv, "--width", "3"},
-      {"series"},
-      {"plot", kTv},
-      {"simulate", "--devices", "0"},
-      {"simulate", "--days", "x"},
-  };
-  for (const auto &args : cases) {
-    std::vector<std::string> withDb = args;
-    withDb.insert(withDb.end(), {"--db", db});
-    ToolRun result = runCli(withDb);
-    EXPECT_EQ(result.status, 2) << (args.empty() ? "(none)" : args[0] + " " + args.back());
-    EXPECT_EQ(result.err.rfind("analyticsdb: ", 0), 0u) << result.err;
-  }
-  EXPECT_NE(access(db.c_str(), F_OK), 0);
-
-  ToolRun help = runCli({"series", "--help"});
-  EXPECT_EQ(help.status, 0);
-  EXPECT_NE(help.out.find("--last"), std::string::npos);
+  failures += transcript({{"init", "--force", "--db", foreign},
+                          {"devices", "--db", foreign},
+                          {"devices", "--wait", "0.1", "--db", busy}});
+  expectGolden("failures.txt", failures,
+               {{dir.file(""), "DIR/"}, {ANALYTICSDB_DB_PATH_FOR_TESTS, "DEFAULT_DB"}});
 }
 
 }  // namespace

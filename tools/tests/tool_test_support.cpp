@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -33,10 +32,10 @@ class ToolTestEnvironment : public ::testing::Environment {
 
 }  // namespace
 
-ToolRun runCli(const std::vector<std::string> &args) {
+ToolRun runCli(const std::vector<std::string> &args, bool terminal) {
   std::ostringstream out;
   std::ostringstream err;
-  int status = runTool(args, out, err);
+  int status = runTool(args, out, err, terminal);
   return {status, out.str(), err.str()};
 }
 
@@ -45,6 +44,19 @@ std::string runOk(const std::vector<std::string> &args) {
   EXPECT_EQ(run.status, 0) << args[0] << ": " << run.err;
   EXPECT_EQ(run.err, "") << args[0];
   return run.out;
+}
+
+std::string transcript(const std::vector<std::vector<std::string>> &commands, const std::string &db,
+                       bool terminal) {
+  std::string text;
+  for (std::vector<std::string> args : commands) {
+    text += "$";
+    for (const std::string &arg : args) text += " " + arg;
+    if (!db.empty()) args.insert(args.end(), {"--db", db});
+    ToolRun run = runCli(args, terminal);
+    text += " => " + std::to_string(run.status) + "\n" + run.err + run.out;
+  }
+  return text;
 }
 
 TempDir::TempDir() {
@@ -77,6 +89,17 @@ void runSql(const std::string &db, const std::string &statement) {
   db_closeDbConnection();
 }
 
+void writeSample(const std::string &db, int32_t (*update)(char **),
+                 std::vector<std::string> values) {
+  db_closeDbConnection();
+  EXPECT_EQ(db_setDatabasePath(db.c_str()), 0);
+  db_initQueue();
+  std::vector<char *> fields;
+  for (std::string &value : values) fields.push_back(value.data());
+  EXPECT_EQ(update(fields.data()), 0) << values[0] << " " << values[1];
+  db_closeDbConnection();
+}
+
 std::string readFile(const std::string &path) {
   std::ifstream file(path, std::ios::binary);
   std::ostringstream text;
@@ -105,20 +128,6 @@ void expectGolden(const std::string &name, std::string actual,
   }
   EXPECT_EQ(readFile(path), actual)
       << "golden file " << path << " (ANALYTICSDB_UPDATE_GOLDEN=1 rewrites it)";
-}
-
-std::string xmlProblem(const std::string &text) {
-#if defined(ANALYTICSDB_TOOL_XMLLINT)
-  // xmllint says what is wrong on standard error, which the test's output shows.
-  FILE *xmllint = popen(ANALYTICSDB_TOOL_XMLLINT " --noout -", "w");
-  if (xmllint == nullptr) return "cannot start " ANALYTICSDB_TOOL_XMLLINT;
-  std::fwrite(text.data(), 1, text.size(), xmllint);
-  return pclose(xmllint) == 0 ? "" : "not well-formed XML (see xmllint's message above)";
-#else
-  // A cross build cannot start the host's xmllint: the SVG's well-formedness goes unchecked.
-  (void)text;
-  return "";
-#endif
 }
 
 }  // namespace adbtool::test
