@@ -85,6 +85,12 @@ TEST_F(Delete, SeriesRemovalCascadesAndKeepsTheWan) {
   EXPECT_EQ(db_deletePrimitiveRssi("dev3"), DB_STATUS_SUCCESS);
   EXPECT_EQ(keys("RSSI2"), "");
 
+  // A day delete names its day table.
+  raw().exec("INSERT INTO PRIMITIVE_BANDWIDTHTX(MAC_S) VALUES('tx1');"
+             "INSERT INTO BANDWIDTHTX4(MAC_S) VALUES('tx1');");
+  EXPECT_EQ(db_deleteDayBandWidthTx("TX1", 4), DB_STATUS_SUCCESS);
+  EXPECT_EQ(keys("BANDWIDTHTX4") + "|" + keys("PRIMITIVE_BANDWIDTHTX"), "|tx1");
+
   // A whole-series delete on the receive side reports the failing day table.
   EXPECT_EQ(db_dropBandwidthRxTable(5), DB_STATUS_SUCCESS);
   EXPECT_EQ(db_deleteMacBandWidthRx("wan0"), DB_STATUS_NO_TABLE);
@@ -109,15 +115,23 @@ TEST_F(Delete, WaitsBehindAQueuedWriteOfTheSameKeyAndReplaysInOrder) {
   EXPECT_EQ(logged(RYX_LOG_ERROR, "Get Node [1] func[35] Table[DEVICEINFO]\n"), 1u) << log().dump();
 
   // A busy delete parks itself and is carried out by the replay.
-  raw().exec("INSERT INTO DEVICEINFO(MAC_S) VALUES('ee')");
+  // Each replays under its own function id: a wrong one drops the node and keeps the rows.
+  raw().exec(
+      "INSERT INTO DEVICEINFO(MAC_S) VALUES('ee'),('ff'); INSERT INTO MESHTOPO(MAC_S) VALUES('m3');"
+      "INSERT INTO DEVICETHRESHOLD(DEVICECLASS_S) VALUES('Hub'),('TV');");
   {
     adbtest::BusyHolder holder(dbPath());
     EXPECT_EQ(db_deleteMacDeviceInfo("ee"), DB_STATUS_BUSY);
     EXPECT_EQ(db_dropRssiTable(2), DB_STATUS_BUSY);
+    EXPECT_EQ(db_deleteMacDeviceThreshold("hub"), DB_STATUS_BUSY);
+    EXPECT_EQ(db_deleteDeviceInfoTable(), DB_STATUS_BUSY);
+    EXPECT_EQ(db_deleteMeshTopoTable(), DB_STATUS_BUSY);
   }
-  EXPECT_EQ(queueCount, 2);
+  EXPECT_EQ(queueCount, 5);
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
-  EXPECT_EQ(keys("DEVICEINFO"), "");
+  EXPECT_EQ(queueCount, 0);
+  EXPECT_EQ(keys("DEVICEINFO") + keys("MESHTOPO") + "|" + keys("DEVICETHRESHOLD", "DEVICECLASS_S"),
+            "|TV");
 }
 
 TEST_F(Delete, DropsAlsoOfMissingTablesAndTheirReplaysWithTheirHistoricNames) {
