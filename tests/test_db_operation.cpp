@@ -11,6 +11,11 @@ extern "C" int adbtest_header_from_c(void);
 
 namespace {
 
+// Read when the program loads, before any test opens a connection or sets a flag: a new process
+// alters no old table until told to, and claims no foreign keys before its first open.
+const uint8_t kAlterSchemaAtLoad = alterSchema;
+const uint8_t kForeignKeysAtLoad = foreignKeyEanbled;
+
 class Operation : public adbtest::ApiTest {
  protected:
   void createDevices() {
@@ -23,7 +28,12 @@ class Operation : public adbtest::ApiTest {
 
 }  // namespace
 
-TEST(Header, UsableFromC) { EXPECT_EQ(adbtest_header_from_c(), DB_STATUS_FAILURE); }
+TEST(Header, UsableFromCWithItsFlagsClearAtLoad) {
+  EXPECT_EQ(adbtest_header_from_c(), DB_STATUS_FAILURE);
+  EXPECT_EQ(kAlterSchemaAtLoad, 0);
+  EXPECT_EQ(kForeignKeysAtLoad, 0);
+  db_freeTableResult(nullptr);  // nothing to free
+}
 
 TEST_F(Operation, OpensLazilyOnceAndAgainAfterCloseAndRefusesBadPaths) {
   EXPECT_EQ(db_close(), DB_STATUS_SUCCESS);  // nothing open

@@ -261,6 +261,8 @@ TEST_F(Inventory, SingleValueReadsCopyTheFirstRowsValue) {
   EXPECT_EQ(timestamp, 77u);
   EXPECT_EQ(critical, -5);
   EXPECT_EQ(db_readCmaInfoTimeStamp("DEVICEINFO", nullptr), 1);
+  EXPECT_EQ(db_readCmaInfoTimeStamp(nullptr, &timestamp), 1);
+  EXPECT_EQ(timestamp, 77u);
 }
 
 TEST_F(Inventory, FailedReadsReturnTheirStatusAndLeaveTheListAlone) {

@@ -1,5 +1,7 @@
 // The sample series: slot arithmetic, slot writes, single values, spans across the week's wrap,
 // week reads, and the statement cache through eight days of ticks.
+#include <sqlite3.h>
+
 #include <algorithm>
 #include <functional>
 #include <memory>
@@ -69,6 +71,9 @@ TEST(SlotArithmetic, DayOfASlotIndexLimitsAndPacking) {
   ASSERT_EQ(record->slotCount, 6u);
   EXPECT_EQ(std::vector<uint64_t>(record->slots, record->slots + 7),
             (std::vector<uint64_t>{2014, 2015, 5, 0xFFFFFFFF80000000ull, 2, 3, 0}));
+  // A start past the week leaves the record as it is.
+  EXPECT_EQ(db_adjustSlotRate(record.get(), kWeek + 1, 3), 0);
+  EXPECT_EQ(record->slotCount, 6u);
 }
 
 TEST_F(Series, SlotWritesNameTheirDayAndColumnAndDefaultFillsZeroOneDay) {
@@ -249,6 +254,16 @@ TEST_F(Series, EightDaysOfTicksKeepTheCacheBoundedAndReadBackAsLatestSpans) {
     mostBytes = std::max(mostBytes, bytes);
   }
   RecordProperty("statement_cache_peak_bytes", static_cast<int>(mostBytes));
+  // A kept statement is handed out again, not compiled afresh: the shapes written every tick
+  // have run many times.
+  int mostRuns = 0;
+  for (sqlite3_stmt *kept = sqlite3_next_stmt(database_connection, nullptr); kept != nullptr;
+       kept = sqlite3_next_stmt(database_connection, kept)) {
+    mostRuns = std::max(mostRuns, sqlite3_stmt_status(kept, SQLITE_STMTSTATUS_RUN, 0));
+  }
+  EXPECT_GE(mostRuns, 100);
+  EXPECT_EQ(db_getStatementCacheFigures(nullptr, &bytes), DB_STATUS_FAILURE);
+  EXPECT_EQ(db_getStatementCacheFigures(&statements, nullptr), DB_STATUS_FAILURE);
 
   // A second WAN device is reported and left out: the first one's samples are read.
   everyDay("wan:01", "WAN");
@@ -270,6 +285,7 @@ TEST_F(Series, EightDaysOfTicksKeepTheCacheBoundedAndReadBackAsLatestSpans) {
       ASSERT_EQ(record->slots[i], static_cast<uint64_t>(tick * 10)) << i;
     }
   }
+  EXPECT_EQ(log().countContaining("CMA Reading Rx tables failed"), 0u);
   EXPECT_EQ(log().count(RYX_LOG_ERROR, "More than MAX [1] WAN found in DB"), 2u);
 
   // A start after the latest sample is no span.
