@@ -34,7 +34,7 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
       "192.168.100.200", "Phone", "host-1", "Pixel", "Maker", k70, "WiFi", "1", "5GHz-X", "wl0",
       "3", "-61", "12.75", "866.0", "5000000000", "18446744073709551615", "ignored", "40", "2.5",
       "4K-HDR-120", k300, "Kitchen's speaker", "0", "2", "1700000000.9", "5000000000", "1700000100",
-      "1700000050", "6", "5GHz", "7", "00:11:22", k70, "123456789012", "987654321098", "8", "9",
+      "-1", "6", "5GHz", "7", "00:11:22", k70, "123456789012", "987654321098", "8", "9",
       // Only the key: every other field stays zero, whatever the column's default.
       "aa:bb:cc:dd:ee:02"};
   device.resize(3 * 39);
@@ -53,11 +53,12 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
   EXPECT_EQ((Ints{d.active, d.intfIndex, d.rssi, d.capacity, d.portable, d.devCritical,
                   d.beaconState, d.devFpDone, d.bandSteeringState, d.isBridged}),
             (Ints{1, 3, -61, 40, 0, 2, 6, 7, 8, 9}));
-  // REAL columns read as whole numbers; 32-bit strtoul saturates on every platform.
+  // REAL columns read as whole numbers; 32-bit strtoul saturates, and wraps a minus sign, on
+  // every platform.
   EXPECT_EQ((Counts{d.txRate, d.rxRate, d.txCnt, d.rxCnt, d.devBwReqd, d.devTimestamp, d.addedTs,
                     d.lastOnlineTs, d.lastOfflineTs, d.lastRebootTxCnt, d.lastRebootRxCnt}),
             (Counts{12, 866, 5000000000ull, 18446744073709551615ull, 2, 1700000000, 4294967295u,
-                    1700000100, 1700000050, 123456789012ull, 987654321098ull}));
+                    1700000100, 4294967295u, 123456789012ull, 987654321098ull}));
   DeviceInfoRecord keyOnly{};
   std::memcpy(keyOnly.mac, "aa:bb:cc:dd:ee:02", 18);
   EXPECT_EQ(std::memcmp(list[1], &keyOnly, sizeof keyOnly), 0);
@@ -170,6 +171,8 @@ TEST_F(ResultApi, SlotRecordsPlaceSlotsByNumberOrByColumnOrder) {
                     w.endIndex}),
             (Counts{300, 1, 2016, 5, 1700000000, 0, 0}));
   EXPECT_EQ(w.slotIndex, 300);
+  // SLOT0 lands nowhere, not in the field before the slots.
+  EXPECT_EQ(std::string(w.mac, sizeof w.mac), "aa:bb" + std::string(sizeof w.mac - 5, '\0'));
   EXPECT_EQ(weekList[1]->slots[0], 18446744073709551615ull);
   EXPECT_EQ(weekList[1]->slotCount, 5u);
   db_freeBandWidthResult(&weekList, 2);
@@ -303,6 +306,12 @@ TEST_F(ResultApi, ConversionsIntoCallerStorageFillWhatTheyAreGiven) {
   ASSERT_EQ(
       db_getRateIdxTimeStamp(index.data(), 1, 5, timestamps, slotIndexes, values, nullptr, nullptr),
       0);
+  // Only the header names columns: a data cell spelling a column name is a value.
+  Values named{"MAC_S", "TIMESTAMP", "TIMESTAMP", "5", "x"};
+  ASSERT_EQ(db_getRateIdxTimeStamp(named.data(), 1, 2, timestamps, slotIndexes, values, nullptr,
+                                   nullptr),
+            0);
+  EXPECT_EQ(timestamps[0], 5u);
   EXPECT_TRUE(log().lines().empty()) << log().dump();
 
   EXPECT_EQ(db_setSlotRate(nullptr, 1, 5, &record), 2);

@@ -267,6 +267,28 @@ TEST_F(Statements, WritesInsertThenUpdateByKeyKeepingNullColumnsAndDoublingQuote
   EXPECT_TRUE(logged(RYX_LOG_ERROR, "Condition is mandatory for update\n"));
   EXPECT_EQ(logged(RYX_LOG_ERROR, "Write: Cant Insert/Update this record\n"), 1u);
   EXPECT_EQ(db_writeQuery(nullptr), DB_STATUS_SUCCESS);
+
+  // Compiled or not, a write sets every column it names, also those before the key; the key
+  // matches as LIKE does (letter case ignored on any key, as text on a numeric one); and a write
+  // without a key field is an INSERT.
+  Values order{"HOST_S", "MAC_S", "RSSI"};
+  EXPECT_EQ(db_writeTable("DEV", "MAC_S", " LIKE ", order.data(),
+                          Values{"radio", "aa:bb", "-60"}.data(), 3),
+            DB_STATUS_SUCCESS);
+  EXPECT_EQ(raw().scalar("SELECT HOST_S || RSSI FROM DEV WHERE MAC_S = 'aa:bb'"), "radio-60");
+  raw().exec(
+      "CREATE TABLE CASED (K_S TEXT PRIMARY KEY, V INTEGER); INSERT INTO CASED VALUES ('aa', 1);"
+      "CREATE TABLE NUMKEY (K_S NUMERIC PRIMARY KEY COLLATE NOCASE, V INTEGER);"
+      "INSERT INTO NUMKEY VALUES (10, 1);");
+  Values pair{"K_S", "V"};
+  EXPECT_EQ(db_tryUpdate("CASED", "K_S", " LIKE ", pair.data(), Values{"AA", "2"}.data(), 2),
+            DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_tryUpdate("NUMKEY", "K_S", " LIKE ", pair.data(), Values{"10.0", "2"}.data(), 2),
+            DB_STATUS_SUCCESS);
+  EXPECT_EQ(raw().scalar("SELECT (SELECT V FROM CASED) || (SELECT V FROM NUMKEY)"), "21");
+  EXPECT_EQ(db_writeTable("DEV", nullptr, nullptr, names.data(), Values{"nk"}.data(), 1),
+            DB_STATUS_SUCCESS);
+  EXPECT_EQ(raw().scalar("SELECT count(*) FROM DEV WHERE MAC_S = 'nk'"), "1");
 }
 
 TEST_F(Statements, DeletesByConditionOrAllRowsAndDropsTables) {
