@@ -1,16 +1,25 @@
 // The deferred write queue: gate, FIFO, processing caps, dumps, threads. Requests are parked the
 // way a write that met a busy database parks them (the gate with status 3) and replayed through
 // the capacity writer's replay (function id 4), which writes "MAC_S" and "CAPACITY" of DEVICEINFO.
-// The queue's lines name the exported function they belong to, whichever helper logs them.
+// The queue's lines name the exported function they belong to, whichever helper logs them. Its
+// counters are published for collectors in other processes.
+#include <linux/magic.h>
 #include <pthread.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "support/queue_cases.h"
@@ -19,6 +28,7 @@ namespace {
 
 using adbtest::Cell;
 using adbtest::Values;
+namespace fs = std::filesystem;
 
 constexpr int32_t kCapacityId = 4;
 // Where the queue's lines come from.
@@ -142,6 +152,12 @@ TEST_F(QueueTest, BusyReplayKeepsItsNodeUntilTheStallIsCleared) {
     EXPECT_EQ(db_processQueueEntry(), DB_STATUS_BUSY);
     EXPECT_EQ(gotNodeLines(), 500u);
     expectLogged(RYX_LOG_ERROR, "Same node is getting processed for max number of time [500]\n");
+    // Still held: a stalled head gets one try per call, and each such call counts a stall.
+    EXPECT_EQ(db_processQueueEntry(), DB_STATUS_BUSY);
+    QueueStats stalled = counted();
+    EXPECT_EQ(stalled.stalls, 2u);
+    EXPECT_EQ(stalled.retried, 501u);
+    EXPECT_EQ(stalled.length, 2u);
   }
   // Once the lock goes, the next call's single try on the stalled head gets through and the
   // queue flows again.
@@ -149,9 +165,6 @@ TEST_F(QueueTest, BusyReplayKeepsItsNodeUntilTheStallIsCleared) {
   EXPECT_EQ(queueProcessCount, 0);
   EXPECT_EQ(capacityOf("aa"), Cell("1"));
   EXPECT_EQ(capacityOf("bb"), Cell("2"));
-  QueueStats stats = counted();
-  EXPECT_EQ(stats.stalls, 1u);
-  EXPECT_EQ(stats.retried, 500u);
   EXPECT_EQ(db_getQueueStats(nullptr), DB_STATUS_FAILURE);
 
   // Freeing the queue ends a stall too.
@@ -282,7 +295,6 @@ TEST_F(QueueTest, LimitsOfEntriesAndOfAttemptsPerCall) {
   EXPECT_EQ(db_updateQueue(kCapacityId, Values{"extra", "1"}.data(), 2, "DEVICEINFO"), 1);
   pthread_mutex_unlock(&lock);
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_EMPTY);
-  expectLogged(RYX_LOG_ERROR, "Get Node, Processed Max[320],Queue is Not Empty\n");
   EXPECT_EQ(raw().scalar("SELECT count(*) FROM DEVICEINFO"), Cell("320"));
   // Counted after the removal's reset: the next head starts one attempt ahead.
   EXPECT_EQ(queueProcessCount, 1);
@@ -461,6 +473,109 @@ TEST_F(QueueTest, ThreadsShareOneConnectionAndAppendWhileOneProcesses) {
   }
   EXPECT_EQ(queueCount, 0);
   EXPECT_EQ(log().countContaining("Delete Reason"), 0u);
+}
+
+// The published counters: <folder>/queue.<pid>, written when they changed, removed by
+// db_freeQueue, and never on a file system outside RAM.
+std::string contentsOf(const fs::path &path) {
+  std::ifstream file(path);
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+// What the file must hold for counters `s`, in the order collectors may rely on.
+std::string published(const QueueStats &s) {
+  const std::string process = contentsOf("/proc/self/comm");  // ends with its newline
+  std::ostringstream text;
+  text << "pid " << getpid() << "\nprocess " << process << "parked " << s.parked << "\nreplayed "
+       << s.replayed << "\nretried " << s.retried << "\ndroppedError " << s.droppedError
+       << "\ndroppedMalformed " << s.droppedMalformed << "\nfreed " << s.freed << "\nrefused "
+       << s.refused << "\nstalls " << s.stalls << "\nlength " << s.length << "\npeakLength "
+       << s.peakLength << "\n";
+  return text.str();
+}
+
+class QueuePublication : public QueueTest {
+ protected:
+  void TearDown() override {
+    setenv("ANALYTICSDB_STATS_DIR", "", 1);
+    QueueTest::TearDown();
+    std::error_code ignored;
+    for (const fs::path &folder : made_) fs::remove_all(folder, ignored);
+  }
+
+  // A fresh folder under `base`, whose "stats" child the library is to make and publish in.
+  fs::path statsFolderUnder(const fs::path &base) {
+    std::string pattern = (base / "adbtest-stats.XXXXXX").string();
+    EXPECT_NE(mkdtemp(pattern.data()), nullptr);
+    made_.push_back(pattern);
+    setenv("ANALYTICSDB_STATS_DIR", (pattern + "/stats").c_str(), 1);
+    EXPECT_EQ(db_initQueue(), 0);  // reads the folder again
+    return fs::path(pattern) / "stats";
+  }
+
+  // Parks a write, and processes once while the database is held.
+  void parkAndRetry() {
+    park("aa:bb:cc:dd:ee:01", "5");
+    adbtest::BusyHolder holder(dbPath());
+    EXPECT_EQ(db_processQueueEntry(), DB_STATUS_EMPTY);
+  }
+
+  static QueueStats stats() {
+    QueueStats now{};
+    db_getQueueStats(&now);
+    return now;
+  }
+
+ private:
+  std::vector<fs::path> made_;
+};
+
+TEST_F(QueuePublication, ChangedCountersReplaceTheFileAndFreeingRemovesIt) {
+  const fs::path folder = statsFolderUnder("/dev/shm");
+  const fs::path file = folder / ("queue." + std::to_string(getpid()));
+  parkAndRetry();
+  ASSERT_TRUE(fs::is_directory(folder));
+  EXPECT_EQ(stats().length, 1u);
+  EXPECT_EQ(contentsOf(file), published(stats()));
+
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(contentsOf(file), published(stats()));
+  // Nothing changed: the file is not written again, and no temporary file is left beside it.
+  auto stamp = [&file] {
+    struct stat now {};
+    EXPECT_EQ(stat(file.c_str(), &now), 0);
+    return std::make_tuple(now.st_ino, now.st_mtim.tv_sec, now.st_mtim.tv_nsec);
+  };
+  const auto first = stamp();
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(stamp(), first);
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()), 1);
+
+  EXPECT_EQ(db_freeQueue(), 0);
+  EXPECT_FALSE(fs::exists(file));
+  EXPECT_EQ(log().countContaining("Queue counters"), 0u) << log().dump();
+}
+
+TEST_F(QueuePublication, AFolderOutsideRamIsRefusedWithOneNotice) {
+  // The working folder (the build tree, under ctest) is normally on a disk.
+  struct statfs here {};
+  ASSERT_EQ(statfs(".", &here), 0);
+  if (static_cast<uint32_t>(here.f_type) == TMPFS_MAGIC ||
+      static_cast<uint32_t>(here.f_type) == RAMFS_MAGIC) {
+    GTEST_SKIP() << "the working folder is in RAM: no folder outside it to try";
+  }
+  const fs::path folder = statsFolderUnder(fs::current_path());
+  parkAndRetry();
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);  // changed again: still no second line
+  EXPECT_EQ(log().count(RYX_LOG_NOTICE, "[analyticsDB] Queue counters are not published in " +
+                                            folder.string() +
+                                            ": not a file system in RAM (tmpfs or ramfs), and "
+                                            "writes to flash wear it\n"),
+            1u)
+      << log().dump();
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()), 0);
 }
 
 }  // namespace
