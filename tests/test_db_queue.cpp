@@ -178,6 +178,16 @@ TEST_F(QueueTest, BusyReplayKeepsItsNodeUntilTheStallIsCleared) {
   park("dd", "4");
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
   EXPECT_EQ(capacityOf("dd"), Cell("4"));
+
+  // A replay that cannot open the file keeps its node for a later call.
+  park("ee", "5");
+  ASSERT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
+  ASSERT_EQ(db_setDatabasePath((tempDir_ + "/missing/analytics.db").c_str()), DB_STATUS_SUCCESS);
+  db_processQueueEntry();
+  EXPECT_EQ(adbtest::queueLength(), 1);
+  ASSERT_EQ(db_setDatabasePath(dbPath().c_str()), DB_STATUS_SUCCESS);
+  EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
+  EXPECT_EQ(capacityOf("ee"), Cell("5"));
 }
 
 // The ways a parked write used to be lost or overtaken: letter case, a full disk during its
@@ -338,6 +348,11 @@ TEST_F(QueueTest, RelatedEntriesShareFamilyAndKeyPrefixAndMatchesCompareIdCountA
   EXPECT_EQ(db_findMatch(capacity->next->next, 9, nullptr, 2), 0);
   db_manageQueue(DB_STATUS_BUSY, 36, nullptr, 0, "MESHTOPO");
   EXPECT_EQ(db_checkTableEntry("MESHTOPO", Values{"m2"}.data(), 1), 1);
+  // So does a queued day drop, whose first value is NULL; and keys relate in any letter case.
+  db_manageQueue(DB_STATUS_BUSY, 33, Values{nullptr, "2"}.data(), 2, "RSSI");
+  EXPECT_EQ(db_checkTableEntry("RSSI", Values{"aa"}.data(), 1), 1);
+  db_manageQueue(DB_STATUS_BUSY, 20, Values{"zone"}.data(), 1, "DEVICETHRESHOLD");
+  EXPECT_EQ(db_checkTableEntry("DEVICETHRESHOLD", Values{"ZONE"}.data(), 1), 1);
 }
 
 TEST_F(QueueTest, NodeNeverHoldsMoreThanItsCapacity) {
