@@ -9,7 +9,6 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-
 #include "support/fault_common.h"
 
 namespace {

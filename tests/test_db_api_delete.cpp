@@ -86,8 +86,9 @@ TEST_F(Delete, SeriesRemovalCascadesAndKeepsTheWan) {
   EXPECT_EQ(keys("RSSI2"), "");
 
   // A day delete names its day table.
-  raw().exec("INSERT INTO PRIMITIVE_BANDWIDTHTX(MAC_S) VALUES('tx1');"
-             "INSERT INTO BANDWIDTHTX4(MAC_S) VALUES('tx1');");
+  raw().exec(
+      "INSERT INTO PRIMITIVE_BANDWIDTHTX(MAC_S) VALUES('tx1');"
+      "INSERT INTO BANDWIDTHTX4(MAC_S) VALUES('tx1');");
   EXPECT_EQ(db_deleteDayBandWidthTx("TX1", 4), DB_STATUS_SUCCESS);
   EXPECT_EQ(keys("BANDWIDTHTX4") + "|" + keys("PRIMITIVE_BANDWIDTHTX"), "|tx1");
 

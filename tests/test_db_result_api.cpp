@@ -308,9 +308,9 @@ TEST_F(ResultApi, ConversionsIntoCallerStorageFillWhatTheyAreGiven) {
       0);
   // Only the header names columns: a data cell spelling a column name is a value.
   Values named{"MAC_S", "TIMESTAMP", "TIMESTAMP", "5", "x"};
-  ASSERT_EQ(db_getRateIdxTimeStamp(named.data(), 1, 2, timestamps, slotIndexes, values, nullptr,
-                                   nullptr),
-            0);
+  ASSERT_EQ(
+      db_getRateIdxTimeStamp(named.data(), 1, 2, timestamps, slotIndexes, values, nullptr, nullptr),
+      0);
   EXPECT_EQ(timestamps[0], 5u);
   EXPECT_TRUE(log().lines().empty()) << log().dump();
 
