@@ -227,7 +227,10 @@ def sync_tree(root, tree):
                 if f.read() == content:
                     continue
         os.makedirs(os.path.dirname(target), exist_ok=True)
-        shutil.copy2(source, target)
+        # A fresh modification time, so that the build notices: an interrupted run can leave a
+        # mutated file whose object is newer than the original's own time.
+        shutil.copyfile(source, target)
+        shutil.copymode(source, target)
     for base, _, names in os.walk(tree):
         for name in names:
             path = os.path.relpath(os.path.join(base, name), tree)
@@ -314,8 +317,15 @@ def run(mutants, args, header):
     counts = {}
     started = time.time()
 
+    failures = []
+
     def serve(index):
-        worker = Worker(ROOT, os.path.join(args.workdir, "w%d" % index), args.timeout)
+        try:
+            worker = Worker(ROOT, os.path.join(args.workdir, "w%d" % index), args.timeout)
+        except SystemExit as stop:  # in a thread it would end only the thread, silently
+            with lock:
+                failures.append(str(stop))
+            return
         while True:
             try:
                 m = work.get_nowait()
@@ -339,6 +349,8 @@ def run(mutants, args, header):
     for t in threads:
         t.join()
     out.close()
+    if failures:
+        sys.exit("\n".join(sorted(set(failures))))
     report(read_tsv(args.out))
 
 
