@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
@@ -264,6 +265,25 @@ TEST_F(Series, EightDaysOfTicksKeepTheCacheBoundedAndReadBackAsLatestSpans) {
   EXPECT_GE(mostRuns, 100);
   EXPECT_EQ(db_getStatementCacheFigures(nullptr, &bytes), DB_STATUS_FAILURE);
   EXPECT_EQ(db_getStatementCacheFigures(&statements, nullptr), DB_STATUS_FAILURE);
+  // A sample for rows that exist is written by UPDATEs alone: no INSERT is tried first.
+  int inserts = 0;
+  sqlite3_trace_v2(
+      database_connection, SQLITE_TRACE_STMT,
+      [](unsigned, void *count, void *, void *sql) {
+        if (std::strncmp(static_cast<const char *>(sql), "INSERT", 6) == 0) {
+          ++*static_cast<int *>(count);
+        }
+        return 0;
+      },
+      &inserts);
+  const std::string lastTime =
+      std::to_string(start + static_cast<uint32_t>(ticks - 1) * kSlotSeconds);
+  const std::string lastSlot = std::to_string((ticks - 1) % kWeek + 1);
+  const std::string lastValue = std::to_string((ticks - 1) * 10);
+  Values again{devices[0], "WAN", lastTime.c_str(), lastSlot.c_str(), lastValue.c_str()};
+  ASSERT_EQ(db_updateBandWidthRx(again.data()), DB_STATUS_SUCCESS);  // the last sample once more
+  sqlite3_trace_v2(database_connection, 0, nullptr, nullptr);
+  EXPECT_EQ(inserts, 0);
 
   // A second WAN device is reported and left out: the first one's samples are read.
   everyDay("wan:01", "WAN");
