@@ -265,6 +265,8 @@ TEST_F(Series, EightDaysOfTicksKeepTheCacheBoundedAndReadBackAsLatestSpans) {
   EXPECT_GE(mostRuns, 100);
   EXPECT_EQ(db_getStatementCacheFigures(nullptr, &bytes), DB_STATUS_FAILURE);
   EXPECT_EQ(db_getStatementCacheFigures(&statements, nullptr), DB_STATUS_FAILURE);
+  const uint32_t latest = start + static_cast<uint32_t>(ticks - 1) * kSlotSeconds;
+  const uint32_t endSlot = static_cast<uint32_t>((ticks - 1) % kWeek + 1);
   // A sample for rows that exist is written by UPDATEs alone: no INSERT is tried first.
   int inserts = 0;
   sqlite3_trace_v2(
@@ -276,9 +278,7 @@ TEST_F(Series, EightDaysOfTicksKeepTheCacheBoundedAndReadBackAsLatestSpans) {
         return 0;
       },
       &inserts);
-  const std::string lastTime =
-      std::to_string(start + static_cast<uint32_t>(ticks - 1) * kSlotSeconds);
-  const std::string lastSlot = std::to_string((ticks - 1) % kWeek + 1);
+  const std::string lastTime = std::to_string(latest), lastSlot = std::to_string(endSlot);
   const std::string lastValue = std::to_string((ticks - 1) * 10);
   Values again{devices[0], "WAN", lastTime.c_str(), lastSlot.c_str(), lastValue.c_str()};
   ASSERT_EQ(db_updateBandWidthRx(again.data()), DB_STATUS_SUCCESS);  // the last sample once more
@@ -287,8 +287,6 @@ TEST_F(Series, EightDaysOfTicksKeepTheCacheBoundedAndReadBackAsLatestSpans) {
 
   // A second WAN device is reported and left out: the first one's samples are read.
   everyDay("wan:01", "WAN");
-  const uint32_t latest = start + static_cast<uint32_t>(ticks - 1) * kSlotSeconds;
-  const uint32_t endSlot = static_cast<uint32_t>((ticks - 1) % kWeek + 1);
   // The last hour, inside one day, and the last 24 hours, across the week's wrap.
   for (const uint32_t span : {3600u, 86400u}) {
     SCOPED_TRACE(span);
