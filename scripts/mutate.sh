@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Mutation testing of src/ against the whole test suite; not part of CI (a few hundred mutants
-# take about an hour on two cores). Usage:
+# take about half an hour on two cores). Usage:
 #   scripts/mutate.sh --sample 300 --seed 1 --out results.tsv   a reproducible random sample
 #   scripts/mutate.sh --file src/db_queue.cpp                   every mutant of one file
 #   scripts/mutate.sh --replay results.tsv --out again.tsv      the same mutants on this tree
