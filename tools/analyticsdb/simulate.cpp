@@ -34,6 +34,9 @@ constexpr auto kRetryPause = std::chrono::milliseconds(1);
 // A real gateway is idle for minutes between ticks; the simulation compresses that to a pause
 // in which the contending process gets its chance at the database.
 constexpr auto kIdleBetweenTicks = std::chrono::milliseconds(2);
+// A tick whose transaction the library gave up is written again after a pause; one that fails
+// this often (some five seconds) fails for another reason than a busy file.
+constexpr int kTickAttempts = 5000;
 
 // How one series' sample reaches the database: its index row, then its slot.
 struct SampleWriter {
@@ -57,7 +60,15 @@ struct WriterCounts {
   uint64_t failedReplays = 0;
   uint64_t lockWaits = 0;
   uint64_t commitRetries = 0;
+  uint64_t ticksWrittenAgain = 0;
   int32_t peakQueue = 0;
+};
+
+// A write the library refused with 1 inside the tick's transaction: the file stayed busy past
+// its wait (nothing is parked inside a transaction), and the transaction was rolled back.
+class RefusedWrite : public ToolError {
+public:
+  using ToolError::ToolError;
 };
 
 // Writes through the library as a gateway service does, and keeps the books of the queue.
@@ -66,6 +77,7 @@ public:
   explicit GatewayWriter(const LogCounters &log) : log_(log) {}
 
   void begin() {
+    directAtBegin_ = counts.direct;
     int32_t status;
     while ((status = db_beginTransaction()) == DB_STATUS_BUSY)
       std::this_thread::sleep_for(kRetryPause);
@@ -99,8 +111,11 @@ public:
         ++counts.dropped;
       counts.peakQueue = std::max(counts.peakQueue, queueCount);
     } else {
-      throw ToolError(std::string("writing ") + what + " of " + values.front() +
-                      " failed: " + describeStatus(status));
+      std::string message = std::string("writing ") + what + " of " + values.front() +
+                            " failed: " + describeStatus(status);
+      if (status == DB_STATUS_FAILURE)
+        throw RefusedWrite(message);
+      throw ToolError(message);
     }
   }
 
@@ -135,11 +150,40 @@ public:
     }
   }
 
+  // Ends a transaction the library rolled back (its COMMIT returns 1); the writes of that
+  // attempt were not kept.
+  void abandon() {
+    db_commitTransaction();
+    counts.direct = directAtBegin_;
+    ++counts.ticksWrittenAgain;
+  }
+
   WriterCounts counts;
 
 private:
   const LogCounters &log_;
+  uint64_t directAtBegin_ = 0;
 };
+
+// Runs `writes` in one transaction, and again whenever the library refused one of them and rolled
+// the transaction back, as it asks its callers to.
+template <typename Writes> void inOneTransaction(GatewayWriter &writer, Writes &&writes) {
+  for (int attempt = 1;; ++attempt) {
+    writer.begin();
+    try {
+      writes();
+    } catch (const RefusedWrite &) {
+      writer.abandon();
+      if (attempt == kTickAttempts)
+        throw;
+      std::this_thread::sleep_for(kRetryPause);
+      continue;
+    }
+    writer.drain();
+    writer.commit();
+    return;
+  }
+}
 
 std::vector<std::string> inventoryValues(const HomeNetwork &network, std::size_t device,
                                          uint32_t addedTs, uint32_t lastSeen, uint64_t rxBytes,
@@ -163,41 +207,42 @@ std::vector<std::string> inventoryValues(const HomeNetwork &network, std::size_t
 void writeInventory(GatewayWriter &writer, const HomeNetwork &network, uint32_t addedTs,
                     uint32_t lastSeen, const std::vector<uint64_t> &rxBytes,
                     const std::vector<uint64_t> &txBytes) {
-  writer.begin();
-  for (std::size_t d = 0; d < network.devices().size(); ++d) {
-    writer.makeRoom(1);
-    writer.write(db_updateDeviceInfoTable, "the inventory row",
-                 inventoryValues(network, d, addedTs, lastSeen, rxBytes[d], txBytes[d]));
-  }
-  writer.drain();
-  writer.commit();
+  inOneTransaction(writer, [&] {
+    for (std::size_t d = 0; d < network.devices().size(); ++d) {
+      writer.makeRoom(1);
+      writer.write(db_updateDeviceInfoTable, "the inventory row",
+                   inventoryValues(network, d, addedTs, lastSeen, rxBytes[d], txBytes[d]));
+    }
+  });
 }
 
 void writeTick(GatewayWriter &writer, const HomeNetwork &network, uint32_t tick,
                std::vector<uint64_t> &rxBytes, std::vector<uint64_t> &txBytes) {
   const std::string time = std::to_string(tick);
   const std::string slot = std::to_string(slotOfTick(tick));
-  writer.begin();
-  for (std::size_t d = 0; d < network.devices().size(); ++d) {
-    const SimDevice &device = network.devices()[d];
-    writer.makeRoom(kRequestsPerDevice);
-    for (const SampleWriter &series : kSampleWriters) {
-      int64_t value = network.sample(d, series.kind, tick);
-      uint64_t bytes = static_cast<uint64_t>(value) * kSlotSeconds * 125; // kbit/s over a slot
-      if (series.kind == SeriesKind::Rx)
-        rxBytes[d] += bytes;
-      if (series.kind == SeriesKind::Tx)
-        txBytes[d] += bytes;
-      const char *title = seriesSpec(series.kind).noun;
-      if (series.hasSource)
-        writer.write(series.index, title, {device.mac, device.source, time, slot});
-      else
-        writer.write(series.index, title, {device.mac, time, slot});
-      writer.write(series.slot, title, {device.mac, slot, std::to_string(value)});
+  inOneTransaction(writer, [&] {
+    for (std::size_t d = 0; d < network.devices().size(); ++d) {
+      const SimDevice &device = network.devices()[d];
+      writer.makeRoom(kRequestsPerDevice);
+      for (const SampleWriter &series : kSampleWriters) {
+        const std::string value = std::to_string(network.sample(d, series.kind, tick));
+        const char *title = seriesSpec(series.kind).noun;
+        if (series.hasSource)
+          writer.write(series.index, title, {device.mac, device.source, time, slot});
+        else
+          writer.write(series.index, title, {device.mac, time, slot});
+        writer.write(series.slot, title, {device.mac, slot, value});
+      }
     }
+  });
+  // Counted once the tick is in.
+  auto bytes = [&](std::size_t d, SeriesKind kind) { // kbit/s over a slot
+    return static_cast<uint64_t>(network.sample(d, kind, tick)) * kSlotSeconds * 125;
+  };
+  for (std::size_t d = 0; d < network.devices().size(); ++d) {
+    rxBytes[d] += bytes(d, SeriesKind::Rx);
+    txBytes[d] += bytes(d, SeriesKind::Tx);
   }
-  writer.drain();
-  writer.commit();
 }
 
 struct ReadBack {
@@ -417,6 +462,10 @@ SimulateResult simulate(Session &session, const SimulateOptions &options, std::o
              groupDigits(bursts) + " exclusive bursts by a second process, " +
                  groupDigits(c.lockWaits) + " waits for the write lock, " +
                  groupDigits(c.commitRetries) + " commit retries");
+  if (options.contend)
+    printRow(out, "written again",
+             groupDigits(c.ticksWrittenAgain) +
+                 " transactions the library rolled back (the file stayed busy past its wait)");
   printRow(out, "queued",
            groupDigits(c.parked) + " requests parked on a busy database (peak " +
                std::to_string(c.peakQueue) + " of " + std::to_string(DB_QUEUE_MAX_ENTRIES) + ")");
