@@ -20,6 +20,7 @@ using adbtest::Cell;
 using adbtest::RawDb;
 using adbtest::Received;
 using adbtest::Rows;
+using std::to_string;
 
 constexpr int kDevices = 4;
 constexpr int kSlotsPerDay = 288;
@@ -32,27 +33,26 @@ constexpr double kMaxTickShare = 1.5;   // the delay, in ticks of the writer's m
 constexpr std::chrono::microseconds kFallbackTick{3000};  // where the pace is not known yet
 constexpr int kReportTimeoutMillis = 30000;  // a writer that stays silent this long is stuck
 
-std::string macOf(int device) { return "AA:BB:CC:DD:EE:0" + std::to_string(device); }
+std::string macOf(int device) { return "AA:BB:CC:DD:EE:0" + to_string(device); }
 // Ticks walk the week with a stride prime to it: every day table is written, no slot twice.
 int slotOf(int tick) { return ((tick - 1) * 37) % kWeek + 1; }
 int dayOf(int tick) { return (slotOf(tick) - 1) / kSlotsPerDay + 1; }
 uint32_t timestampOf(int tick) { return 1700000000u + static_cast<uint32_t>(tick) * 300u; }
 // Never 0, which an unwritten slot reads.
-std::string valueOf(int tick, int device) { return std::to_string(tick * 10 + device); }
+std::string valueOf(int tick, int device) { return to_string(tick * 10 + device); }
 
 // The RSSI sample of a device at a tick, for db_updateRssi.
 adbtest::Values sampleOf(int tick, int device) {
-  return adbtest::Values(std::vector<std::string>{macOf(device), std::to_string(timestampOf(tick)),
-                                                  std::to_string(slotOf(tick)),
-                                                  valueOf(tick, device)});
+  return adbtest::Values(std::vector<std::string>{macOf(device), to_string(timestampOf(tick)),
+                                                  to_string(slotOf(tick)), valueOf(tick, device)});
 }
 
 // The cell of a device at a tick as the file holds it: "0" where nothing was written (a day
 // table's missing row included), "<null>" for a NULL.
 std::string cellOf(RawDb &db, int tick, int device) {
   return db
-      .scalar("SELECT coalesce(SLOT" + std::to_string(slotOf(tick)) + ", '<null>') FROM RSSI" +
-              std::to_string(dayOf(tick)) + " WHERE MAC_S = '" + macOf(device) + "'")
+      .scalar("SELECT coalesce(SLOT" + to_string(slotOf(tick)) + ", '<null>') FROM RSSI" +
+              to_string(dayOf(tick)) + " WHERE MAC_S = '" + macOf(device) + "'")
       .value_or("0");
 }
 
@@ -75,24 +75,19 @@ std::string cellOf(RawDb &db, int tick, int device) {
 class CrashSafety : public adbtest::DbTest {
  protected:
   // Runs a writer on `path`, waits for `ticksBeforeKill` reports, then for `tickShare` of the
-  // time a tick takes, and kills it. Returns the last tick it reported (ticks are reported in
-  // order).
-  int writeAndKill(const std::string &path, int ticksBeforeKill, double tickShare) {
+  // time a tick takes, and kills it. `reported`: the last tick it reported (ticks are reported
+  // in order).
+  void writeAndKill(const std::string &path, int ticksBeforeKill, double tickShare, int &reported) {
     EXPECT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);  // a connection must not cross fork
     EXPECT_EQ(db_setDatabasePath(path.c_str()), DB_STATUS_SUCCESS);
     adbtest::Children children;
-    if (!children.start([](int report, int) { writeTicks(report); })) {
-      ADD_FAILURE() << "fork";
-      return 0;
-    }
+    ASSERT_TRUE(children.start([](int report, int) { writeTicks(report); })) << "fork";
     adbtest::Child &writer = children.all().front();
-    int reported = 0;
     auto nextReport = [&](int timeoutMillis) {
       int32_t tick = 0;
       Received got = adbtest::receiveBytes(writer.reportFd, &tick, sizeof tick, timeoutMillis);
       if (got == Received::kAll) {
-        EXPECT_EQ(tick, reported + 1);
-        reported = tick;
+        EXPECT_EQ(tick, ++reported);
       }
       return got;
     };
@@ -103,22 +98,19 @@ class CrashSafety : public adbtest::DbTest {
       if (reported == 1) firstReport = Clock::now();
     }
     EXPECT_NE(got, Received::kTimeout)
-        << "the writer reported nothing for " << kReportTimeoutMillis << " ms";
+        << "the writer was silent for " << kReportTimeoutMillis << " ms";
     // The delay is a share of one tick's time where the writer's pace could be measured, so
     // that the kill lands anywhere in a tick on a fast host and under emulation alike.
-    Clock::duration tickTime = kFallbackTick;
-    if (reported >= 2) tickTime = (Clock::now() - firstReport) / (reported - 1);
+    const Clock::duration tickTime =
+        reported >= 2 ? (Clock::now() - firstReport) / (reported - 1) : kFallbackTick;
     std::this_thread::sleep_for(tickTime * tickShare);
     kill(writer.pid, SIGKILL);
     const int status = adbtest::Children::reap(writer);
-    // The reports it made before it died.
-    while (nextReport(0) == Received::kAll) {
+    while (nextReport(0) == Received::kAll) {  // the reports it made before it died
     }
-    bool killed = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
-    bool finished = WIFEXITED(status) && WEXITSTATUS(status) == 0;
-    EXPECT_TRUE(killed || finished)
+    const bool killed = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+    EXPECT_TRUE(killed || (WIFEXITED(status) && WEXITSTATUS(status) == 0))
         << "the writer failed (wait status " << status << ") at tick " << reported + 1;
-    return reported;
   }
 
   // Checks the file after the writer's death; returns the number of complete ticks in it.
@@ -136,13 +128,13 @@ class CrashSafety : public adbtest::DbTest {
       }
     }
     // The index rows name the latest complete tick.
-    Rows expectedIndex;
+    Rows index;
     for (int device = 0; complete > 0 && device < kDevices; ++device) {
-      expectedIndex.push_back({macOf(device), std::to_string(timestampOf(complete)),
-                               std::to_string(slotOf(complete))});
+      index.push_back(
+          {macOf(device), to_string(timestampOf(complete)), to_string(slotOf(complete))});
     }
     EXPECT_EQ(db.query("SELECT MAC_S, TIMESTAMP, SLT_IND FROM PRIMITIVE_RSSI ORDER BY MAC_S"),
-              expectedIndex);
+              index);
     return complete;
   }
 };
@@ -153,11 +145,8 @@ TEST_F(CrashSafety, AKilledWriterLosesNoCommittedTickAndLeavesNoHalfTick) {
   const std::string pristine = dbPath();
 
   const char *fixedSeed = std::getenv("ADB_CRASH_SEED");
-  const unsigned seed = fixedSeed != nullptr
-                            ? static_cast<unsigned>(std::strtoul(fixedSeed, nullptr, 10))
-                            : std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed) +
-               " (rerun with ADB_CRASH_SEED=" + std::to_string(seed) + ")");
+  const unsigned seed = fixedSeed != nullptr ? std::stoul(fixedSeed) : std::random_device{}();
+  SCOPED_TRACE("rerun with ADB_CRASH_SEED=" + to_string(seed));
   std::mt19937 random(seed);
   std::uniform_int_distribution<int> ticksBeforeKill(0, kMaxTicksBeforeKill);
   std::uniform_real_distribution<double> tickShare(0.0, kMaxTickShare);
@@ -165,12 +154,13 @@ TEST_F(CrashSafety, AKilledWriterLosesNoCommittedTickAndLeavesNoHalfTick) {
   for (int round = 1; round <= kRounds; ++round) {
     const int ticks = ticksBeforeKill(random);
     const double share = tickShare(random);
-    SCOPED_TRACE("round " + std::to_string(round) + ": killed after " + std::to_string(ticks) +
-                 " reported ticks and " + std::to_string(share) + " of a tick");
-    const std::string path = tempDir_ + "/round" + std::to_string(round) + ".db";
+    SCOPED_TRACE("round " + to_string(round) + ": killed after " + to_string(ticks) +
+                 " reported ticks and " + to_string(share) + " of a tick");
+    const std::string path = tempDir_ + "/round" + to_string(round) + ".db";
     std::filesystem::copy_file(pristine, path);
 
-    const int reported = writeAndKill(path, ticks, share);
+    int reported = 0;
+    writeAndKill(path, ticks, share, reported);
     const int next = checkTicks(path, reported) + 1;
 
     // A fresh run of the library on the file writes on: the next tick of a device.
