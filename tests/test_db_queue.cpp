@@ -132,8 +132,6 @@ TEST_F(QueueTest, OnlyBusyWritesParkAPrivateCopyThatHoldsBackItsKey) {
   expectLogged(RYX_LOG_INFO, "Added Queue func[4]  Table[DEVICEINFO]\n", kAppend);
   EXPECT_EQ(writeCapacity("aa:bb:cc:00:00:02", "5"), DB_STATUS_SUCCESS);
   EXPECT_EQ(capacityOf("aa:bb:cc:00:00:02"), Cell("5"));
-  EXPECT_EQ(db_manageQueue(-1, 9, values, 1, "MESHTOPO"), 0);  // same key, another family
-  EXPECT_EQ(queueCount, 2);
 
   // Replayed oldest first, each node removed after its success.
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
@@ -512,7 +510,6 @@ TEST_F(QueuePublication, ChangedCountersReplaceTheFileAndFreeingRemovesIt) {
   const fs::path folder = statsFolderUnder("/dev/shm");
   const fs::path file = folder / ("queue." + std::to_string(getpid()));
   parkAndRetry();
-  ASSERT_TRUE(fs::is_directory(folder));
   EXPECT_EQ(stats().length, 1u);
   EXPECT_EQ(contentsOf(file), published(stats()));
 
