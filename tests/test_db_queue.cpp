@@ -535,8 +535,8 @@ TEST_F(QueuePublication, AFolderOutsideRamIsRefusedWithOneNotice) {
   // The working folder (the build tree, under ctest) is normally on a disk.
   struct statfs here {};
   ASSERT_EQ(statfs(".", &here), 0);
-  if (const auto type = static_cast<uint32_t>(here.f_type);
-      type == TMPFS_MAGIC || type == RAMFS_MAGIC) {
+  if (static_cast<uint32_t>(here.f_type) == TMPFS_MAGIC ||
+      static_cast<uint32_t>(here.f_type) == RAMFS_MAGIC) {
     GTEST_SKIP() << "the working folder is in RAM: no folder outside it to try";
   }
   const fs::path folder = statsFolderUnder(fs::current_path());
