@@ -32,43 +32,31 @@ class LibraryOomTest : public adbtest::FaultTest {
   }
 };
 
-// The number of columns of a table: all of them or none.
-std::string columnCount(const char *table) {
-  return std::string("SELECT count(*) FROM pragma_table_info('") + table + "')";
-}
-
 TEST_F(LibraryOomTest, TableCreationsAndSlotFillsAreWholeOrAbsent) {
   createSeriesTables();
+  // A table's state is the number of its columns: all of them or none.
   const struct {
-    const char *what;
-    std::string prepare;
+    const char *what, *prepare;
     int32_t (*operation)();
-    std::string state;
-    const char *before;
-    const char *after;
+    const char *state, *before, *after;
   } cases[] = {
       // Slots 3..5 of day 1 set to 0 in one write whose column names share one block (first:
       // the last run below may leave the day table absent).
       {"slot fill",
        "INSERT OR REPLACE INTO RSSI1 (MAC_S, SLOT3, SLOT4, SLOT5) VALUES ('m', 7, 7, 7)",
-       [] {
-         return db_updateRssiSlotDefaultValue(Values{"m", "3", "5"}.data());
-       },
+       [] { return db_updateRssiSlotDefaultValue(Values{"m", "3", "5"}.data()); },
        "SELECT SLOT3 || SLOT4 || SLOT5 FROM RSSI1", "777", "000"},
       {"table creation", "DROP TABLE IF EXISTS DEVICEINFO", db_createDeviceInfoTable,
-       columnCount("DEVICEINFO"), "0", "38"},
+       "SELECT count(*) FROM pragma_table_info('DEVICEINFO')", "0", "38"},
       // A day table: its 288 slot names share one block.
       {"day table creation", "DROP TABLE IF EXISTS RSSI1", [] { return db_createRssiTab(1, 288); },
-       columnCount("RSSI1"), "0", "289"},
+       "SELECT count(*) FROM pragma_table_info('RSSI1')", "0", "289"},
   };
   for (const auto &c : cases) {
     failEach(gAllocations,
-             {.prepare = [&] { raw().exec(c.prepare); },
-              .operation = c.operation,
-              .allowed = {DB_STATUS_SUCCESS, DB_STATUS_FAILURE},
-              .outcomes = {c.before, c.after},
-              .committed = c.after,
-              .observe = adbtest::stateOf(c.state)},
+             {.prepare = execs(c.prepare), .operation = c.operation,
+              .allowed = {DB_STATUS_SUCCESS, DB_STATUS_FAILURE}, .outcomes = {c.before, c.after},
+              .committed = c.after, .observe = adbtest::stateOf(c.state)},
              std::string(c.what) + " allocations");
   }
 }

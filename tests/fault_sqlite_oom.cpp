@@ -37,9 +37,7 @@ TEST_F(SqliteOomTest, WritesReadsAndQueuedWritesEndInAStatusAndLeaveTheOldOrTheN
 
 int main(int argc, char **argv) {
   // Thousands of short transactions: on a memory file system their syncs cost nothing.
-  if (getenv("TMPDIR") == nullptr && access("/dev/shm", W_OK) == 0) {
-    setenv("TMPDIR", "/dev/shm", 1);
-  }
+  if (getenv("TMPDIR") == nullptr && access("/dev/shm", W_OK) == 0) setenv("TMPDIR", "/dev/shm", 1);
   sqlite3_config(SQLITE_CONFIG_GETMALLOC, &gSystem);
   sqlite3_mem_methods faulty = gSystem;
   faulty.xMalloc = [](int size) {

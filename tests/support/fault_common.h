@@ -27,31 +27,24 @@ namespace adbtest {
 class FaultCounter {
  public:
   // Called at the site: true when this pass is the one that must fail.
-  bool strikes() {
-    long failAt = failAt_.load();
-    if (failAt < 0) return false;
-    long pass = ++passes_;
-    if (pass != failAt) return false;
-    struck_ = true;
-    return true;
-  }
+  bool strikes() { return on_ && ++passes_ == failAt_; }
   // failAt: the pass that fails; 0 only counts.
   void arm(long failAt) {
     passes_ = 0;
-    struck_ = false;
     failAt_ = failAt;
+    on_ = true;
   }
   // Stops failing and counting; returns the passes seen since arming.
   long disarm() {
-    failAt_ = -1;
-    return passes_.load();
+    on_ = false;
+    return passes_;
   }
-  bool struck() const { return struck_.load(); }
+  // Whether the failing pass was reached since arming.
+  bool struck() const { return failAt_ > 0 && passes_ >= failAt_; }
 
  private:
-  std::atomic<long> passes_{0};
-  std::atomic<long> failAt_{-1};  // -1: off
-  std::atomic<bool> struck_{false};
+  std::atomic<long> passes_{0}, failAt_{0};
+  std::atomic<bool> on_{false};
 };
 
 // The test device, whose row the single-row operations write.
@@ -93,8 +86,7 @@ class FaultTest : public DbTest {
 
   // A write of the test device's row from `before` to `after` (null or "<none>": no row).
   struct NameWrite {
-    const char *what;
-    const char *before;
+    const char *what, *before;
     int32_t (*operation)();
     const char *after;
   };
@@ -110,6 +102,8 @@ class FaultTest : public DbTest {
   // The replay of a parked write: the head stays for a later call or is removed with its status.
   FaultPlan replayPlan();
 
+  // Runs `sql` on the test's own connection.
+  std::function<void()> execs(std::string sql) { return [this, sql] { raw().exec(sql); }; }
   // The test device's row holds `name`, or there is no row for a null name.
   void resetRow(const char *name);
   static int32_t writeName(const char *name, const char *mac = kMac);
