@@ -11,9 +11,6 @@
 
 namespace {
 
-using adbtest::FaultPlan;
-using adbtest::Values;
-
 adbtest::FaultCounter gAllocations;
 
 class LibraryOomTest : public adbtest::FaultTest {
@@ -44,7 +41,7 @@ TEST_F(LibraryOomTest, TableCreationsAndSlotFillsAreWholeOrAbsent) {
       // the last run below may leave the day table absent).
       {"slot fill",
        "INSERT OR REPLACE INTO RSSI1 (MAC_S, SLOT3, SLOT4, SLOT5) VALUES ('m', 7, 7, 7)",
-       [] { return db_updateRssiSlotDefaultValue(Values{"m", "3", "5"}.data()); },
+       [] { return db_updateRssiSlotDefaultValue(adbtest::Values{"m", "3", "5"}.data()); },
        "SELECT SLOT3 || SLOT4 || SLOT5 FROM RSSI1", "777", "000"},
       {"table creation", "DROP TABLE IF EXISTS DEVICEINFO", db_createDeviceInfoTable,
        "SELECT count(*) FROM pragma_table_info('DEVICEINFO')", "0", "38"},
@@ -62,21 +59,16 @@ TEST_F(LibraryOomTest, TableCreationsAndSlotFillsAreWholeOrAbsent) {
 }
 
 TEST_F(LibraryOomTest, WritesDeletesDropsQueuedWritesAndReadsEndInAStatusAndLeaveOldOrNew) {
-  const NameWrite writes[] = {
+  const std::vector<NameWrite> writes = {
       kNameWrites[0],
       kNameWrites[1],
       {"delete", "Doomed", [] { return db_deleteMacDeviceInfo(kMac); }, "<none>"},
       {"drop", "Dropped", db_dropDeviceInfoTable, "<none>"},
   };
-  for (const NameWrite &write : writes) {
-    failEach(gAllocations, writePlan(write, {DB_STATUS_SUCCESS, DB_STATUS_FAILURE}),
-             std::string(write.what) + " allocations");
-  }
   // A busy write the queue had no memory for is told so (7), not "parked".
-  failEach(gAllocations, parkedPlan({DB_STATUS_BUSY, DB_STATUS_FAILURE, DB_STATUS_QUEUE_FULL}),
-           "parked write allocations");
-  failEach(gAllocations, replayPlan(), "replay allocations");
-  failEach(gAllocations, readPlan({DB_STATUS_SUCCESS, DB_STATUS_FAILURE}), "read allocations");
+  failEachRowOperation(gAllocations, writes, {DB_STATUS_SUCCESS, DB_STATUS_FAILURE},
+                       {DB_STATUS_SUCCESS, DB_STATUS_FAILURE},
+                       {DB_STATUS_BUSY, DB_STATUS_FAILURE, DB_STATUS_QUEUE_FULL});
 }
 
 }  // namespace

@@ -19,8 +19,6 @@
 
 namespace {
 
-using adbtest::Cell;
-using adbtest::RawDb;
 using adbtest::Values;
 namespace fs = std::filesystem;
 
@@ -91,8 +89,8 @@ class PowerLossTest : public adbtest::FaultTest {
     for (const auto &[path, content] : image) {
       std::ofstream(folder / fs::path(path).filename(), std::ios::binary) << content;
     }
-    RawDb booted((folder / fs::path(dbPath()).filename()).string());
-    EXPECT_EQ(booted.scalar("PRAGMA integrity_check"), Cell("ok"));
+    adbtest::RawDb booted((folder / fs::path(dbPath()).filename()).string());
+    EXPECT_EQ(booted.scalar("PRAGMA integrity_check"), adbtest::Cell("ok"));
     return booted.scalar(state).value_or("none");
   }
 };

@@ -66,55 +66,58 @@ FaultPlan FaultTest::writePlan(const NameWrite &write, std::set<int32_t> allowed
           .committed = write.after};
 }
 
-FaultPlan FaultTest::readPlan(std::set<int32_t> allowed) {
-  auto read = [] {
+void FaultTest::failEachRowOperation(FaultCounter &fault, const std::vector<NameWrite> &writes,
+                                     const std::set<int32_t> &written,
+                                     const std::set<int32_t> &read,
+                                     const std::set<int32_t> &parked) {
+  auto readRows = [] {
     DeviceInfoRecord **list = nullptr;
     int32_t rows = 0;
     const int32_t status = db_readDeviceInfoTable(&list, &rows);
-    std::vector<std::string> names, expected;
-    if (status == DB_STATUS_SUCCESS) expected = {"Reader", "", ""};
+    std::string names;
     for (int32_t r = 0; status == DB_STATUS_SUCCESS && r < rows; ++r) {
-      names.push_back(list[r] != nullptr ? list[r]->friendlyName : "<no record>");
+      names += list[r] != nullptr ? std::string(list[r]->friendlyName) + ";" : "<no record>;";
     }
-    EXPECT_EQ(names, expected);
+    EXPECT_EQ(names, status == DB_STATUS_SUCCESS ? "Reader;;;" : "");
     // A failed conversion hands out the records made so far; they are freed alike.
     if (list != nullptr) db_freeDeviceInfoResult(&list, rows);
     EXPECT_EQ(list, nullptr);
     return status;
   };
-  return {.prepare = execs("DELETE FROM DEVICEINFO; INSERT INTO DEVICEINFO (MAC_S, FRIENDLYNAME_S) "
-                           "VALUES ('11:22:33:44:55:66', 'Reader'), ('a', NULL), ('b', NULL)"),
-          .operation = read, .allowed = std::move(allowed), .outcomes = {"Reader"}};
-}
+  // First: a drop among the writes may take the table.
+  const char *threeRows = "DELETE FROM DEVICEINFO; INSERT INTO DEVICEINFO (MAC_S, FRIENDLYNAME_S) "
+                          "VALUES ('11:22:33:44:55:66', 'Reader'), ('a', NULL), ('b', NULL)";
+  failEach(fault, {.prepare = execs(threeRows), .operation = readRows, .allowed = read,
+                   .outcomes = {"Reader"}}, "read allocations");
+  for (const NameWrite &write : writes) {
+    failEach(fault, writePlan(write, written), std::string(write.what) + " allocations");
+  }
 
-FaultPlan FaultTest::parkedPlan(std::set<int32_t> allowed) {
   auto park = [] {
     const int32_t status = writeName("Parked");
     // Parked exactly when it answers 3, and the whole request: a node that could not hold every
     // value would replay another write than the caller's.
-    const bool parked = status == DB_STATUS_BUSY;
+    const bool busy = status == DB_STATUS_BUSY;
     const WriteRequestNode *head = queueHead();
     const std::vector<Cell> none, whole = {kMac, "Parked"};
-    EXPECT_EQ(head != nullptr ? nodeValues(*head) : none, parked ? whole : none);
-    EXPECT_EQ(queueCount, parked ? 1 : 0);
+    EXPECT_EQ(head != nullptr ? nodeValues(*head) : none, busy ? whole : none);
+    EXPECT_EQ(queueCount, busy ? 1 : 0);
     return status;
   };
-  auto prepare = [this] {
+  auto holdBusy = [this] {
     resetRow("Before");
     busy_.emplace(dbPath());
   };
-  return {.prepare = prepare, .operation = park, .clean = DB_STATUS_BUSY,
-          .allowed = std::move(allowed), .outcomes = {"Before"}};
-}
+  failEach(fault, {.prepare = holdBusy, .operation = park, .clean = DB_STATUS_BUSY,
+                   .allowed = parked, .outcomes = {"Before"}}, "parked write allocations");
 
-FaultPlan FaultTest::replayPlan() {
   // failEach emptied the queue after the run before.
-  auto prepare = [this] {
+  auto parkOne = [this] {
     resetRow("Before");
     ASSERT_EQ(whileBusy([] { return writeName("Replayed"); }), DB_STATUS_BUSY);
   };
-  return {.prepare = prepare, .operation = db_processQueueEntry, .clean = 0,
-          .allowed = {0, 2, 3}, .outcomes = {"Before", "Replayed"}};
+  failEach(fault, {.prepare = parkOne, .operation = db_processQueueEntry, .allowed = {0, 2, 3},
+                   .outcomes = {"Before", "Replayed"}}, "replay allocations");
 }
 
 std::string nameOf(RawDb &db, const char *mac) {
@@ -130,10 +133,6 @@ void FaultTest::resetRow(const char *name) {
   if (name == nullptr) return;
   raw().exec(std::string("INSERT INTO DEVICEINFO (MAC_S, FRIENDLYNAME_S) VALUES ('") + kMac +
              "', '" + name + "')");
-}
-
-int32_t FaultTest::writeName(const char *name, const char *mac) {
-  return db_updateDeviceInfoBeaconFName(Values{mac, name}.data());
 }
 
 namespace {

@@ -19,6 +19,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "support/db_fixture.h"
 
@@ -94,19 +95,22 @@ class FaultTest : public DbTest {
   // (its INSERT meets the key, then the UPDATE writes).
   static const NameWrite kNameWrites[2];
   FaultPlan writePlan(const NameWrite &write, std::set<int32_t> allowed);
-  // A read of DEVICEINFO's three rows into records, which are then freed.
-  FaultPlan readPlan(std::set<int32_t> allowed);
-  // A write that meets the busy file: it answers 3 exactly when it was parked, and what is
-  // parked is the whole request.
-  FaultPlan parkedPlan(std::set<int32_t> allowed);
-  // The replay of a parked write: the head stays for a later call or is removed with its status.
-  FaultPlan replayPlan();
+  // What every allocation fault source runs, each with every pass of `fault` failing in turn and
+  // each run ending in one of the statuses given for it: `writes`; a read of DEVICEINFO's three
+  // rows into records, which are then freed; a write that meets the busy file, which answers 3
+  // exactly when it was parked and parks the whole request; the replay of a parked write, whose
+  // head stays for a later call or is removed with its status (0, 2 or 3).
+  void failEachRowOperation(FaultCounter &fault, const std::vector<NameWrite> &writes,
+                            const std::set<int32_t> &written, const std::set<int32_t> &read,
+                            const std::set<int32_t> &parked);
 
   // Runs `sql` on the test's own connection.
   std::function<void()> execs(std::string sql) { return [this, sql] { raw().exec(sql); }; }
   // The test device's row holds `name`, or there is no row for a null name.
   void resetRow(const char *name);
-  static int32_t writeName(const char *name, const char *mac = kMac);
+  static int32_t writeName(const char *name, const char *mac = kMac) {
+    return db_updateDeviceInfoBeaconFName(Values{mac, name}.data());
+  }
 
   std::optional<BusyHolder> busy_;  // held during a run, released after it
 };
