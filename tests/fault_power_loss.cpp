@@ -54,10 +54,12 @@ class PowerLossTest : public adbtest::FaultTest {
   }
 
   // Runs `operation` through the shim from a closed connection, then boots every image it could
-  // leave: each must pass integrity_check and read as `before` or `after` (by the query `state`),
-  // and the image after it returned 0 must read as `after`. Returns the number of images checked.
+  // leave: each must pass integrity_check and read as `before` or `after` (by the query `state`
+  // of one value, "none" for NULL or no row), and the image after it returned 0 must read as
+  // `after`. Returns the number of images checked.
   size_t cutEverywhere(int32_t (*operation)(), const std::string &state, const std::string &before,
                        const std::string &after) {
+    SCOPED_TRACE(state);
     EXPECT_EQ(raw().scalar(state).value_or("none"), before);
     EXPECT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
     // What is on disk before the operation is durable.
@@ -96,31 +98,22 @@ class PowerLossTest : public adbtest::FaultTest {
 };
 
 TEST_F(PowerLossTest, EveryWriteThatReturnedSurvivesACutAndNoneIsHalfDone) {
-  // state: a query of one value; "none" stands for NULL or no row.
-  const struct {
-    int32_t (*operation)();
-    const char *state, *before, *after;
-  } writes[] = {
-      {[] { return db_updateDeviceInfoCapacity(Values{kMac, "42"}.data()); },
-       "SELECT CAPACITY FROM DEVICEINFO WHERE MAC_S = '11:22:33:44:55:66'", "none", "42"},
-      // A tick: three samples in one transaction, all or nothing.
-      {[] {
-         if (db_beginTransaction() != DB_STATUS_SUCCESS) return DB_STATUS_FAILURE;
-         db_updateRssi(Values{kMac, "1700000300", "2", "-40"}.data());
-         db_updateBandWidthRx(Values{kMac, "WAN", "1700000300", "2", "1000"}.data());
-         db_updateBandWidthTx(Values{kMac, "WAN", "1700000300", "2", "2000"}.data());
-         return db_commitTransaction();
-       },
-       "SELECT (SELECT SLOT2 FROM RSSI1) || '/' || ifnull((SELECT SLOT2 FROM BANDWIDTHRX1), '-') "
-       "|| '/' || ifnull((SELECT SLOT2 FROM BANDWIDTHTX1), '-')",
-       "none", "-40/1000/2000"},
-      {[] { return db_updateDBVersion(7); }, "PRAGMA user_version", "5", "7"},
+  size_t cuts = cutEverywhere(
+      [] { return db_updateDeviceInfoCapacity(Values{kMac, "42"}.data()); },
+      "SELECT CAPACITY FROM DEVICEINFO WHERE MAC_S = '11:22:33:44:55:66'", "none", "42");
+  // A tick: three samples in one transaction, all or nothing (a failed BEGIN fails the COMMIT).
+  auto tick = [] {
+    db_beginTransaction();
+    db_updateRssi(Values{kMac, "1700000300", "2", "-40"}.data());
+    db_updateBandWidthRx(Values{kMac, "WAN", "1700000300", "2", "1000"}.data());
+    db_updateBandWidthTx(Values{kMac, "WAN", "1700000300", "2", "2000"}.data());
+    return db_commitTransaction();
   };
-  size_t cuts = 0;
-  for (const auto &write : writes) {
-    SCOPED_TRACE(write.state);
-    cuts += cutEverywhere(write.operation, write.state, write.before, write.after);
-  }
+  cuts += cutEverywhere(tick,
+                        "SELECT (SELECT SLOT2 FROM RSSI1) || '/' || ifnull((SELECT SLOT2 FROM "
+                        "BANDWIDTHRX1), '-') || '/' || ifnull((SELECT SLOT2 FROM BANDWIDTHTX1), "
+                        "'-')", "none", "-40/1000/2000");
+  cuts += cutEverywhere([] { return db_updateDBVersion(7); }, "PRAGMA user_version", "5", "7");
   RecordProperty("power_cuts", static_cast<int>(cuts));
   std::printf("power cuts checked: %zu\n", cuts);
 }

@@ -174,13 +174,11 @@ int shimOpen(sqlite3_vfs *, sqlite3_filename name, sqlite3_file *file, int flags
   const int result = gReal->xOpen(gReal, name, file, flags, outFlags);
   if (file->pMethods != nullptr) {
     *trailerOf(file) = {file->pMethods, name};
-    auto [entry, added] = gMethods.try_emplace(file->pMethods, *file->pMethods);
-    if (added) {
-      entry->second.iVersion = 2;
-      entry->second.xWrite = shimWrite;
-      entry->second.xSync = shimSync;
-    }
-    file->pMethods = &entry->second;
+    sqlite3_io_methods &shim = gMethods.try_emplace(file->pMethods, *file->pMethods).first->second;
+    shim.iVersion = 2;
+    shim.xWrite = shimWrite;
+    shim.xSync = shimSync;
+    file->pMethods = &shim;
   }
   return result;
 }
