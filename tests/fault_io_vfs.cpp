@@ -72,7 +72,7 @@ TEST_F(IoFaultTest, ATransactionThatSqliteRolledBackRefusesWritesUntilItsCommit)
   EXPECT_EQ(writeName("Second", kTransactionMacs[1]), DB_STATUS_SUCCESS);
 }
 
-TEST_F(IoFaultTest, SampleWritesLeaveEachRowOldOrNew) {
+TEST_F(IoFaultTest, SamplesInventoryWritesAndTransactionsFailWholeAndLeaveOldOrNewRows) {
   // Only the tables the sample touches: every check opens and checks the whole file.
   ASSERT_EQ(db_createPrimitiveRssiTable(288), DB_STATUS_SUCCESS);
   ASSERT_EQ(db_createRssiTab(1, 288), DB_STATUS_SUCCESS);
@@ -92,9 +92,6 @@ TEST_F(IoFaultTest, SampleWritesLeaveEachRowOldOrNew) {
            "SELECT (SELECT TIMESTAMP || '/' || SLT_IND FROM PRIMITIVE_RSSI) || ' ' || "
            "(SELECT SLOT288 FROM RSSI1) || ' ' || ifnull((SELECT SLOT289 FROM RSSI2), '<none>')")},
       "sample");
-}
-
-TEST_F(IoFaultTest, InventoryWritesAndTransactionsFailWholeAndLeaveTheOldOrTheNewRows) {
   for (const NameWrite &write : kNameWrites) {
     failEveryWriteAndSync(writePlan(write, {DB_STATUS_FAILURE}), write.what);
   }

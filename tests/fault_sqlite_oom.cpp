@@ -34,11 +34,9 @@ int main(int argc, char **argv) {
   if (getenv("TMPDIR") == nullptr && access("/dev/shm", W_OK) == 0) setenv("TMPDIR", "/dev/shm", 1);
   sqlite3_config(SQLITE_CONFIG_GETMALLOC, &gSystem);
   sqlite3_mem_methods faulty = gSystem;
-  faulty.xMalloc = [](int size) {
-    return gAllocations.strikes() ? nullptr : gSystem.xMalloc(size);
-  };
-  faulty.xRealloc = [](void *old, int size) {
-    return gAllocations.strikes() ? nullptr : gSystem.xRealloc(old, size);
+  faulty.xMalloc = [](int n) { return gAllocations.strikes() ? nullptr : gSystem.xMalloc(n); };
+  faulty.xRealloc = [](void *old, int n) {
+    return gAllocations.strikes() ? nullptr : gSystem.xRealloc(old, n);
   };
   if (sqlite3_config(SQLITE_CONFIG_MALLOC, &faulty) != SQLITE_OK) return 2;
   ::testing::InitGoogleTest(&argc, argv);

@@ -30,8 +30,7 @@ void FaultTest::failEach(FaultCounter &fault, const FaultPlan &plan, const std::
     log().clear();
     fault.arm(n);
     const int32_t status = plan.operation();
-    const long seen = fault.disarm();
-    if (n == 0) total = seen;
+    if (const long seen = fault.disarm(); n == 0) total = seen;
     busy_.reset();
     if (plan.settle) plan.settle(status);
     // The whole file, from a connection of its own.
@@ -97,11 +96,10 @@ void FaultTest::failEachRowOperation(FaultCounter &fault, const std::vector<Name
     const int32_t status = writeName("Parked");
     // Parked exactly when it answers 3, and the whole request: a node that could not hold every
     // value would replay another write than the caller's.
-    const bool busy = status == DB_STATUS_BUSY;
     const WriteRequestNode *head = queueHead();
     const std::vector<Cell> none, whole = {kMac, "Parked"};
-    EXPECT_EQ(head != nullptr ? nodeValues(*head) : none, busy ? whole : none);
-    EXPECT_EQ(queueCount, busy ? 1 : 0);
+    EXPECT_EQ(std::make_pair(queueCount, head != nullptr ? nodeValues(*head) : none),
+              status == DB_STATUS_BUSY ? std::make_pair(1, whole) : std::make_pair(0, none));
     return status;
   };
   auto holdBusy = [this] {
