@@ -10,8 +10,6 @@
 
 namespace {
 
-using adbtest::Cell;
-
 adbtest::FaultCounter gWrites, gSyncs;
 
 constexpr const char *kOtherMac = "66:55:44:33:22:11";
@@ -19,9 +17,8 @@ constexpr const char *kOtherMac = "66:55:44:33:22:11";
 constexpr const char *kTransactionMacs[] = {"11:22:33:44:55:66", "22:22:33:44:55:66",
                                             "33:22:33:44:55:66"};
 // Their names in that order (the other device's row left out).
-constexpr const char *kTransactionNames =
-    "SELECT group_concat(FRIENDLYNAME_S, ',') FROM (SELECT FRIENDLYNAME_S FROM DEVICEINFO "
-    "WHERE MAC_S LIKE '%:22:33:44:55:66' ORDER BY MAC_S)";
+constexpr const char *kTransactionNames = "SELECT group_concat(FRIENDLYNAME_S, ',') FROM (SELECT "
+    "FRIENDLYNAME_S FROM DEVICEINFO WHERE MAC_S LIKE '%:22:33:44:55:66' ORDER BY MAC_S)";
 
 class IoFaultTest : public adbtest::FaultTest {
  protected:
@@ -32,10 +29,11 @@ class IoFaultTest : public adbtest::FaultTest {
     ASSERT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
   }
 
-  // Fails every write, then every sync, of the operation in turn (each run fails, so failEach
+  // Fails every write, then every sync, of the operation in turn: each run fails (so failEach
   // sees that it logged an error line). The library goes on writing on the same connection,
   // each write committed at once.
   void failEveryWriteAndSync(adbtest::FaultPlan plan, const std::string &name) {
+    plan.allowed = {DB_STATUS_FAILURE};
     plan.settle = [this](int32_t) {
       raw().exec(std::string("DELETE FROM DEVICEINFO WHERE MAC_S = '") + kOtherMac + "'");
       EXPECT_EQ(writeName("After", kOtherMac), DB_STATUS_SUCCESS) << "it fails on after a fault";
@@ -57,14 +55,14 @@ TEST_F(IoFaultTest, ATransactionThatSqliteRolledBackRefusesWritesUntilItsCommit)
                         "earlier error, COMMIT ends it \n Query : INSERT INTO";
   EXPECT_EQ(log().countContaining(refused), 1u) << log().dump();
   EXPECT_EQ(db_commitTransaction(), DB_STATUS_FAILURE);  // the caller learns of the loss
-  EXPECT_EQ(raw().scalar("SELECT count(*) FROM DEVICEINFO"), Cell("0"));
+  EXPECT_EQ(raw().scalar("SELECT count(*) FROM DEVICEINFO"), adbtest::Cell("0"));
 
   // The commit ended it: single writes and whole transactions work again.
   EXPECT_EQ(writeName("Third", kTransactionMacs[2]), DB_STATUS_SUCCESS);
   EXPECT_EQ(db_beginTransaction(), DB_STATUS_SUCCESS);
   EXPECT_EQ(writeName("First", kTransactionMacs[0]), DB_STATUS_SUCCESS);
   EXPECT_EQ(db_commitTransaction(), DB_STATUS_SUCCESS);
-  EXPECT_EQ(raw().scalar(kTransactionNames), Cell("First,Third"));
+  EXPECT_EQ(raw().scalar(kTransactionNames), adbtest::Cell("First,Third"));
 
   // Closing the connection ends a transaction too: nothing is refused after a reopen.
   ASSERT_EQ(db_beginTransaction(), DB_STATUS_SUCCESS);
@@ -85,7 +83,6 @@ TEST_F(IoFaultTest, SamplesInventoryWritesAndTransactionsFailWholeAndLeaveOldOrN
                         "('11:22:33:44:55:66', 1000, 288); INSERT INTO RSSI1 (MAC_S, SLOT288) "
                         "VALUES ('11:22:33:44:55:66', 40)"),
        .operation = [] { return db_updateRssi(adbtest::Values{kMac, "1300", "289", "55"}.data()); },
-       .allowed = {DB_STATUS_FAILURE},
        .outcomes = {"1000/288 40 <none>", "1300/289 40 <none>", "1000/288 40 55", "1300/289 40 55"},
        .committed = "1300/289 40 55",
        .observe = adbtest::stateOf(
@@ -93,7 +90,7 @@ TEST_F(IoFaultTest, SamplesInventoryWritesAndTransactionsFailWholeAndLeaveOldOrN
            "(SELECT SLOT288 FROM RSSI1) || ' ' || ifnull((SELECT SLOT289 FROM RSSI2), '<none>')")},
       "sample");
   for (const NameWrite &write : kNameWrites) {
-    failEveryWriteAndSync(writePlan(write, {DB_STATUS_FAILURE}), write.what);
+    failEveryWriteAndSync(writePlan(write, {}), write.what);
   }
   // An update and two inserts between BEGIN and COMMIT; every step runs, as a caller that
   // checks the statuses only at the end would run them.
@@ -109,9 +106,8 @@ TEST_F(IoFaultTest, SamplesInventoryWritesAndTransactionsFailWholeAndLeaveOldOrN
   };
   const char *committed = "New name,Second,Third";
   failEveryWriteAndSync({.prepare = [&] { resetRow("Old name"); }, .operation = transaction,
-                         .allowed = {DB_STATUS_FAILURE}, .outcomes = {"Old name", committed},
-                         .committed = committed, .observe = adbtest::stateOf(kTransactionNames)},
-                        "transaction");
+                         .outcomes = {"Old name", committed}, .committed = committed,
+                         .observe = adbtest::stateOf(kTransactionNames)}, "transaction");
 }
 
 }  // namespace

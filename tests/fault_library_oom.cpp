@@ -32,23 +32,21 @@ class LibraryOomTest : public adbtest::FaultTest {
 };
 
 TEST_F(LibraryOomTest, RowOperationsTableCreationsAndSlotFillsEndInAStatusAndLeaveOldOrNew) {
+  const std::set<int32_t> either = {DB_STATUS_SUCCESS, DB_STATUS_FAILURE};
   // A busy write the queue had no memory for is told so (7), not "parked".
   failEachRowOperation(gAllocations,
                        {kNameWrites[0], kNameWrites[1],
                         {"delete", "Doomed", [] { return db_deleteMacDeviceInfo(kMac); }, "<none>"},
                         {"drop", "Dropped", db_dropDeviceInfoTable, "<none>"}},
-                       {DB_STATUS_SUCCESS, DB_STATUS_FAILURE},
-                       {DB_STATUS_SUCCESS, DB_STATUS_FAILURE},
-                       {DB_STATUS_BUSY, DB_STATUS_FAILURE, DB_STATUS_QUEUE_FULL});
+                       either, either, {DB_STATUS_BUSY, DB_STATUS_FAILURE, DB_STATUS_QUEUE_FULL});
 
   // Each run leaves the old or the new state, and a run that returned 0 the new one.
   createSeriesTables();
-  auto wholeOrAbsent = [this](const char *what, const char *prepare, int32_t (*operation)(),
-                              const char *state, const char *before, const char *after) {
+  auto wholeOrAbsent = [&](const char *what, const char *prepare, int32_t (*operation)(),
+                           const char *state, const char *before, const char *after) {
     failEach(gAllocations,
-             {.prepare = execs(prepare), .operation = operation,
-              .allowed = {DB_STATUS_SUCCESS, DB_STATUS_FAILURE}, .outcomes = {before, after},
-              .committed = after, .observe = adbtest::stateOf(state)},
+             {.prepare = execs(prepare), .operation = operation, .allowed = either,
+              .outcomes = {before, after}, .committed = after, .observe = adbtest::stateOf(state)},
              std::string(what) + " allocations");
   };
   // Slots 3..5 of day 1 set to 0 in one write whose column names share one block (first: the

@@ -74,8 +74,8 @@ class PowerLossTest : public adbtest::FaultTest {
     adbtest::removeShimVfs();
     gCuts.push_back(gDurable);  // the cut after the operation returned
     for (size_t cut = 0; cut < gCuts.size(); ++cut) {
-      SCOPED_TRACE("power cut " + std::to_string(cut + 1) + " of " + std::to_string(gCuts.size()) +
-                   " (the last one after the operation returned)");
+      // The last cut is the one after the operation returned.
+      SCOPED_TRACE("power cut " + std::to_string(cut + 1) + " of " + std::to_string(gCuts.size()));
       const std::string booted = boot(gCuts[cut], state);
       // A cut after a sync point leaves either state; the write that returned 0 is not lost.
       EXPECT_TRUE(booted == after || (booted == before && cut + 1 < gCuts.size())) << booted;

@@ -25,8 +25,7 @@
 
 namespace adbtest {
 
-class FaultCounter {
- public:
+struct FaultCounter {
   // Called at the site: true when this pass is the one that must fail.
   bool strikes() { return on_ && ++passes_ == failAt_; }
   // failAt: the pass that fails; 0 only counts.
@@ -43,8 +42,7 @@ class FaultCounter {
   // Whether the failing pass was reached since arming.
   bool struck() const { return failAt_ > 0 && passes_ >= failAt_; }
 
- private:
-  std::atomic<long> passes_{0}, failAt_{0};
+  std::atomic<long> passes_{0}, failAt_{0};  // set by arm() only
   std::atomic<bool> on_{false};
 };
 
