@@ -11,8 +11,6 @@
 
 namespace {
 
-using adbtest::Values;
-
 adbtest::FaultCounter gAllocations;
 
 class LibraryOomTest : public adbtest::FaultTest {
@@ -32,18 +30,18 @@ class LibraryOomTest : public adbtest::FaultTest {
 };
 
 TEST_F(LibraryOomTest, RowOperationsTableCreationsAndSlotFillsEndInAStatusAndLeaveOldOrNew) {
-  const std::set<int32_t> either = {DB_STATUS_SUCCESS, DB_STATUS_FAILURE};
+  const adbtest::Statuses either = {DB_STATUS_SUCCESS, DB_STATUS_FAILURE};
   // A busy write the queue had no memory for is told so (7), not "parked".
   failEachRowOperation(gAllocations,
                        {kNameWrites[0], kNameWrites[1],
-                        {"delete", "Doomed", [] { return db_deleteMacDeviceInfo(kMac); }, "<none>"},
-                        {"drop", "Dropped", db_dropDeviceInfoTable, "<none>"}},
+                        {"delete", "Doomed", "<none>", [] { return db_deleteMacDeviceInfo(kMac); }},
+                        {"drop", "Dropped", "<none>", db_dropDeviceInfoTable}},
                        either, either, {DB_STATUS_BUSY, DB_STATUS_FAILURE, DB_STATUS_QUEUE_FULL});
 
   // Each run leaves the old or the new state, and a run that returned 0 the new one.
   createSeriesTables();
-  auto wholeOrAbsent = [&](const char *what, const char *prepare, int32_t (*operation)(),
-                           const char *state, const char *before, const char *after) {
+  auto wholeOrNone = [&](const char *what, const char *prepare, int32_t (*operation)(),
+                         const char *state, const char *before, const char *after) {
     failEach(gAllocations,
              {.prepare = execs(prepare), .operation = operation, .allowed = either,
               .outcomes = {before, after}, .committed = after, .observe = adbtest::stateOf(state)},
@@ -51,17 +49,17 @@ TEST_F(LibraryOomTest, RowOperationsTableCreationsAndSlotFillsEndInAStatusAndLea
   };
   // Slots 3..5 of day 1 set to 0 in one write whose column names share one block (first: the
   // last run below may leave the day table absent).
-  wholeOrAbsent("slot fill",
-                "INSERT OR REPLACE INTO RSSI1 (MAC_S, SLOT3, SLOT4, SLOT5) VALUES ('m', 7, 7, 7)",
-                [] { return db_updateRssiSlotDefaultValue(Values{"m", "3", "5"}.data()); },
-                "SELECT SLOT3 || SLOT4 || SLOT5 FROM RSSI1", "777", "000");
+  wholeOrNone("slot fill",
+              "INSERT OR REPLACE INTO RSSI1 (MAC_S, SLOT3, SLOT4, SLOT5) VALUES ('m', 7, 7, 7)",
+              [] { return db_updateRssiSlotDefaultValue(adbtest::Values{"m", "3", "5"}.data()); },
+              "SELECT SLOT3 || SLOT4 || SLOT5 FROM RSSI1", "777", "000");
   // A table's state is the number of its columns: all of them or none.
-  wholeOrAbsent("table creation", "DROP TABLE IF EXISTS DEVICEINFO", db_createDeviceInfoTable,
-                "SELECT count(*) FROM pragma_table_info('DEVICEINFO')", "0", "38");
+  wholeOrNone("table creation", "DROP TABLE IF EXISTS DEVICEINFO", db_createDeviceInfoTable,
+              "SELECT count(*) FROM pragma_table_info('DEVICEINFO')", "0", "38");
   // A day table: its 288 slot names share one block.
-  wholeOrAbsent("day table creation", "DROP TABLE IF EXISTS RSSI1",
-                [] { return db_createRssiTab(1, 288); },
-                "SELECT count(*) FROM pragma_table_info('RSSI1')", "0", "289");
+  wholeOrNone("day table creation", "DROP TABLE IF EXISTS RSSI1",
+              [] { return db_createRssiTab(1, 288); },
+              "SELECT count(*) FROM pragma_table_info('RSSI1')", "0", "289");
 }
 
 }  // namespace

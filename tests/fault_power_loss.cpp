@@ -53,14 +53,13 @@ class PowerLossTest : public adbtest::FaultTest {
     ASSERT_EQ(db_updatePrimitiveRssi(Values{kMac, "1700000000", "1"}.data()), DB_STATUS_SUCCESS);
   }
 
-  // Runs `operation` through the shim from a closed connection, then boots every image it could
-  // leave: each must pass integrity_check and read as `before` or `after` (by the query `state`
-  // of one value, "none" for NULL or no row), and the image after it returned 0 must read as
-  // `after`. Returns the number of images checked.
-  size_t cutEverywhere(int32_t (*operation)(), const std::string &state, const std::string &before,
-                       const std::string &after) {
+  // Runs `write` through the shim from a closed connection, then boots every image it could
+  // leave: each must pass integrity_check and read as `from` or `to` (by the query `state` of
+  // one value, "none" for NULL or no row), and the image after it returned 0 must read as `to`.
+  // Returns the number of images checked.
+  size_t cutEverywhere(int32_t (*write)(), const char *state, const char *from, const char *to) {
     SCOPED_TRACE(state);
-    EXPECT_EQ(raw().scalar(state).value_or("none"), before);
+    EXPECT_EQ(raw().scalar(state).value_or("none"), from);
     EXPECT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
     // What is on disk before the operation is durable.
     gDurable.clear();
@@ -69,7 +68,7 @@ class PowerLossTest : public adbtest::FaultTest {
     }
     gCuts.clear();
     EXPECT_TRUE(adbtest::installShimVfs({.synced = synced, .deleted = deleted}));
-    EXPECT_EQ(operation(), DB_STATUS_SUCCESS);
+    EXPECT_EQ(write(), DB_STATUS_SUCCESS);
     EXPECT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
     adbtest::removeShimVfs();
     gCuts.push_back(gDurable);  // the cut after the operation returned
@@ -78,7 +77,7 @@ class PowerLossTest : public adbtest::FaultTest {
       SCOPED_TRACE("power cut " + std::to_string(cut + 1) + " of " + std::to_string(gCuts.size()));
       const std::string booted = boot(gCuts[cut], state);
       // A cut after a sync point leaves either state; the write that returned 0 is not lost.
-      EXPECT_TRUE(booted == after || (booted == before && cut + 1 < gCuts.size())) << booted;
+      EXPECT_TRUE(booted == to || (booted == from && cut + 1 < gCuts.size())) << booted;
     }
     return gCuts.size();
   }

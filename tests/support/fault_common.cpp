@@ -55,10 +55,10 @@ void FaultTest::failEach(FaultCounter &fault, const FaultPlan &plan, const std::
 }
 
 const FaultTest::NameWrite FaultTest::kNameWrites[2] = {
-    {"insert", nullptr, [] { return writeName("Kitchen TV"); }, "Kitchen TV"},
-    {"update", "Old name", [] { return writeName("New name"); }, "New name"}};
+    {"insert", nullptr, "Kitchen TV", [] { return writeName("Kitchen TV"); }},
+    {"update", "Old name", "New name", [] { return writeName("New name"); }}};
 
-FaultPlan FaultTest::writePlan(const NameWrite &write, std::set<int32_t> allowed) {
+FaultPlan FaultTest::writePlan(const NameWrite &write, Statuses allowed) {
   return {.prepare = [this, write] { resetRow(write.before); }, .operation = write.operation,
           .allowed = std::move(allowed),
           .outcomes = {write.before != nullptr ? write.before : "<none>", write.after},
@@ -66,9 +66,8 @@ FaultPlan FaultTest::writePlan(const NameWrite &write, std::set<int32_t> allowed
 }
 
 void FaultTest::failEachRowOperation(FaultCounter &fault, const std::vector<NameWrite> &writes,
-                                     const std::set<int32_t> &written,
-                                     const std::set<int32_t> &read,
-                                     const std::set<int32_t> &parked) {
+                                     const Statuses &written, const Statuses &read,
+                                     const Statuses &parked) {
   auto readRows = [] {
     DeviceInfoRecord **list = nullptr;
     int32_t rows = 0;

@@ -56,12 +56,15 @@ inline std::function<std::string(RawDb &)> stateOf(std::string sql) {
   return [sql](RawDb &db) { return db.scalar(sql).value_or("<none>"); };
 }
 
+// Statuses a run may end in.
+using Statuses = std::set<int32_t>;
+
 // Every member has an initializer, so that a plan names only the members it needs.
 struct FaultPlan {
   std::function<void()> prepare = {};       // sets the file up before each run (faults off)
   std::function<int32_t()> operation = {};  // runs from a closed connection: the open is part of it
   int32_t clean = DB_STATUS_SUCCESS;        // its status when nothing fails
-  std::set<int32_t> allowed = {};           // the statuses a run with a fault may end with
+  Statuses allowed = {};                    // the statuses a run with a fault may end with
   std::set<std::string> outcomes = {};      // the states a run may leave
   std::string committed = {};               // optional: the state a run ending in `clean` leaves
   // The state of the file, from a fresh connection: by default the test device's name.
@@ -85,22 +88,20 @@ class FaultTest : public DbTest {
 
   // A write of the test device's row from `before` to `after` (null or "<none>": no row).
   struct NameWrite {
-    const char *what, *before;
+    const char *what, *before, *after;
     int32_t (*operation)();
-    const char *after;
   };
   // The two writes of the test device's name every fault source runs: an insert, and an update
   // (its INSERT meets the key, then the UPDATE writes).
   static const NameWrite kNameWrites[2];
-  FaultPlan writePlan(const NameWrite &write, std::set<int32_t> allowed);
+  FaultPlan writePlan(const NameWrite &write, Statuses allowed);
   // What every allocation fault source runs, each with every pass of `fault` failing in turn and
   // each run ending in one of the statuses given for it: `writes`; a read of DEVICEINFO's three
   // rows into records, which are then freed; a write that meets the busy file, which answers 3
   // exactly when it was parked and parks the whole request; the replay of a parked write, whose
   // head stays for a later call or is removed with its status (0, 2 or 3).
   void failEachRowOperation(FaultCounter &fault, const std::vector<NameWrite> &writes,
-                            const std::set<int32_t> &written, const std::set<int32_t> &read,
-                            const std::set<int32_t> &parked);
+                            const Statuses &written, const Statuses &read, const Statuses &parked);
 
   // Runs `sql` on the test's own connection.
   std::function<void()> execs(std::string sql) { return [this, sql] { raw().exec(sql); }; }
