@@ -34,7 +34,7 @@ class IoFaultTest : public adbtest::FaultTest {
   // each write committed at once.
   void failEveryWriteAndSync(adbtest::FaultPlan plan, const std::string &name) {
     plan.allowed = {DB_STATUS_FAILURE};
-    plan.settle = [this](int32_t) {
+    plan.settle = [this] {
       raw().exec(std::string("DELETE FROM DEVICEINFO WHERE MAC_S = '") + kOtherMac + "'");
       EXPECT_EQ(writeName("After", kOtherMac), DB_STATUS_SUCCESS) << "it fails on after a fault";
       EXPECT_EQ(adbtest::nameOf(raw(), kOtherMac), "After") << "a later write is not committed";

@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <map>
-#include <vector>
 
 namespace adbtest {
 
@@ -32,7 +31,7 @@ void FaultTest::failEach(FaultCounter &fault, const FaultPlan &plan, const std::
     const int32_t status = plan.operation();
     if (const long seen = fault.disarm(); n == 0) total = seen;
     busy_.reset();
-    if (plan.settle) plan.settle(status);
+    if (plan.settle) plan.settle();
     // The whole file, from a connection of its own.
     EXPECT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
     RawDb check(dbPath());

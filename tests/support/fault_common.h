@@ -69,7 +69,7 @@ struct FaultPlan {
   std::string committed = {};               // optional: the state a run ending in `clean` leaves
   // The state of the file, from a fresh connection: by default the test device's name.
   std::function<std::string(RawDb &)> observe = [](RawDb &db) { return nameOf(db); };
-  std::function<void(int32_t status)> settle = {};  // optional: after the operation, faults off
+  std::function<void()> settle = {};  // optional: after the operation, faults off
 };
 
 class FaultTest : public DbTest {
