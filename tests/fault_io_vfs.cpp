@@ -2,8 +2,8 @@
 //
 // The shim VFS (support/fault_common.h), made the default while a test runs, wraps the default
 // one, so the library's own connection reaches the database, its journal and any temporary file
-// through it. Each run must end in a failure status with an error line, the library must write
-// on on the same connection, and the file must hold the old rows or the new ones, never a mix.
+// through it. Each run must end in a failure status with an error line, the library must go on
+// writing on the same connection, and the file must hold the old rows or the new ones, never a mix.
 #include <string>
 
 #include "support/fault_common.h"
