@@ -11,9 +11,6 @@
 
 namespace {
 
-using adbtest::FaultPlan;
-using adbtest::Values;
-
 adbtest::FaultCounter gAllocations;
 
 class LibraryOomTest : public adbtest::FaultTest {
@@ -32,63 +29,37 @@ class LibraryOomTest : public adbtest::FaultTest {
   }
 };
 
-// The number of columns of a table: all of them or none.
-std::string columnCount(const char *table) {
-  return std::string("SELECT count(*) FROM pragma_table_info('") + table + "')";
-}
-
-TEST_F(LibraryOomTest, TableCreationsAndSlotFillsAreWholeOrAbsent) {
-  createSeriesTables();
-  const struct {
-    const char *what;
-    std::string prepare;
-    int32_t (*operation)();
-    std::string state;
-    const char *before;
-    const char *after;
-  } cases[] = {
-      // Slots 3..5 of day 1 set to 0 in one write whose column names share one block (first:
-      // the last run below may leave the day table absent).
-      {"slot fill",
-       "INSERT OR REPLACE INTO RSSI1 (MAC_S, SLOT3, SLOT4, SLOT5) VALUES ('m', 7, 7, 7)",
-       [] {
-         return db_updateRssiSlotDefaultValue(Values{"m", "3", "5"}.data());
-       },
-       "SELECT SLOT3 || SLOT4 || SLOT5 FROM RSSI1", "777", "000"},
-      {"table creation", "DROP TABLE IF EXISTS DEVICEINFO", db_createDeviceInfoTable,
-       columnCount("DEVICEINFO"), "0", "38"},
-      // A day table: its 288 slot names share one block.
-      {"day table creation", "DROP TABLE IF EXISTS RSSI1", [] { return db_createRssiTab(1, 288); },
-       columnCount("RSSI1"), "0", "289"},
-  };
-  for (const auto &c : cases) {
-    failEach(gAllocations,
-             {.prepare = [&] { raw().exec(c.prepare); },
-              .operation = c.operation,
-              .allowed = {DB_STATUS_SUCCESS, DB_STATUS_FAILURE},
-              .outcomes = {c.before, c.after},
-              .committed = c.after,
-              .observe = adbtest::stateOf(c.state)},
-             std::string(c.what) + " allocations");
-  }
-}
-
-TEST_F(LibraryOomTest, WritesDeletesDropsQueuedWritesAndReadsEndInAStatusAndLeaveOldOrNew) {
-  const NameWrite writes[] = {
-      kNameWrites[0],
-      kNameWrites[1],
-      {"delete", "Doomed", [] { return db_deleteMacDeviceInfo(kMac); }, "<none>"},
-      {"drop", "Dropped", db_dropDeviceInfoTable, "<none>"},
-  };
-  for (const NameWrite &write : writes) {
-    failEach(gAllocations, writePlan(write, {DB_STATUS_SUCCESS, DB_STATUS_FAILURE}),
-             std::string(write.what) + " allocations");
-  }
+TEST_F(LibraryOomTest, RowOperationsTableCreationsAndSlotFillsEndInAStatusAndLeaveOldOrNew) {
+  const adbtest::Statuses either = {DB_STATUS_SUCCESS, DB_STATUS_FAILURE};
   // A busy write the queue had no memory for is told so (7), not "parked".
-  failEach(gAllocations, parkedPlan({DB_STATUS_BUSY, DB_STATUS_FAILURE, DB_STATUS_QUEUE_FULL}),
-           "parked write allocations");
-  failEach(gAllocations, replayPlan(), "replay allocations");
-  failEach(gAllocations, readPlan({DB_STATUS_SUCCESS, DB_STATUS_FAILURE}), "read allocations");
+  failEachRowOperation(gAllocations,
+                       {kNameWrites[0], kNameWrites[1],
+                        {"delete", "Doomed", "<none>", [] { return db_deleteMacDeviceInfo(kMac); }},
+                        {"drop", "Dropped", "<none>", db_dropDeviceInfoTable}},
+                       either, either, {DB_STATUS_BUSY, DB_STATUS_FAILURE, DB_STATUS_QUEUE_FULL});
+
+  // Each run leaves the old or the new state, and a run that returned 0 the new one.
+  createSeriesTables();
+  auto wholeOrNone = [&](const char *what, const char *prepare, int32_t (*operation)(),
+                         const char *state, const char *before, const char *after) {
+    failEach(gAllocations,
+             {.prepare = execs(prepare), .operation = operation, .allowed = either,
+              .outcomes = {before, after}, .committed = after, .observe = adbtest::stateOf(state)},
+             std::string(what) + " allocations");
+  };
+  // Slots 3..5 of day 1 set to 0 in one write whose column names share one block (first: the
+  // last run below may leave the day table absent).
+  wholeOrNone("slot fill",
+              "INSERT OR REPLACE INTO RSSI1 (MAC_S, SLOT3, SLOT4, SLOT5) VALUES ('m', 7, 7, 7)",
+              [] { return db_updateRssiSlotDefaultValue(adbtest::Values{"m", "3", "5"}.data()); },
+              "SELECT SLOT3 || SLOT4 || SLOT5 FROM RSSI1", "777", "000");
+  // A table's state is the number of its columns: all of them or none.
+  wholeOrNone("table creation", "DROP TABLE IF EXISTS DEVICEINFO", db_createDeviceInfoTable,
+              "SELECT count(*) FROM pragma_table_info('DEVICEINFO')", "0", "38");
+  // A day table: its 288 slot names share one block.
+  wholeOrNone("day table creation", "DROP TABLE IF EXISTS RSSI1",
+              [] { return db_createRssiTab(1, 288); },
+              "SELECT count(*) FROM pragma_table_info('RSSI1')", "0", "289");
 }
 
 }  // namespace

@@ -19,39 +19,31 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "support/db_fixture.h"
 
 namespace adbtest {
 
-class FaultCounter {
- public:
+struct FaultCounter {
   // Called at the site: true when this pass is the one that must fail.
-  bool strikes() {
-    long failAt = failAt_.load();
-    if (failAt < 0) return false;
-    long pass = ++passes_;
-    if (pass != failAt) return false;
-    struck_ = true;
-    return true;
-  }
+  bool strikes() { return on_ && ++passes_ == failAt_; }
   // failAt: the pass that fails; 0 only counts.
   void arm(long failAt) {
     passes_ = 0;
-    struck_ = false;
     failAt_ = failAt;
+    on_ = true;
   }
   // Stops failing and counting; returns the passes seen since arming.
   long disarm() {
-    failAt_ = -1;
-    return passes_.load();
+    on_ = false;
+    return passes_;
   }
-  bool struck() const { return struck_.load(); }
+  // Whether the failing pass was reached since arming.
+  bool struck() const { return failAt_ > 0 && passes_ >= failAt_; }
 
- private:
-  std::atomic<long> passes_{0};
-  std::atomic<long> failAt_{-1};  // -1: off
-  std::atomic<bool> struck_{false};
+  std::atomic<long> passes_{0}, failAt_{0};  // set by arm() only
+  std::atomic<bool> on_{false};
 };
 
 // The test device, whose row the single-row operations write.
@@ -64,17 +56,20 @@ inline std::function<std::string(RawDb &)> stateOf(std::string sql) {
   return [sql](RawDb &db) { return db.scalar(sql).value_or("<none>"); };
 }
 
+// Statuses a run may end in.
+using Statuses = std::set<int32_t>;
+
 // Every member has an initializer, so that a plan names only the members it needs.
 struct FaultPlan {
   std::function<void()> prepare = {};       // sets the file up before each run (faults off)
   std::function<int32_t()> operation = {};  // runs from a closed connection: the open is part of it
   int32_t clean = DB_STATUS_SUCCESS;        // its status when nothing fails
-  std::set<int32_t> allowed = {};           // the statuses a run with a fault may end with
+  Statuses allowed = {};                    // the statuses a run with a fault may end with
   std::set<std::string> outcomes = {};      // the states a run may leave
   std::string committed = {};               // optional: the state a run ending in `clean` leaves
   // The state of the file, from a fresh connection: by default the test device's name.
   std::function<std::string(RawDb &)> observe = [](RawDb &db) { return nameOf(db); };
-  std::function<void(int32_t status)> settle = {};  // optional: after the operation, faults off
+  std::function<void()> settle = {};  // optional: after the operation, faults off
 };
 
 class FaultTest : public DbTest {
@@ -93,26 +88,28 @@ class FaultTest : public DbTest {
 
   // A write of the test device's row from `before` to `after` (null or "<none>": no row).
   struct NameWrite {
-    const char *what;
-    const char *before;
+    const char *what, *before, *after;
     int32_t (*operation)();
-    const char *after;
   };
   // The two writes of the test device's name every fault source runs: an insert, and an update
   // (its INSERT meets the key, then the UPDATE writes).
   static const NameWrite kNameWrites[2];
-  FaultPlan writePlan(const NameWrite &write, std::set<int32_t> allowed);
-  // A read of DEVICEINFO's three rows into records, which are then freed.
-  FaultPlan readPlan(std::set<int32_t> allowed);
-  // A write that meets the busy file: it answers 3 exactly when it was parked, and what is
-  // parked is the whole request.
-  FaultPlan parkedPlan(std::set<int32_t> allowed);
-  // The replay of a parked write: the head stays for a later call or is removed with its status.
-  FaultPlan replayPlan();
+  FaultPlan writePlan(const NameWrite &write, Statuses allowed);
+  // What every allocation fault source runs, each with every pass of `fault` failing in turn and
+  // each run ending in one of the statuses given for it: `writes`; a read of DEVICEINFO's three
+  // rows into records, which are then freed; a write that meets the busy file, which answers 3
+  // exactly when it was parked and parks the whole request; the replay of a parked write, whose
+  // head stays for a later call or is removed with its status (0, 2 or 3).
+  void failEachRowOperation(FaultCounter &fault, const std::vector<NameWrite> &writes,
+                            const Statuses &written, const Statuses &read, const Statuses &parked);
 
+  // Runs `sql` on the test's own connection.
+  std::function<void()> execs(std::string sql) { return [this, sql] { raw().exec(sql); }; }
   // The test device's row holds `name`, or there is no row for a null name.
   void resetRow(const char *name);
-  static int32_t writeName(const char *name, const char *mac = kMac);
+  static int32_t writeName(const char *name, const char *mac = kMac) {
+    return db_updateDeviceInfoBeaconFName(Values{mac, name}.data());
+  }
 
   std::optional<BusyHolder> busy_;  // held during a run, released after it
 };
