@@ -2,6 +2,7 @@
 // into caller storage, and the free functions.
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/api_cases.h"
@@ -126,10 +127,9 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
                      "1000", "SN-0123456789", "abc", nullptr};
   SubscriberInfoRecord **subscriberList = nullptr;
   ASSERT_EQ(db_structSubscriberInfo(subscribers.data(), &subscriberList, 2, 2), 0);
-  EXPECT_STREQ(subscriberList[0]->serialNumber, "SN-012345678");
-  EXPECT_EQ(subscriberList[0]->downstreamBandwidth, 1000);
-  EXPECT_STREQ(subscriberList[1]->serialNumber, "");
-  EXPECT_EQ(subscriberList[1]->downstreamBandwidth, 0);  // non-numeric text reads as 0
+  const SubscriberInfoRecord &s0 = *subscriberList[0], &s1 = *subscriberList[1];
+  EXPECT_EQ((Texts{s0.serialNumber, s1.serialNumber}), (Texts{"SN-012345678", ""}));
+  EXPECT_EQ((Ints{s0.downstreamBandwidth, s1.downstreamBandwidth}), (Ints{1000, 0}));
   db_freeSubscriberInfoResult(&subscriberList, 2);
 
   Values stamps{"MAC_S", "DEVTIMESTAMP", "ACTIVE", "INTF_NAME_S",
@@ -137,10 +137,10 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
                 "aa:bb", "5000000000.5", "1", "wl1.2-backhaul-long"};
   DeviceTimestampRecord **stampList = nullptr;
   ASSERT_EQ(db_readTimestampResult(stamps.data(), &stampList, 1, 4), 0);
-  EXPECT_STREQ(stampList[0]->mac, "aa:bb");
-  EXPECT_EQ(stampList[0]->devTimestamp, 4294967295ull);  // a 64-bit field, 32-bit conversion
-  EXPECT_EQ(stampList[0]->active, 1);
-  EXPECT_STREQ(stampList[0]->intfName, "wl1.2-backhaul-");
+  const DeviceTimestampRecord &ts = *stampList[0];
+  EXPECT_EQ((Texts{ts.mac, ts.intfName}), (Texts{"aa:bb", "wl1.2-backhaul-"}));
+  // devTimestamp: a 64-bit field, 32-bit conversion.
+  EXPECT_EQ(std::tuple(ts.devTimestamp, ts.active), std::tuple(4294967295ull, 1));
   db_freeDpClientHandleResult(&stampList, 1);
 
   Values primitive{"MAC_S", "TIMESTAMP", "SLT_IND", "SOURCE_S",
@@ -150,8 +150,7 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
   ASSERT_EQ(db_structPrimitiveDayTable(primitive.data(), &primitiveList, 1, 4), 0);
   const PrimitiveDayTableRecord &p = *primitiveList[0];
   EXPECT_EQ((Texts{p.mac, p.source}), (Texts{"aa:bb", "WAN-source-long"}));
-  EXPECT_EQ(p.timestamp, 1700000000u);
-  EXPECT_EQ(p.slotIndex, 288);
+  EXPECT_EQ(std::tuple(p.timestamp, p.slotIndex), std::tuple(1700000000u, 288));
   db_freePrimitiveDayTable(&primitiveList, 1);
   EXPECT_EQ(primitiveList, nullptr);
   EXPECT_TRUE(log().lines().empty()) << log().dump();
@@ -173,8 +172,8 @@ TEST_F(ResultApi, SlotRecordsPlaceSlotsByNumberOrByColumnOrder) {
   EXPECT_EQ(w.slotIndex, 300);
   // SLOT0 lands nowhere, not in the field before the slots.
   EXPECT_EQ(std::string(w.mac, sizeof w.mac), "aa:bb" + std::string(sizeof w.mac - 5, '\0'));
-  EXPECT_EQ(weekList[1]->slots[0], 18446744073709551615ull);
-  EXPECT_EQ(weekList[1]->slotCount, 5u);
+  EXPECT_EQ((Counts{weekList[1]->slots[0], weekList[1]->slotCount}),
+            (Counts{18446744073709551615ull, 5}));
   db_freeBandWidthResult(&weekList, 2);
 
   // Day records: the n-th slot column goes to element n - 1, whatever its number.
@@ -196,8 +195,7 @@ TEST_F(ResultApi, SlotRecordsPlaceSlotsByNumberOrByColumnOrder) {
   for (int k = 1; k <= 290; ++k) wide.push_back(std::to_string(k));
   Values wideCells(wide);
   ASSERT_EQ(db_readRateStruct(wideCells.data(), &dayList, 1, 291), 0);
-  EXPECT_EQ(dayList[0]->slots[287], 288u);
-  EXPECT_EQ(dayList[0]->slotCount, 290u);
+  EXPECT_EQ((Counts{dayList[0]->slots[287], dayList[0]->slotCount}), (Counts{288, 290}));
   db_freeRateResult(&dayList, 1);
   EXPECT_TRUE(log().lines().empty()) << log().dump();
 }
@@ -206,11 +204,13 @@ namespace {
 
 // An empty result for each conversion, and a null list for its free function: the conversion
 // returns 2 and leaves the caller's list variable alone; both log with `level`, the conversion
-// as `label` and the free function as "<freed> struct is already NULL<end>".
+// as `label` and the free function as `freed` (by default "<label> struct is already NULL\n").
 template <typename Record>
-void expectEmptyAndNull(adbtest::LogCapture &log, const char *label, int level,
-                        int32_t (*convert)(char **, Record ***, int32_t, int32_t),
-                        void (*free)(Record ***, int32_t), const std::string &freed) {
+void emptyAndNull(adbtest::LogCapture &log, const std::string &label,
+                  int32_t (*convert)(char **, Record ***, int32_t, int32_t),
+                  void (*free)(Record ***, int32_t), std::string freed = "",
+                  int level = RYX_LOG_ERROR) {
+  if (freed.empty()) freed = label + " struct is already NULL\n";
   SCOPED_TRACE(label);
   Values header{"MAC_S", "aa:bb"};
   const struct {
@@ -223,9 +223,9 @@ void expectEmptyAndNull(adbtest::LogCapture &log, const char *label, int level,
                 return convert(empty.cells, list, empty.rows, empty.columns);
               }),
               2);
-    EXPECT_TRUE(log.has(level, std::string("[analyticsDB] ") + label +
-                                   " result array NULL / rowcount " + std::to_string(empty.rows) +
-                                   " columcount " + std::to_string(empty.columns) + "\n"))
+    EXPECT_TRUE(log.has(level, "[analyticsDB] " + label + " result array NULL / rowcount " +
+                                   std::to_string(empty.rows) + " columcount " +
+                                   std::to_string(empty.columns) + "\n"))
         << log.dump();
   }
   log.clear();
@@ -238,24 +238,19 @@ void expectEmptyAndNull(adbtest::LogCapture &log, const char *label, int level,
 }  // namespace
 
 TEST_F(ResultApi, EmptyResultsAndNullListsAreReportedWithTheirOwnMessages) {
-  expectEmptyAndNull(log(), "Meshtopo", RYX_LOG_ERROR, db_structMeshTopo, db_freeMeshTopoResult,
-                     "Meshtopo struct is already NULL \n");
-  expectEmptyAndNull(log(), "DeviceInfo", RYX_LOG_ERROR, db_structDeviceInfo,
-                     db_freeDeviceInfoResult, "DeviceInfo struct is already NULL\n");
-  expectEmptyAndNull(log(), "clients", RYX_LOG_DEBUG, db_structClientsCapability,
-                     db_freeClientsResult, "Client capability struct is already NULL \n");
-  expectEmptyAndNull(log(), "DeviceThreshold", RYX_LOG_ERROR, db_structDeviceThreshold,
-                     db_freeDeviceThresholdResult, "DeviceThreshold struct is already NULL\n");
-  expectEmptyAndNull(log(), "SubscriberInfo", RYX_LOG_ERROR, db_structSubscriberInfo,
-                     db_freeSubscriberInfoResult, "SubscriberInfo struct is already NULL\n");
-  expectEmptyAndNull(log(), "DeviceTimestamp", RYX_LOG_ERROR, db_readTimestampResult,
-                     db_freeDpClientHandleResult, "DeviceTimestamp struct is already NULL\n");
-  expectEmptyAndNull(log(), "primtive bandwidth", RYX_LOG_ERROR, db_structPrimitiveDayTable,
-                     db_freePrimitiveDayTable, "primitive bandwidth tbl struct is already NULL\n");
-  expectEmptyAndNull(log(), "BandWidth", RYX_LOG_ERROR, db_structBandWidth, db_freeBandWidthResult,
-                     "BandWidth struct is already NULL\n");
-  expectEmptyAndNull(log(), "perday", RYX_LOG_ERROR, db_readRateStruct, db_freeRateResult,
-                     "Bandwidth per day struct is already NULL\n");
+  emptyAndNull(log(), "Meshtopo", db_structMeshTopo, db_freeMeshTopoResult,
+               "Meshtopo struct is already NULL \n");
+  emptyAndNull(log(), "DeviceInfo", db_structDeviceInfo, db_freeDeviceInfoResult);
+  emptyAndNull(log(), "clients", db_structClientsCapability, db_freeClientsResult,
+               "Client capability struct is already NULL \n", RYX_LOG_DEBUG);
+  emptyAndNull(log(), "DeviceThreshold", db_structDeviceThreshold, db_freeDeviceThresholdResult);
+  emptyAndNull(log(), "SubscriberInfo", db_structSubscriberInfo, db_freeSubscriberInfoResult);
+  emptyAndNull(log(), "DeviceTimestamp", db_readTimestampResult, db_freeDpClientHandleResult);
+  emptyAndNull(log(), "primtive bandwidth", db_structPrimitiveDayTable,
+               db_freePrimitiveDayTable, "primitive bandwidth tbl struct is already NULL\n");
+  emptyAndNull(log(), "BandWidth", db_structBandWidth, db_freeBandWidthResult);
+  emptyAndNull(log(), "perday", db_readRateStruct, db_freeRateResult,
+               "Bandwidth per day struct is already NULL\n");
   // The lines name the exported function that was called.
   ASSERT_FALSE(log().lines().empty());
   EXPECT_EQ(log().lines().back().where(), "db_result_api db_freeRateResult");
@@ -295,28 +290,27 @@ TEST_F(ResultApi, ConversionsIntoCallerStorageFillWhatTheyAreGiven) {
   uint64_t values[3] = {0, 7, 99};
   char macs[3][32] = {{}, {}, "keep"};
   char source[16] = {};
-  ASSERT_EQ(
-      db_getRateIdxTimeStamp(index.data(), 2, 5, timestamps, slotIndexes, values, macs, source), 0);
+  auto rateIdx = [&](Values &cells, int32_t rows, int32_t columns, char (*macTexts)[32],
+                     char *sourceText) {
+    return db_getRateIdxTimeStamp(cells.data(), rows, columns, timestamps, slotIndexes, values,
+                                  macTexts, sourceText);
+  };
+  ASSERT_EQ(rateIdx(index, 2, 5, macs, source), 0);
   EXPECT_EQ((Counts{timestamps[0], timestamps[1], timestamps[2], values[0], values[1]}),
             (Counts{1700000000, 4294967295u, 99, 5000000000ull, 7}));  // NULL cell kept
   EXPECT_EQ((Ints{slotIndexes[0], slotIndexes[1]}), (Ints{12, -3}));
   EXPECT_EQ((Texts{macs[0], macs[1], macs[2], source}),
             (Texts{"aa:bb:cc:dd:ee:ff-and-a-long-su", "11:22", "keep", "two"}));
   // The MAC texts and the source may be absent.
-  ASSERT_EQ(
-      db_getRateIdxTimeStamp(index.data(), 1, 5, timestamps, slotIndexes, values, nullptr, nullptr),
-      0);
+  ASSERT_EQ(rateIdx(index, 1, 5, nullptr, nullptr), 0);
   // Only the header names columns: a data cell spelling a column name is a value.
   Values named{"MAC_S", "TIMESTAMP", "TIMESTAMP", "5", "x"};
-  ASSERT_EQ(
-      db_getRateIdxTimeStamp(named.data(), 1, 2, timestamps, slotIndexes, values, nullptr, nullptr),
-      0);
+  ASSERT_EQ(rateIdx(named, 1, 2, nullptr, nullptr), 0);
   EXPECT_EQ(timestamps[0], 5u);
   EXPECT_TRUE(log().lines().empty()) << log().dump();
 
   EXPECT_EQ(db_setSlotRate(nullptr, 1, 5, &record), 2);
-  EXPECT_EQ(
-      db_getRateIdxTimeStamp(index.data(), 0, 5, timestamps, slotIndexes, values, macs, source), 2);
+  EXPECT_EQ(rateIdx(index, 0, 5, macs, source), 2);
   EXPECT_TRUE(logged(RYX_LOG_ERROR, "BandWidth result array NULL / rowcount 1 columcount 5\n"));
   EXPECT_TRUE(logged(RYX_LOG_ERROR, "BandWidth result array NULL / rowcount 0 columcount 5\n"));
 }
