@@ -195,7 +195,7 @@ TEST_F(SchemaTest, UpgradeScopeAbsentTablesClearFlagAndClientsAsymmetry) {
   EXPECT_EQ(declared("RSSI1"), dayTableDeclaration(1, 2));
 }
 
-TEST_F(SchemaTest, BusyUpgradeTriesEveryColumnAndReportsBusy) {
+TEST_F(SchemaTest, BusyUpgradeTriesEveryColumnAndItsPiecesRefuseBadInputAndMatchNamesExactly) {
   ASSERT_EQ(db_createCmaInfoTable(), DB_STATUS_SUCCESS);
   alterSchema = 1;
   EXPECT_EQ(whileBusy(db_createCmaInfoTable), DB_STATUS_BUSY);
@@ -213,10 +213,8 @@ TEST_F(SchemaTest, BusyUpgradeTriesEveryColumnAndReportsBusy) {
   EXPECT_EQ(raw().columns("SUBSCRIBERINFO").size(), 1u);
   EXPECT_EQ(db_createSubscriberInfoTable(), DB_STATUS_SUCCESS);
   EXPECT_EQ(raw().columns("SUBSCRIBERINFO").size(), 2u);
-}
 
-TEST_F(SchemaTest, AlterPiecesRefuseBadInputAndMatchNamesExactly) {
-  ASSERT_EQ(db_createCmaInfoTable(), DB_STATUS_SUCCESS);
+  // The pieces of the upgrade refuse bad input and match column names exactly.
   EXPECT_EQ(db_alterTable("CMAINFO", createCmaFields, createCmaTypes, nullptr, 0),
             DB_STATUS_FAILURE);
   EXPECT_EQ(db_alterTable("CMAINFO", nullptr, createCmaTypes, nullptr, 2), DB_STATUS_FAILURE);
@@ -236,9 +234,8 @@ TEST_F(SchemaTest, AlterPiecesRefuseBadInputAndMatchNamesExactly) {
   ASSERT_EQ(db_read("PRAGMA table_info('CMAINFO')", &cells, &rows, &columns), DB_STATUS_SUCCESS);
   // Names match exactly; values of the other columns (a type, a column number) are not names.
   for (const auto &[name, found] :
-       {std::pair{"TIMESTAMP", 1}, {"EXTRA_S", 1}, {"timestamp", 0}, {"REAL", 0}, {"1", 0}}) {
+       {std::pair{"TIMESTAMP", 1}, {"EXTRA_S", 1}, {"timestamp", 0}, {"REAL", 0}, {"1", 0}})
     EXPECT_EQ(db_checkFieldSchemaExist(name, cells, rows, columns), found) << name;
-  }
   db_freeResult(&cells);
 }
 

@@ -51,11 +51,9 @@ class Inventory : public adbtest::ApiTest {
   std::string lastQuery() {
     constexpr std::string_view kRead = "[analyticsDB] READ QUERY : ";
     std::string query;
-    for (const adbtest::LogLine &line : log().lines()) {
-      std::string_view message = line.message();
-      if (message.starts_with(kRead)) query = message.substr(kRead.size());
-    }
-    if (!query.empty() && query.back() == '\n') query.pop_back();
+    for (const adbtest::LogLine &line : log().lines())
+      if (line.message().starts_with(kRead)) query = line.message().substr(kRead.size());
+    if (query.ends_with('\n')) query.pop_back();
     return query;
   }
 
@@ -87,16 +85,15 @@ TEST_F(Inventory, EachWriterWritesItsColumnsAndQueuesUnderItsFunctionId) {
     SCOPED_TRACE(listed.api);
     const adbtest::InventoryWriter writer = adbtest::withColumns(listed, raw());
     const std::vector<std::string> &columns = writer.columns;
-    std::string key = "key-" + std::to_string(writer.functionId);
+    const std::string id = std::to_string(writer.functionId);
 
-    std::vector<std::string> first = sampleValues(columns, key, 1);
+    std::vector<std::string> first = sampleValues(columns, "key-" + id, 1);
     EXPECT_EQ(writer.write(Values(first).data()), DB_STATUS_SUCCESS);
     EXPECT_EQ(rowsHolding(writer.table, columns, first), "1");
 
     // Busy: parked with the writer's id, count and family; the replay updates the same row,
     // found by its key in another letter case.
-    std::vector<std::string> second =
-        sampleValues(columns, "KEY-" + std::to_string(writer.functionId), 2);
+    std::vector<std::string> second = sampleValues(columns, "KEY-" + id, 2);
     EXPECT_EQ(whileBusy([&] { return writer.write(Values(second).data()); }), DB_STATUS_BUSY);
     WriteRequestNode *head = adbtest::queueHead();
     ASSERT_NE(head, nullptr);
@@ -106,7 +103,7 @@ TEST_F(Inventory, EachWriterWritesItsColumnsAndQueuesUnderItsFunctionId) {
 
     EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
     EXPECT_EQ(rowsHolding(writer.table, columns, second), "1");
-    EXPECT_EQ(rowsHolding(writer.table, {columns[0]}, {key}), "1");
+    EXPECT_EQ(rowsHolding(writer.table, {columns[0]}, {"key-" + id}), "1");
   }
   EXPECT_EQ(log().countContaining("Delete Reason"), 0u);
 
@@ -216,8 +213,8 @@ TEST_F(Inventory, SingleValueReadsCopyTheFirstRowsValue) {
   std::memset(category, 'x', sizeof category);
   ASSERT_EQ(db_readDeviceInfoCategory("AA:00", category), 0);
   EXPECT_EQ(lastQuery(), "SELECT CATEGORY_S FROM  DEVICEINFO WHERE MAC_S LIKE 'AA:00'");
-  EXPECT_EQ(std::string(category), std::string(31, 'c'));
-  EXPECT_EQ(category[32], 'x');  // 31 characters and the terminator, nothing more
+  // 31 characters and the terminator, nothing more.
+  EXPECT_EQ(std::string(category, 33), std::string(31, 'c') + '\0' + 'x');
 
   int32_t critical = -5;
   ASSERT_EQ(db_readDeviceInfoCritical("aa:00", &critical), 0);
