@@ -106,9 +106,8 @@ TEST_F(SchemaTest, CreateStatementTextRepeatedCreationAndRefusals) {
   adbtest::Values noName{"KEY_S", nullptr};
   EXPECT_EQ(db_createTable("T", name, blankType.data(), kept, 2, nullptr, 0), DB_STATUS_FAILURE);
   EXPECT_EQ(db_createTable("T", noName.data(), type, nullptr, 2, nullptr, 0), DB_STATUS_FAILURE);
-  EXPECT_EQ(
-      logged(RYX_LOG_ERROR, "Both fieldname and fieldtype are mandatory for creating T table\n"),
-      2u);
+  EXPECT_EQ(logged(RYX_LOG_ERROR, "Both fieldname and fieldtype are mandatory for creating T "
+                                  "table\n"), 2u);
   EXPECT_FALSE(raw().tableExists("T"));
 
   // A foreign-key count of 0 leaves the clauses out; blank clauses are skipped.
@@ -158,13 +157,11 @@ TEST_F(SchemaTest, UpgradeAddsMissingColumnsInArrayOrderAndLeavesExistingOnesAlo
             "TEXT");
   EXPECT_EQ(raw().scalar("SELECT PORTABLE || ',' || IS_BRIDGED FROM DEVICEINFO"), "1,0");
   EXPECT_EQ(log().countContaining("Query framed for Table alteration"), 3u);
-  EXPECT_TRUE(logged(RYX_LOG_INFO,
-                     "Query framed for Table alteration ALTER "
-                     "TABLE DEVICEINFO ADD PORTABLE INTEGER DEFAULT 1\n"));
+  EXPECT_TRUE(logged(RYX_LOG_INFO, "Query framed for Table alteration ALTER TABLE DEVICEINFO ADD "
+                                   "PORTABLE INTEGER DEFAULT 1\n"));
   // The column named in other case counts as missing; SQLite refuses the duplicate.
-  EXPECT_TRUE(logged(RYX_LOG_ERROR,
-                     "table alteration failed Query ALTER TABLE "
-                     "DEVICEINFO ADD APID_S TEXT  ret [1]\n"));
+  EXPECT_TRUE(logged(RYX_LOG_ERROR, "table alteration failed Query ALTER TABLE DEVICEINFO ADD "
+                                    "APID_S TEXT  ret [1]\n"));
 }
 
 TEST_F(SchemaTest, UpgradeScopeAbsentTablesClearFlagAndClientsAsymmetry) {
@@ -223,10 +220,8 @@ TEST_F(SchemaTest, BusyUpgradeTriesEveryColumnAndItsPiecesRefuseBadInputAndMatch
   // A bad column description is skipped as if it had been added.
   EXPECT_EQ(db_addField("CMAINFO", "EXTRA", "", nullptr), DB_STATUS_SUCCESS);
   EXPECT_EQ(db_addField("CMAINFO", nullptr, "TEXT", nullptr), DB_STATUS_SUCCESS);
-  EXPECT_EQ(logged(RYX_LOG_ERROR,
-                   "Both fieldName and fieldType is mandatory "
-                   "for adding attribute\n"),
-            2u);
+  EXPECT_EQ(logged(RYX_LOG_ERROR, "Both fieldName and fieldType is mandatory for adding "
+                                  "attribute\n"), 2u);
   EXPECT_EQ(db_addField("CMAINFO", "EXTRA_S", "TEXT", "DEFAULT 'x'"), DB_STATUS_SUCCESS);
 
   char **cells = nullptr;

@@ -203,20 +203,15 @@ void emptyAndNull(adbtest::LogCapture &log, const std::string &label,
   if (freed.empty()) freed = label + " struct is already NULL\n";
   SCOPED_TRACE(label);
   Values header{"MAC_S", "aa:bb"};
-  const struct {
-    char **cells;
-    int32_t rows, columns;
-  } empties[] = {{nullptr, 3, 4}, {header.data(), 0, 1}, {header.data(), 1, 0}};
-  for (const auto &empty : empties) {
+  const std::tuple<char **, int32_t, int32_t> empties[] = {
+      {nullptr, 3, 4}, {header.data(), 0, 1}, {header.data(), 1, 0}};
+  for (const auto &[cells, rows, columns] : empties) {
     log.clear();
-    EXPECT_EQ(adbtest::readKeepingList<Record>([&](Record ***list, int32_t *) {
-                return convert(empty.cells, list, empty.rows, empty.columns);
-              }),
-              2);
+    auto call = [&](Record ***list, int32_t *) { return convert(cells, list, rows, columns); };
+    EXPECT_EQ(adbtest::readKeepingList<Record>(call), 2);
     EXPECT_TRUE(log.has(level, "[analyticsDB] " + label + " result array NULL / rowcount " +
-                                   std::to_string(empty.rows) + " columcount " +
-                                   std::to_string(empty.columns) + "\n"))
-        << log.dump();
+                                   std::to_string(rows) + " columcount " + std::to_string(columns) +
+                                   "\n")) << log.dump();
   }
   log.clear();
   Record **list = nullptr;
@@ -280,10 +275,9 @@ TEST_F(ResultApi, ConversionsIntoCallerStorageFillWhatTheyAreGiven) {
   uint64_t values[3] = {0, 7, 99};
   char macs[3][32] = {{}, {}, "keep"};
   char source[16] = {};
-  auto rateIdx = [&](Values &cells, int32_t rows, int32_t columns, char (*macTexts)[32],
-                     char *sourceText) {
-    return db_getRateIdxTimeStamp(cells.data(), rows, columns, timestamps, slotIndexes, values,
-                                  macTexts, sourceText);
+  // Into the arrays above; the MAC texts `m` and the source `s` may be absent.
+  auto rateIdx = [&](Values &in, int32_t rows, int32_t columns, char (*m)[32], char *s) {
+    return db_getRateIdxTimeStamp(in.data(), rows, columns, timestamps, slotIndexes, values, m, s);
   };
   ASSERT_EQ(rateIdx(index, 2, 5, macs, source), 0);
   EXPECT_EQ((Counts{timestamps[0], timestamps[1], timestamps[2], values[0], values[1]}),

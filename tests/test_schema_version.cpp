@@ -78,9 +78,8 @@ TEST_F(Version, ANewFileIsVersion0AndStoringGoesThroughTheQueue) {
   ASSERT_EQ(db_manageQueue(DB_STATUS_BUSY, 0, noVersion.data(), 2, "VERSION"), 0);
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
   EXPECT_EQ(queueCount, 0);
-  EXPECT_TRUE(logged(RYX_LOG_ERROR,
-                     "Queue: dropped func[0] Table[VERSION] Key[NULL]: its values give no "
-                     "statement\n"));
+  EXPECT_TRUE(logged(RYX_LOG_ERROR, "Queue: dropped func[0] Table[VERSION] Key[NULL]: its values "
+                                    "give no statement\n"));
 
   // A failed read leaves the caller's value alone.
   EXPECT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
