@@ -34,9 +34,8 @@ class SchemaTest : public adbtest::ApiTest {
   // checked against their name and left out.
   std::string declared(const std::string &table, bool notableOnly = false) {
     std::string text;
-    for (const Row &row : raw().query("SELECT name, type, pk, \"notnull\", dflt_value "
-                                      "FROM pragma_table_info('" +
-                                      table + "')")) {
+    const char *info = "SELECT name, type, pk, \"notnull\", dflt_value FROM pragma_table_info(?)";
+    for (const Row &row : raw().query(info, {table})) {
       const std::string name = row[0].value_or("?"), type = row[1].value_or("?");
       if (notableOnly && row[2] == "0" && !row[4] && type != "REAL") {
         EXPECT_EQ(type, name.ends_with("_S") ? "TEXT" : "INTEGER") << table << "." << name;
@@ -49,15 +48,11 @@ class SchemaTest : public adbtest::ApiTest {
     return text;
   }
 
-  // "from->table(to) on_delete" per foreign key.
-  std::vector<std::string> foreignKeys(const std::string &table) {
-    std::vector<std::string> keys;
-    for (const Row &row : raw().query("SELECT \"from\", \"table\", \"to\", on_delete "
-                                      "FROM pragma_foreign_key_list('" +
-                                      table + "')")) {
-      keys.push_back(*row[0] + "->" + *row[1] + "(" + *row[2] + ") " + *row[3]);
-    }
-    return keys;
+  // "from->table(to) on_delete" per foreign key, ";"-separated; "" for none.
+  std::string foreignKeys(const std::string &table) {
+    return raw().query("SELECT group_concat(\"from\" || '->' || \"table\" || '(' || \"to\" || ') ' "
+                       "|| on_delete, ';') FROM pragma_foreign_key_list(?)",
+                       {table})[0][0].value_or("");
   }
 };
 
@@ -73,74 +68,55 @@ TEST_F(SchemaTest, FullWeekCreatesEveryTableWithItsColumnsAndOnlyDayTablesHaveFo
   const adbtest::Rows all = raw().query("SELECT name FROM sqlite_master WHERE type='table'");
   EXPECT_EQ(all.size(), 9u + 21u);
   for (const Row &row : all) {
-    const std::string table = *row[0];
-    std::vector<std::string> expectedKeys;
-    if (std::isdigit(static_cast<unsigned char>(table.back()))) {
-      const std::string word = table.substr(0, table.size() - 1);
-      expectedKeys.push_back("MAC_S->PRIMITIVE_" + word + "(MAC_S) CASCADE");
-    }
-    EXPECT_EQ(foreignKeys(table), expectedKeys) << table;
-    const std::string key = raw().columns(table).at(0);
-    EXPECT_EQ(raw().tryExec("INSERT INTO " + table + "(" + key + ") VALUES('aa:bb')"), SQLITE_OK);
-    EXPECT_EQ(raw().tryExec("INSERT INTO " + table + "(" + key + ") VALUES('AA:BB')"),
-              SQLITE_CONSTRAINT)
-        << table;
+    const std::string table = *row[0], primitive = "PRIMITIVE_" + table.substr(0, table.size() - 1);
+    const bool day = std::isdigit(static_cast<unsigned char>(table.back()));
+    EXPECT_EQ(foreignKeys(table), day ? "MAC_S->" + primitive + "(MAC_S) CASCADE" : "") << table;
+    const std::string insert = "INSERT INTO " + table + "(" + raw().columns(table).at(0) + ")";
+    EXPECT_EQ(raw().tryExec(insert + " VALUES('aa:bb')"), SQLITE_OK);
+    EXPECT_EQ(raw().tryExec(insert + " VALUES('AA:BB')"), SQLITE_CONSTRAINT) << table;
   }
 }
 
 TEST_F(SchemaTest, CreateStatementTextRepeatedCreationAndRefusals) {
+  auto framed = [this](const std::string &statement) {
+    return logged(RYX_LOG_DEBUG, "Query framed for Table creation " + statement + "\n");
+  };
   ASSERT_EQ(db_createSubscriberInfoTable(), DB_STATUS_SUCCESS);
-  EXPECT_TRUE(logged(RYX_LOG_DEBUG,
-                     "Query framed for Table creation CREATE TABLE IF NOT EXISTS  "
-                     "SUBSCRIBERINFO(SERIALNUMBER_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE,"
-                     "DOWNSTREAMBANDWIDTH INTEGER )\n"))
-      << log().dump();
+  EXPECT_TRUE(framed("CREATE TABLE IF NOT EXISTS  SUBSCRIBERINFO(SERIALNUMBER_S TEXT NOT NULL "
+                     "PRIMARY KEY COLLATE NOCASE,DOWNSTREAMBANDWIDTH INTEGER )"));
   raw().exec("INSERT INTO SUBSCRIBERINFO VALUES('SN1', 100)");
   EXPECT_EQ(db_createSubscriberInfoTable(), DB_STATUS_SUCCESS);
   EXPECT_EQ(raw().scalar("SELECT DOWNSTREAMBANDWIDTH FROM SUBSCRIBERINFO"), "100");
 
   // Slot numbers follow the day and the slot count given; the foreign key closes the list.
   ASSERT_EQ(db_createRssiTab(2, 2), DB_STATUS_SUCCESS);
-  EXPECT_TRUE(logged(RYX_LOG_DEBUG,
-                     "Query framed for Table creation CREATE TABLE IF NOT EXISTS  "
-                     "RSSI2(MAC_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE,"
-                     "SLOT3 INTEGER DEFAULT 0,SLOT4 INTEGER DEFAULT 0,"
-                     "FOREIGN KEY (MAC_S) REFERENCES PRIMITIVE_RSSI(MAC_S) "
-                     "ON DELETE CASCADE)\n"))
-      << log().dump();
+  EXPECT_TRUE(framed("CREATE TABLE IF NOT EXISTS  RSSI2(MAC_S TEXT NOT NULL PRIMARY KEY COLLATE "
+                     "NOCASE,SLOT3 INTEGER DEFAULT 0,SLOT4 INTEGER DEFAULT 0,FOREIGN KEY (MAC_S) "
+                     "REFERENCES PRIMITIVE_RSSI(MAC_S) ON DELETE CASCADE)"));
 
   adbtest::Values names{"KEY_S", "VALUE"};
   adbtest::Values types{"TEXT", "INTEGER"};
   adbtest::Values constraints{"NOT NULL PRIMARY KEY COLLATE NOCASE", nullptr};
   adbtest::Values clauses{"", "FOREIGN KEY (KEY_S) REFERENCES OTHER(KEY_S)"};
-  EXPECT_EQ(db_createTable(nullptr, names.data(), types.data(), constraints.data(), 2, nullptr, 0),
-            DB_STATUS_FAILURE);
-  EXPECT_EQ(db_createTable("T", names.data(), types.data(), constraints.data(), -1, nullptr, 0),
-            DB_STATUS_FAILURE);
+  char **name = names.data(), **type = types.data(), **kept = constraints.data();
+  EXPECT_EQ(db_createTable(nullptr, name, type, kept, 2, nullptr, 0), DB_STATUS_FAILURE);
+  EXPECT_EQ(db_createTable("T", name, type, kept, -1, nullptr, 0), DB_STATUS_FAILURE);
   EXPECT_EQ(logged(RYX_LOG_ERROR, "Input parameters are invalid\n"), 2u);
   adbtest::Values blankType{"TEXT", ""};
-  adbtest::Values missingName{"KEY_S", nullptr};
-  EXPECT_EQ(db_createTable("T", names.data(), blankType.data(), constraints.data(), 2, nullptr, 0),
-            DB_STATUS_FAILURE);
-  EXPECT_EQ(db_createTable("T", missingName.data(), types.data(), nullptr, 2, nullptr, 0),
-            DB_STATUS_FAILURE);
-  EXPECT_EQ(
-      logged(RYX_LOG_ERROR, "Both fieldname and fieldtype are mandatory for creating T table\n"),
-      2u);
+  adbtest::Values noName{"KEY_S", nullptr};
+  EXPECT_EQ(db_createTable("T", name, blankType.data(), kept, 2, nullptr, 0), DB_STATUS_FAILURE);
+  EXPECT_EQ(db_createTable("T", noName.data(), type, nullptr, 2, nullptr, 0), DB_STATUS_FAILURE);
+  EXPECT_EQ(logged(RYX_LOG_ERROR, "Both fieldname and fieldtype are mandatory for creating T "
+                                  "table\n"), 2u);
   EXPECT_FALSE(raw().tableExists("T"));
 
   // A foreign-key count of 0 leaves the clauses out; blank clauses are skipped.
-  EXPECT_EQ(
-      db_createTable("T", names.data(), types.data(), constraints.data(), 2, clauses.data(), 0),
-      DB_STATUS_SUCCESS);
-  EXPECT_TRUE(foreignKeys("T").empty());
-  EXPECT_EQ(
-      db_createTable("U", names.data(), types.data(), constraints.data(), 2, clauses.data(), 2),
-      DB_STATUS_SUCCESS);
-  EXPECT_EQ(foreignKeys("U"), std::vector<std::string>{"KEY_S->OTHER(KEY_S) NO ACTION"});
-  adbtest::Values badConstraint{nullptr, "DEFAULT ("};
-  EXPECT_EQ(db_createTable("V", names.data(), types.data(), badConstraint.data(), 2, nullptr, 0),
-            DB_STATUS_FAILURE);
+  EXPECT_EQ(db_createTable("T", name, type, kept, 2, clauses.data(), 0), DB_STATUS_SUCCESS);
+  EXPECT_EQ(foreignKeys("T"), "");
+  EXPECT_EQ(db_createTable("U", name, type, kept, 2, clauses.data(), 2), DB_STATUS_SUCCESS);
+  EXPECT_EQ(foreignKeys("U"), "KEY_S->OTHER(KEY_S) NO ACTION");
+  adbtest::Values badDefault{nullptr, "DEFAULT ("};
+  EXPECT_EQ(db_createTable("V", name, type, badDefault.data(), 2, nullptr, 0), DB_STATUS_FAILURE);
   EXPECT_TRUE(logged(RYX_LOG_ERROR, "Table [V] creation failed \n"));
   EXPECT_FALSE(raw().tableExists("V"));
 }
@@ -153,9 +129,8 @@ TEST_F(SchemaTest, OpenFailureIsReportedWithTheAlterationTextOnBothPaths) {
   alterSchema = 1;
   EXPECT_EQ(db_createCmaInfoTable(), DB_STATUS_OPEN_FAILED);
   std::vector<std::string> where;
-  for (const adbtest::LogLine &line : log().lines()) {
+  for (const adbtest::LogLine &line : log().lines())
     if (line.level == RYX_LOG_ERROR && line.message() == openFailed) where.push_back(line.where());
-  }
   EXPECT_EQ(where, (std::vector<std::string>{"db_query db_createTable", "db_query db_alterTable",
                                              "db_query db_createTable"}));
 }
@@ -163,14 +138,12 @@ TEST_F(SchemaTest, OpenFailureIsReportedWithTheAlterationTextOnBothPaths) {
 TEST_F(SchemaTest, UpgradeAddsMissingColumnsInArrayOrderAndLeavesExistingOnesAlone) {
   // An older DEVICEINFO: without PORTABLE and IS_BRIDGED, APID_S stored in lower case, TXRATE
   // declared TEXT.
-  std::string older;
-  for (int i = 0; i < 38; ++i) {
+  std::string older = "MAC_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE";
+  for (int i = 1; i < 38; ++i) {
     const std::string name = createDeviceFields[i];
     if (name == "PORTABLE" || name == "IS_BRIDGED") continue;
-    older += older.empty() ? "" : ",";
-    older += (name == "APID_S" ? "apid_s" : name) + " " +
+    older += "," + (name == "APID_S" ? "apid_s" : name) + " " +
              (name == "TXRATE" ? "TEXT" : createDeviceTypes[i]);
-    if (i == 0) older += " NOT NULL PRIMARY KEY COLLATE NOCASE";
   }
   raw().exec("CREATE TABLE DEVICEINFO(" + older + ")");
   raw().exec("INSERT INTO DEVICEINFO(MAC_S) VALUES('aa:bb')");
@@ -184,14 +157,11 @@ TEST_F(SchemaTest, UpgradeAddsMissingColumnsInArrayOrderAndLeavesExistingOnesAlo
             "TEXT");
   EXPECT_EQ(raw().scalar("SELECT PORTABLE || ',' || IS_BRIDGED FROM DEVICEINFO"), "1,0");
   EXPECT_EQ(log().countContaining("Query framed for Table alteration"), 3u);
-  EXPECT_TRUE(logged(RYX_LOG_INFO,
-                     "Query framed for Table alteration ALTER "
-                     "TABLE DEVICEINFO ADD PORTABLE INTEGER DEFAULT 1\n"));
+  EXPECT_TRUE(logged(RYX_LOG_INFO, "Query framed for Table alteration ALTER TABLE DEVICEINFO ADD "
+                                   "PORTABLE INTEGER DEFAULT 1\n"));
   // The column named in other case counts as missing; SQLite refuses the duplicate.
-  EXPECT_TRUE(logged(RYX_LOG_ERROR,
-                     "table alteration failed Query ALTER TABLE "
-                     "DEVICEINFO ADD APID_S TEXT  ret [1]\n"))
-      << log().dump();
+  EXPECT_TRUE(logged(RYX_LOG_ERROR, "table alteration failed Query ALTER TABLE DEVICEINFO ADD "
+                                    "APID_S TEXT  ret [1]\n"));
 }
 
 TEST_F(SchemaTest, UpgradeScopeAbsentTablesClearFlagAndClientsAsymmetry) {
@@ -222,14 +192,12 @@ TEST_F(SchemaTest, UpgradeScopeAbsentTablesClearFlagAndClientsAsymmetry) {
   EXPECT_EQ(declared("RSSI1"), dayTableDeclaration(1, 2));
 }
 
-TEST_F(SchemaTest, BusyUpgradeTriesEveryColumnAndReportsBusy) {
+TEST_F(SchemaTest, BusyUpgradeTriesEveryColumnAndItsPiecesRefuseBadInputAndMatchNamesExactly) {
   ASSERT_EQ(db_createCmaInfoTable(), DB_STATUS_SUCCESS);
   alterSchema = 1;
   EXPECT_EQ(whileBusy(db_createCmaInfoTable), DB_STATUS_BUSY);
-  EXPECT_TRUE(logged(RYX_LOG_ERROR,
-                     "Read failed  on fetching schema PRAGMA "
-                     "table_info('CMAINFO')\n"))
-      << log().dump();
+  EXPECT_TRUE(
+      logged(RYX_LOG_ERROR, "Read failed  on fetching schema PRAGMA table_info('CMAINFO')\n"));
   EXPECT_EQ(log().countContaining("table alteration failed Query ALTER TABLE CMAINFO ADD"), 2u);
   EXPECT_EQ(db_createCmaInfoTable(), DB_STATUS_SUCCESS);
 
@@ -242,10 +210,8 @@ TEST_F(SchemaTest, BusyUpgradeTriesEveryColumnAndReportsBusy) {
   EXPECT_EQ(raw().columns("SUBSCRIBERINFO").size(), 1u);
   EXPECT_EQ(db_createSubscriberInfoTable(), DB_STATUS_SUCCESS);
   EXPECT_EQ(raw().columns("SUBSCRIBERINFO").size(), 2u);
-}
 
-TEST_F(SchemaTest, AlterPiecesRefuseBadInputAndMatchNamesExactly) {
-  ASSERT_EQ(db_createCmaInfoTable(), DB_STATUS_SUCCESS);
+  // The pieces of the upgrade refuse bad input and match column names exactly.
   EXPECT_EQ(db_alterTable("CMAINFO", createCmaFields, createCmaTypes, nullptr, 0),
             DB_STATUS_FAILURE);
   EXPECT_EQ(db_alterTable("CMAINFO", nullptr, createCmaTypes, nullptr, 2), DB_STATUS_FAILURE);
@@ -254,10 +220,8 @@ TEST_F(SchemaTest, AlterPiecesRefuseBadInputAndMatchNamesExactly) {
   // A bad column description is skipped as if it had been added.
   EXPECT_EQ(db_addField("CMAINFO", "EXTRA", "", nullptr), DB_STATUS_SUCCESS);
   EXPECT_EQ(db_addField("CMAINFO", nullptr, "TEXT", nullptr), DB_STATUS_SUCCESS);
-  EXPECT_EQ(logged(RYX_LOG_ERROR,
-                   "Both fieldName and fieldType is mandatory "
-                   "for adding attribute\n"),
-            2u);
+  EXPECT_EQ(logged(RYX_LOG_ERROR, "Both fieldName and fieldType is mandatory for adding "
+                                  "attribute\n"), 2u);
   EXPECT_EQ(db_addField("CMAINFO", "EXTRA_S", "TEXT", "DEFAULT 'x'"), DB_STATUS_SUCCESS);
 
   char **cells = nullptr;
@@ -265,17 +229,15 @@ TEST_F(SchemaTest, AlterPiecesRefuseBadInputAndMatchNamesExactly) {
   ASSERT_EQ(db_read("PRAGMA table_info('CMAINFO')", &cells, &rows, &columns), DB_STATUS_SUCCESS);
   // Names match exactly; values of the other columns (a type, a column number) are not names.
   for (const auto &[name, found] :
-       {std::pair{"TIMESTAMP", 1}, {"EXTRA_S", 1}, {"timestamp", 0}, {"REAL", 0}, {"1", 0}}) {
+       {std::pair{"TIMESTAMP", 1}, {"EXTRA_S", 1}, {"timestamp", 0}, {"REAL", 0}, {"1", 0}})
     EXPECT_EQ(db_checkFieldSchemaExist(name, cells, rows, columns), found) << name;
-  }
   db_freeResult(&cells);
 }
 
 TEST_F(SchemaTest, DayAndIndexTablesRefuseZeroAndOutOfRangeCountsWithoutTouchingTheFile) {
   for (auto create : {db_createPrimitiveRssiTable, db_createPrimitiveBandWidthRxTable,
-                      db_createPrimitiveBandWidthTxTable}) {
+                      db_createPrimitiveBandWidthTxTable})
     EXPECT_EQ(create(0), DB_STATUS_FAILURE);
-  }
   EXPECT_EQ(logged(RYX_LOG_ERROR, "Table is not created .Slot count is zero\n"), 3u);
   EXPECT_EQ(db_createTxBandWidth(0, 288), DB_STATUS_FAILURE);
   EXPECT_EQ(db_createRxBandWidth(2, 0), DB_STATUS_FAILURE);

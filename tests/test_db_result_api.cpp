@@ -2,6 +2,7 @@
 // into caller storage, and the free functions.
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/api_cases.h"
@@ -17,6 +18,21 @@ class ResultApi : public adbtest::ApiTest {};
 
 const std::string k300(300, 'n');
 const std::string k70(70, 's');
+
+// The `rows` records that `convert` makes of `cells`, copied out (zeroed past those made); the
+// list is freed and must come back NULL.
+template <typename Record>
+std::vector<Record> converted(int32_t (*convert)(char **, Record ***, int32_t, int32_t),
+                              void (*free)(Record ***, int32_t), Values &cells, int32_t rows,
+                              int32_t columns) {
+  Record **list = nullptr;
+  EXPECT_EQ(convert(cells.data(), &list, rows, columns), 0);
+  std::vector<Record> records(rows);
+  for (int32_t r = 0; list != nullptr && r < rows; ++r) records[r] = *list[r];
+  free(&list, rows);
+  EXPECT_EQ(list, nullptr);
+  return records;
+}
 
 }  // namespace
 
@@ -39,9 +55,8 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
       "aa:bb:cc:dd:ee:02"};
   device.resize(3 * 39);
   Values deviceCells(device);
-  DeviceInfoRecord **list = nullptr;
-  ASSERT_EQ(db_structDeviceInfo(deviceCells.data(), &list, 2, 39), 0);
-  const DeviceInfoRecord &d = *list[0];
+  const auto devices = converted(db_structDeviceInfo, db_freeDeviceInfoResult, deviceCells, 2, 39);
+  const DeviceInfoRecord &d = devices[0];
   EXPECT_EQ(
       (Texts{d.mac, d.apId, d.ipAddr, d.category, d.host, d.model, d.manufacturer, d.interface,
              d.band, d.intfName, d.devStreamCapability, d.friendlyName, d.preferredBand, d.oui}),
@@ -61,9 +76,7 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
                     1700000100, 4294967295u, 123456789012ull, 987654321098ull}));
   DeviceInfoRecord keyOnly{};
   std::memcpy(keyOnly.mac, "aa:bb:cc:dd:ee:02", 18);
-  EXPECT_EQ(std::memcmp(list[1], &keyOnly, sizeof keyOnly), 0);
-  db_freeDeviceInfoResult(&list, 2);
-  EXPECT_EQ(list, nullptr);
+  EXPECT_EQ(std::memcmp(&devices[1], &keyOnly, sizeof keyOnly), 0);
 
   const std::string id60(60, 'i');
   Values mesh{"MAC_S", "ID_S", "PARENTID_S", "IPADDR_S", "ROLE_S", "OPERMODE_S",
@@ -71,14 +84,11 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
               // One row; texts are cut to their fields.
               "00:11:22:33:44:55", id60.c_str(), "parent", "10.0.0.2", "Satellite", "Router",
               "Ethernet-2.5G", "Online", "Good"};
-  MeshTopoRecord **meshList = nullptr;
-  ASSERT_EQ(db_structMeshTopo(mesh.data(), &meshList, 1, 9), 0);
-  const MeshTopoRecord &m = *meshList[0];
+  const MeshTopoRecord m = converted(db_structMeshTopo, db_freeMeshTopoResult, mesh, 1, 9)[0];
   EXPECT_EQ((Texts{m.mac, m.id, m.parentId, m.ipAddr, m.role, m.operMode, m.backhaulIntfType,
                    m.status, m.healthStatus}),
             (Texts{"00:11:22:33:44:55", std::string(47, 'i'), "parent", "10.0.0.2", "Satelli",
                    "Router", "Ethernet-2.5G", "Online", "Good"}));
-  db_freeMeshTopoResult(&meshList, 1);
 
   Values clients{"MAC_S", "ASSOC_BSSID_S", "ASSOC_MEDIUM_S", "CAP_BSS_TRANS", "CAP_FAST_BSS_TRANS",
                  "CAP_RADIO_MEASURE", "CAP_24GHZ", "CAP_5GHZ", "CATEGORY_S", "TYPE_S", "MIMO_S",
@@ -88,9 +98,8 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
                  // One row, a value of its own per field.
                  "c0:ff:ee", "bssid", "5GHz", "1", "2", "3", "4", "5", "Phone", "STA", "2x2", "mfg",
                  "mname", "mnumber", "dname", "11ax", "6", "7", "8", "9", "10", "11", "12", "13"};
-  ClientCapabilityRecord **clientList = nullptr;
-  ASSERT_EQ(db_structClientsCapability(clients.data(), &clientList, 1, 24), 0);
-  const ClientCapabilityRecord &c = *clientList[0];
+  const ClientCapabilityRecord c =
+      converted(db_structClientsCapability, db_freeClientsResult, clients, 1, 24)[0];
   EXPECT_EQ((Texts{c.mac, c.assocBssid, c.assocMedium, c.category, c.type, c.mimo, c.vendorMfg,
                    c.vendorModelName, c.vendorModelNumber, c.vendorDeviceName, c.capMode}),
             (Texts{"c0:ff:ee", "bssid", "5GHz", "Phone", "STA", "2x2", "mfg", "mname", "mnumber",
@@ -99,7 +108,6 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
                   c.cap24Csa, c.cap24Ecsa, c.cap5Csa, c.cap5Ecsa, c.capDfs, c.isTavexFpDone,
                   c.cap24GhzN, c.cap5GhzAc}),
             (Ints{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13}));
-  db_freeClientsResult(&clientList, 1);
 
   Values thresholds{"DEVICECLASS_S", "DEVFILTERLEVEL", "STREAMINGTHRESHOLD", "INACTIVITYFILTER",
                     "RSSIGOODSTART", "RSSIGOODEND", "RSSIAVGSTART", "RSSIAVGEND", "RSSIBADSTART",
@@ -108,9 +116,8 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
                     // One row; 32-bit atoi saturates both ways.
                     "Camera", "5000000000", "2", "3", "-40", "-55", "-56", "-70", "-71", "-90",
                     "600", "-5000000000", "2.5", "4", "5"};
-  DeviceThresholdRecord **thresholdList = nullptr;
-  ASSERT_EQ(db_structDeviceThreshold(thresholds.data(), &thresholdList, 1, 15), 0);
-  const DeviceThresholdRecord &t = *thresholdList[0];
+  const DeviceThresholdRecord t =
+      converted(db_structDeviceThreshold, db_freeDeviceThresholdResult, thresholds, 1, 15)[0];
   EXPECT_STREQ(t.deviceClass, "Camera");
   // atoi saturates as with a 32-bit long, both ways.
   EXPECT_EQ(
@@ -119,41 +126,30 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
             t.longPollThreshold, t.shortPollThreshold, t.wanFilterLevel, t.inactivityFilterLevel}),
       (Ints{2147483647, 2, 3, -40, -55, -56, -70, -71, -90, 600, -2147483648ll, 4, 5}));
   EXPECT_FLOAT_EQ(t.version, 2.5f);
-  db_freeDeviceThresholdResult(&thresholdList, 1);
 
   Values subscribers{"DOWNSTREAMBANDWIDTH", "SERIALNUMBER_S",
                      // Two rows; text that is no number reads as 0.
                      "1000", "SN-0123456789", "abc", nullptr};
-  SubscriberInfoRecord **subscriberList = nullptr;
-  ASSERT_EQ(db_structSubscriberInfo(subscribers.data(), &subscriberList, 2, 2), 0);
-  EXPECT_STREQ(subscriberList[0]->serialNumber, "SN-012345678");
-  EXPECT_EQ(subscriberList[0]->downstreamBandwidth, 1000);
-  EXPECT_STREQ(subscriberList[1]->serialNumber, "");
-  EXPECT_EQ(subscriberList[1]->downstreamBandwidth, 0);  // non-numeric text reads as 0
-  db_freeSubscriberInfoResult(&subscriberList, 2);
+  const auto s = converted(db_structSubscriberInfo, db_freeSubscriberInfoResult, subscribers, 2, 2);
+  EXPECT_EQ((Texts{s[0].serialNumber, s[1].serialNumber}), (Texts{"SN-012345678", ""}));
+  EXPECT_EQ((Ints{s[0].downstreamBandwidth, s[1].downstreamBandwidth}), (Ints{1000, 0}));
 
   Values stamps{"MAC_S", "DEVTIMESTAMP", "ACTIVE", "INTF_NAME_S",
                 // One row.
                 "aa:bb", "5000000000.5", "1", "wl1.2-backhaul-long"};
-  DeviceTimestampRecord **stampList = nullptr;
-  ASSERT_EQ(db_readTimestampResult(stamps.data(), &stampList, 1, 4), 0);
-  EXPECT_STREQ(stampList[0]->mac, "aa:bb");
-  EXPECT_EQ(stampList[0]->devTimestamp, 4294967295ull);  // a 64-bit field, 32-bit conversion
-  EXPECT_EQ(stampList[0]->active, 1);
-  EXPECT_STREQ(stampList[0]->intfName, "wl1.2-backhaul-");
-  db_freeDpClientHandleResult(&stampList, 1);
+  const DeviceTimestampRecord ts =
+      converted(db_readTimestampResult, db_freeDpClientHandleResult, stamps, 1, 4)[0];
+  EXPECT_EQ((Texts{ts.mac, ts.intfName}), (Texts{"aa:bb", "wl1.2-backhaul-"}));
+  // devTimestamp: a 64-bit field, 32-bit conversion.
+  EXPECT_EQ(std::tuple(ts.devTimestamp, ts.active), std::tuple(4294967295ull, 1));
 
   Values primitive{"MAC_S", "TIMESTAMP", "SLT_IND", "SOURCE_S",
                    // One row.
                    "aa:bb", "1700000000", "288", "WAN-source-long-text"};
-  PrimitiveDayTableRecord **primitiveList = nullptr;
-  ASSERT_EQ(db_structPrimitiveDayTable(primitive.data(), &primitiveList, 1, 4), 0);
-  const PrimitiveDayTableRecord &p = *primitiveList[0];
+  const PrimitiveDayTableRecord p =
+      converted(db_structPrimitiveDayTable, db_freePrimitiveDayTable, primitive, 1, 4)[0];
   EXPECT_EQ((Texts{p.mac, p.source}), (Texts{"aa:bb", "WAN-source-long"}));
-  EXPECT_EQ(p.timestamp, 1700000000u);
-  EXPECT_EQ(p.slotIndex, 288);
-  db_freePrimitiveDayTable(&primitiveList, 1);
-  EXPECT_EQ(primitiveList, nullptr);
+  EXPECT_EQ(std::tuple(p.timestamp, p.slotIndex), std::tuple(1700000000u, 288));
   EXPECT_TRUE(log().lines().empty()) << log().dump();
 }
 
@@ -164,30 +160,24 @@ TEST_F(ResultApi, SlotRecordsPlaceSlotsByNumberOrByColumnOrder) {
               // Two rows.
               "300", "aa:bb", "1", "2016", "7", "8", "1700000000", "300", nullptr, "cc:dd",
               "18446744073709551615", nullptr, nullptr, nullptr, nullptr, nullptr};
-  BandWidthRecord **weekList = nullptr;
-  ASSERT_EQ(db_structBandWidth(week.data(), &weekList, 2, 8), 0);
-  const BandWidthRecord &w = *weekList[0];
+  const auto weeks = converted(db_structBandWidth, db_freeBandWidthResult, week, 2, 8);
+  const BandWidthRecord &w = weeks[0];
   EXPECT_EQ((Counts{w.slots[299], w.slots[0], w.slots[2015], w.slotCount, w.timestamp, w.startIndex,
                     w.endIndex}),
             (Counts{300, 1, 2016, 5, 1700000000, 0, 0}));
   EXPECT_EQ(w.slotIndex, 300);
   // SLOT0 lands nowhere, not in the field before the slots.
   EXPECT_EQ(std::string(w.mac, sizeof w.mac), "aa:bb" + std::string(sizeof w.mac - 5, '\0'));
-  EXPECT_EQ(weekList[1]->slots[0], 18446744073709551615ull);
-  EXPECT_EQ(weekList[1]->slotCount, 5u);
-  db_freeBandWidthResult(&weekList, 2);
+  EXPECT_EQ((Counts{weeks[1].slots[0], weeks[1].slotCount}), (Counts{18446744073709551615ull, 5}));
 
   // Day records: the n-th slot column goes to element n - 1, whatever its number.
   Values day{"MAC_S", "SLOT289", "SLOT290", "SLOT291", "TIMESTAMP", "SLT_IND",
              // One row.
              "aa:bb", "289", nullptr, "291", "1700000000", "291"};
-  RateRecord **dayList = nullptr;
-  ASSERT_EQ(db_readRateStruct(day.data(), &dayList, 1, 6), 0);
-  const RateRecord &r = *dayList[0];
+  const RateRecord r = converted(db_readRateStruct, db_freeRateResult, day, 1, 6)[0];
   EXPECT_EQ((Counts{r.slots[0], r.slots[1], r.slots[2], r.slotCount, r.timestamp}),
             (Counts{289, 0, 291, 3, 1700000000}));
   EXPECT_EQ(r.slotIndex, 291);
-  db_freeRateResult(&dayList, 1);
 
   // More slot columns than a day holds: the extra ones are counted, not stored.
   std::vector<std::string> wide{"MAC_S"};
@@ -195,10 +185,8 @@ TEST_F(ResultApi, SlotRecordsPlaceSlotsByNumberOrByColumnOrder) {
   wide.push_back("aa:bb");
   for (int k = 1; k <= 290; ++k) wide.push_back(std::to_string(k));
   Values wideCells(wide);
-  ASSERT_EQ(db_readRateStruct(wideCells.data(), &dayList, 1, 291), 0);
-  EXPECT_EQ(dayList[0]->slots[287], 288u);
-  EXPECT_EQ(dayList[0]->slotCount, 290u);
-  db_freeRateResult(&dayList, 1);
+  const RateRecord full = converted(db_readRateStruct, db_freeRateResult, wideCells, 1, 291)[0];
+  EXPECT_EQ((Counts{full.slots[287], full.slotCount}), (Counts{288, 290}));
   EXPECT_TRUE(log().lines().empty()) << log().dump();
 }
 
@@ -206,27 +194,24 @@ namespace {
 
 // An empty result for each conversion, and a null list for its free function: the conversion
 // returns 2 and leaves the caller's list variable alone; both log with `level`, the conversion
-// as `label` and the free function as "<freed> struct is already NULL<end>".
+// as `label` and the free function as `freed` (by default "<label> struct is already NULL\n").
 template <typename Record>
-void expectEmptyAndNull(adbtest::LogCapture &log, const char *label, int level,
-                        int32_t (*convert)(char **, Record ***, int32_t, int32_t),
-                        void (*free)(Record ***, int32_t), const std::string &freed) {
+void emptyAndNull(adbtest::LogCapture &log, const std::string &label,
+                  int32_t (*convert)(char **, Record ***, int32_t, int32_t),
+                  void (*free)(Record ***, int32_t), std::string freed = "",
+                  int level = RYX_LOG_ERROR) {
+  if (freed.empty()) freed = label + " struct is already NULL\n";
   SCOPED_TRACE(label);
   Values header{"MAC_S", "aa:bb"};
-  const struct {
-    char **cells;
-    int32_t rows, columns;
-  } empties[] = {{nullptr, 3, 4}, {header.data(), 0, 1}, {header.data(), 1, 0}};
-  for (const auto &empty : empties) {
+  const std::tuple<char **, int32_t, int32_t> empties[] = {
+      {nullptr, 3, 4}, {header.data(), 0, 1}, {header.data(), 1, 0}};
+  for (const auto &[cells, rows, columns] : empties) {
     log.clear();
-    EXPECT_EQ(adbtest::readKeepingList<Record>([&](Record ***list, int32_t *) {
-                return convert(empty.cells, list, empty.rows, empty.columns);
-              }),
-              2);
-    EXPECT_TRUE(log.has(level, std::string("[analyticsDB] ") + label +
-                                   " result array NULL / rowcount " + std::to_string(empty.rows) +
-                                   " columcount " + std::to_string(empty.columns) + "\n"))
-        << log.dump();
+    auto call = [&](Record ***list, int32_t *) { return convert(cells, list, rows, columns); };
+    EXPECT_EQ(adbtest::readKeepingList<Record>(call), 2);
+    EXPECT_TRUE(log.has(level, "[analyticsDB] " + label + " result array NULL / rowcount " +
+                                   std::to_string(rows) + " columcount " + std::to_string(columns) +
+                                   "\n")) << log.dump();
   }
   log.clear();
   Record **list = nullptr;
@@ -238,24 +223,19 @@ void expectEmptyAndNull(adbtest::LogCapture &log, const char *label, int level,
 }  // namespace
 
 TEST_F(ResultApi, EmptyResultsAndNullListsAreReportedWithTheirOwnMessages) {
-  expectEmptyAndNull(log(), "Meshtopo", RYX_LOG_ERROR, db_structMeshTopo, db_freeMeshTopoResult,
-                     "Meshtopo struct is already NULL \n");
-  expectEmptyAndNull(log(), "DeviceInfo", RYX_LOG_ERROR, db_structDeviceInfo,
-                     db_freeDeviceInfoResult, "DeviceInfo struct is already NULL\n");
-  expectEmptyAndNull(log(), "clients", RYX_LOG_DEBUG, db_structClientsCapability,
-                     db_freeClientsResult, "Client capability struct is already NULL \n");
-  expectEmptyAndNull(log(), "DeviceThreshold", RYX_LOG_ERROR, db_structDeviceThreshold,
-                     db_freeDeviceThresholdResult, "DeviceThreshold struct is already NULL\n");
-  expectEmptyAndNull(log(), "SubscriberInfo", RYX_LOG_ERROR, db_structSubscriberInfo,
-                     db_freeSubscriberInfoResult, "SubscriberInfo struct is already NULL\n");
-  expectEmptyAndNull(log(), "DeviceTimestamp", RYX_LOG_ERROR, db_readTimestampResult,
-                     db_freeDpClientHandleResult, "DeviceTimestamp struct is already NULL\n");
-  expectEmptyAndNull(log(), "primtive bandwidth", RYX_LOG_ERROR, db_structPrimitiveDayTable,
-                     db_freePrimitiveDayTable, "primitive bandwidth tbl struct is already NULL\n");
-  expectEmptyAndNull(log(), "BandWidth", RYX_LOG_ERROR, db_structBandWidth, db_freeBandWidthResult,
-                     "BandWidth struct is already NULL\n");
-  expectEmptyAndNull(log(), "perday", RYX_LOG_ERROR, db_readRateStruct, db_freeRateResult,
-                     "Bandwidth per day struct is already NULL\n");
+  emptyAndNull(log(), "Meshtopo", db_structMeshTopo, db_freeMeshTopoResult,
+               "Meshtopo struct is already NULL \n");
+  emptyAndNull(log(), "DeviceInfo", db_structDeviceInfo, db_freeDeviceInfoResult);
+  emptyAndNull(log(), "clients", db_structClientsCapability, db_freeClientsResult,
+               "Client capability struct is already NULL \n", RYX_LOG_DEBUG);
+  emptyAndNull(log(), "DeviceThreshold", db_structDeviceThreshold, db_freeDeviceThresholdResult);
+  emptyAndNull(log(), "SubscriberInfo", db_structSubscriberInfo, db_freeSubscriberInfoResult);
+  emptyAndNull(log(), "DeviceTimestamp", db_readTimestampResult, db_freeDpClientHandleResult);
+  emptyAndNull(log(), "primtive bandwidth", db_structPrimitiveDayTable,
+               db_freePrimitiveDayTable, "primitive bandwidth tbl struct is already NULL\n");
+  emptyAndNull(log(), "BandWidth", db_structBandWidth, db_freeBandWidthResult);
+  emptyAndNull(log(), "perday", db_readRateStruct, db_freeRateResult,
+               "Bandwidth per day struct is already NULL\n");
   // The lines name the exported function that was called.
   ASSERT_FALSE(log().lines().empty());
   EXPECT_EQ(log().lines().back().where(), "db_result_api db_freeRateResult");
@@ -295,28 +275,26 @@ TEST_F(ResultApi, ConversionsIntoCallerStorageFillWhatTheyAreGiven) {
   uint64_t values[3] = {0, 7, 99};
   char macs[3][32] = {{}, {}, "keep"};
   char source[16] = {};
-  ASSERT_EQ(
-      db_getRateIdxTimeStamp(index.data(), 2, 5, timestamps, slotIndexes, values, macs, source), 0);
+  // Into the arrays above; the MAC texts `m` and the source `s` may be absent.
+  auto rateIdx = [&](Values &in, int32_t rows, int32_t columns, char (*m)[32], char *s) {
+    return db_getRateIdxTimeStamp(in.data(), rows, columns, timestamps, slotIndexes, values, m, s);
+  };
+  ASSERT_EQ(rateIdx(index, 2, 5, macs, source), 0);
   EXPECT_EQ((Counts{timestamps[0], timestamps[1], timestamps[2], values[0], values[1]}),
             (Counts{1700000000, 4294967295u, 99, 5000000000ull, 7}));  // NULL cell kept
   EXPECT_EQ((Ints{slotIndexes[0], slotIndexes[1]}), (Ints{12, -3}));
   EXPECT_EQ((Texts{macs[0], macs[1], macs[2], source}),
             (Texts{"aa:bb:cc:dd:ee:ff-and-a-long-su", "11:22", "keep", "two"}));
   // The MAC texts and the source may be absent.
-  ASSERT_EQ(
-      db_getRateIdxTimeStamp(index.data(), 1, 5, timestamps, slotIndexes, values, nullptr, nullptr),
-      0);
+  ASSERT_EQ(rateIdx(index, 1, 5, nullptr, nullptr), 0);
   // Only the header names columns: a data cell spelling a column name is a value.
   Values named{"MAC_S", "TIMESTAMP", "TIMESTAMP", "5", "x"};
-  ASSERT_EQ(
-      db_getRateIdxTimeStamp(named.data(), 1, 2, timestamps, slotIndexes, values, nullptr, nullptr),
-      0);
+  ASSERT_EQ(rateIdx(named, 1, 2, nullptr, nullptr), 0);
   EXPECT_EQ(timestamps[0], 5u);
   EXPECT_TRUE(log().lines().empty()) << log().dump();
 
   EXPECT_EQ(db_setSlotRate(nullptr, 1, 5, &record), 2);
-  EXPECT_EQ(
-      db_getRateIdxTimeStamp(index.data(), 0, 5, timestamps, slotIndexes, values, macs, source), 2);
+  EXPECT_EQ(rateIdx(index, 0, 5, macs, source), 2);
   EXPECT_TRUE(logged(RYX_LOG_ERROR, "BandWidth result array NULL / rowcount 1 columcount 5\n"));
   EXPECT_TRUE(logged(RYX_LOG_ERROR, "BandWidth result array NULL / rowcount 0 columcount 5\n"));
 }

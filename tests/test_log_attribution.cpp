@@ -46,6 +46,11 @@ TEST_F(LogAttribution, HelpersLogInTheNameOfTheFunctionTheyWorkFor) {
   ASSERT_EQ(db_createPrimitiveBandWidthRxTable(288), DB_STATUS_SUCCESS);
   auto record = std::make_unique<BandWidthRecord>();
   int32_t count = 0;
+  // A WAN sample for `mac`, then the latest read of the WAN.
+  auto latestAfter = [&](const char *mac) {
+    db_updatePrimitiveBandWidthRx(Values{mac, "WAN", "1000", "10"}.data());
+    db_readBandWidthLatestRx("WAN", 100, record.get(), &count);
+  };
 
   const Case cases[] = {
       // The gate's line, for the writer that passed it.
@@ -58,18 +63,10 @@ TEST_F(LogAttribution, HelpersLogInTheNameOfTheFunctionTheyWorkFor) {
        {{"BandWithRx table - slot index is empty",
          "db_api_update_read db_updateBandWidthSlotRx"}}},
       // A latest read logs for the day read it runs, too.
-      {"latest span",
-       [&] {
-         db_updatePrimitiveBandWidthRx(Values{kMac, "WAN", "1000", "10"}.data());
-         db_readBandWidthLatestRx("WAN", 100, record.get(), &count);
-       },
+      {"latest span", [&] { latestAfter(kMac); },
        {{"Read BandwidthRx table for day 1 failed", "db_api_update_read db_readRxStartToEnd"},
         {"CMA Reading Rx tables failed", "db_api_update_read db_readBandWidthLatestRx"}}},
-      {"two WANs",
-       [&] {
-         db_updatePrimitiveBandWidthRx(Values{"aa:bb:cc:dd:ee:02", "WAN", "1000", "10"}.data());
-         db_readBandWidthLatestRx("WAN", 100, record.get(), &count);
-       },
+      {"two WANs", [&] { latestAfter("aa:bb:cc:dd:ee:02"); },
        {{"WAN found in DB", "db_api_update_read db_readBandWidthLatestRx"}}},
       // A whole-series delete works through the series' exported deletes.
       {"series delete", [] { db_deleteMacBandWidthTx(nullptr); },

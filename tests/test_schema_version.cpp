@@ -8,16 +8,12 @@ class Version : public adbtest::ApiTest {
   void SetUp() override {
     ApiTest::SetUp();
     ASSERT_EQ(db_createDeviceInfoTable(), DB_STATUS_SUCCESS);
-    raw().exec(
-        "INSERT INTO DEVICEINFO(MAC_S, PREFERRED_BAND_S, PORTABLE) VALUES"
-        "('a','Auto',NULL),('b','2.4GHz',0),('c','5GHz',NULL),('d','6GHz',1);");
   }
-  std::string bands() {
-    return raw().scalar("SELECT group_concat(PREFERRED_BAND_S, ',') FROM DEVICEINFO").value_or("");
-  }
-  std::string portable() {
+  // "band:portable" per device, in rowid order.
+  std::string devices() {
     return raw()
-        .scalar("SELECT group_concat(ifnull(PORTABLE,'null'), ',') FROM DEVICEINFO")
+        .scalar("SELECT group_concat(PREFERRED_BAND_S || ':' || ifnull(PORTABLE,'null'), ',') "
+                "FROM DEVICEINFO")
         .value_or("");
   }
   int32_t stored() {
@@ -30,28 +26,24 @@ class Version : public adbtest::ApiTest {
 }  // namespace
 
 TEST_F(Version, RisesTranslateBandsFromVersions1And2AndFillPortableOtherChangesDoNothing) {
-  const char *kept = "Auto,2.4GHz,5GHz,6GHz";
   const struct {
     int32_t from, to;
-    const char *bands, *portable;
+    const char *devices;
     uint8_t alters;
-  } changes[] = {{3, 3, kept, "null,0,null,1", 0},
-                 {4, 2, kept, "null,0,null,1", 0},
-                 {1, 4, "NA,2.4,5,6GHz", "1,0,1,1", 1},
-                 {2, 4, "NA,2.4,5,6GHz", "1,0,1,1", 1},
-                 {0, 1, kept, "1,0,1,1", 1},
-                 {3, 4, kept, "1,0,1,1", 1}};
+  } changes[] = {{3, 3, "Auto:null,2.4GHz:0,5GHz:null,6GHz:1", 0},
+                 {4, 2, "Auto:null,2.4GHz:0,5GHz:null,6GHz:1", 0},
+                 {1, 4, "NA:1,2.4:0,5:1,6GHz:1", 1},
+                 {2, 4, "NA:1,2.4:0,5:1,6GHz:1", 1},
+                 {0, 1, "Auto:1,2.4GHz:0,5GHz:1,6GHz:1", 1},
+                 {3, 4, "Auto:1,2.4GHz:0,5GHz:1,6GHz:1", 1}};
   for (const auto &change : changes) {
     SCOPED_TRACE(std::to_string(change.from) + " to " + std::to_string(change.to));
-    raw().exec(
-        "UPDATE DEVICEINFO SET PREFERRED_BAND_S = CASE MAC_S WHEN 'a' THEN 'Auto' "
-        "WHEN 'b' THEN '2.4GHz' WHEN 'c' THEN '5GHz' ELSE '6GHz' END, "
-        "PORTABLE = CASE MAC_S WHEN 'b' THEN 0 WHEN 'd' THEN 1 END");
+    raw().exec("DELETE FROM DEVICEINFO; INSERT INTO DEVICEINFO(MAC_S, PREFERRED_BAND_S, PORTABLE) "
+               "VALUES ('a','Auto',NULL),('b','2.4GHz',0),('c','5GHz',NULL),('d','6GHz',1);");
     alterSchema = 0;
     EXPECT_EQ(db_setDBVersion(change.from, change.to), DB_STATUS_SUCCESS);
     EXPECT_EQ(alterSchema, change.alters);
-    EXPECT_EQ(bands(), change.bands);
-    EXPECT_EQ(portable(), change.portable);
+    EXPECT_EQ(devices(), change.devices);
   }
   EXPECT_TRUE(
       logged(RYX_LOG_INFO, "No DB version change/ lesser version change currVer [4] newVer [2]\n"));
@@ -86,9 +78,8 @@ TEST_F(Version, ANewFileIsVersion0AndStoringGoesThroughTheQueue) {
   ASSERT_EQ(db_manageQueue(DB_STATUS_BUSY, 0, noVersion.data(), 2, "VERSION"), 0);
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
   EXPECT_EQ(queueCount, 0);
-  EXPECT_TRUE(logged(RYX_LOG_ERROR,
-                     "Queue: dropped func[0] Table[VERSION] Key[NULL]: its values give no "
-                     "statement\n"));
+  EXPECT_TRUE(logged(RYX_LOG_ERROR, "Queue: dropped func[0] Table[VERSION] Key[NULL]: its values "
+                                    "give no statement\n"));
 
   // A failed read leaves the caller's value alone.
   EXPECT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
