@@ -139,8 +139,15 @@ TEST_F(Series, SlotWritesNameTheirDayAndColumnAndDefaultFillsZeroOneDay) {
 TEST_F(Series, ParkedSampleWritesReplayAsTheWriterThatParkedThem) {
   bandwidth("pk", "LAN", 2, 77);
   ASSERT_EQ(db_updateRssi(Values{"pk", "1700000600", "2", "-50"}.data()), DB_STATUS_SUCCESS);
-  // {writer, its values, what to read back, the value read}
-  const std::tuple<int32_t (*)(char **), Values, const char *, const char *> cases[] = {
+  // A struct, not a tuple: a tuple would copy the Values, whose pointers then point into the
+  // temporary it was copied from.
+  struct Case {
+    int32_t (*write)(char **);
+    Values values;
+    const char *query;
+    const char *expected;
+  };
+  const Case cases[] = {
       {db_updatePrimitiveRssi, {"pk", "1700009000", "30"}, "SLT_IND FROM PRIMITIVE_RSSI", "30"},
       {db_updateRssiSlot, {"pk", "6", "-61"}, "SLOT6 FROM RSSI1", "-61"},
       {db_updateRssiSlotDefaultValue, {"pk", "2", "3"}, "SLOT2 FROM RSSI1", "0"},
@@ -153,21 +160,19 @@ TEST_F(Series, ParkedSampleWritesReplayAsTheWriterThatParkedThem) {
       {db_updateBandWidthSlotTx, {"pk", "6", "44"}, "SLOT6 FROM BANDWIDTHTX1", "44"},
       {db_updateTxSlotDefaultValue, {"pk", "2", "3"}, "SLOT2 FROM BANDWIDTHTX1", "0"},
   };
-  for (auto [write, values, query, expected] : cases) {
-    ASSERT_EQ(whileBusy([&] { return write(values.data()); }), DB_STATUS_BUSY) << query;
+  for (Case c : cases) {  // a copy that points into the case's own values
+    ASSERT_EQ(whileBusy([&] { return c.write(c.values.data()); }), DB_STATUS_BUSY) << c.query;
   }
   ASSERT_EQ(queueCount, 9);
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS) << log().dump();
-  for (const auto &[write, values, query, expected] : cases) {
-    EXPECT_EQ(raw().scalar("SELECT " + std::string(query)), expected) << query;  // pk's rows only
+  for (const Case &c : cases) {
+    EXPECT_EQ(raw().scalar("SELECT " + std::string(c.query)), c.expected) << c.query;  // pk's only
   }
 }
 
 TEST_F(Series, SpansInsideADayAcrossDaysAcrossTheWrapAndPastAMissingDay) {
   everyDay("aa:03", "LAN");
-  for (int32_t slot : {100, 101, 102, 600, 2014, 2015, 2016, 1, 2, 3}) {
-    bandwidth("aa:03", "LAN", slot, static_cast<uint64_t>(slot) * 10);
-  }
+  for (int32_t slot : {100, 101, 102, 600}) bandwidth("aa:03", "LAN", slot, slot * 10u);
   auto record = std::make_unique<BandWidthRecord>();
   auto read = [&](auto spanRead, int32_t from, int32_t to) {
     *record = BandWidthRecord{};
@@ -178,8 +183,8 @@ TEST_F(Series, SpansInsideADayAcrossDaysAcrossTheWrapAndPastAMissingDay) {
   EXPECT_STREQ(record->mac, "aa:03");
   EXPECT_EQ(read(db_readTxStartToEnd, 101, 600), DB_STATUS_SUCCESS);  // days 1..3
   EXPECT_EQ(std::pair(record->slotCount, record->slots[499]), std::pair(500u, uint64_t{6000}));
-  EXPECT_EQ(read(db_readRxStartToEnd, 2014, 3), DB_STATUS_SUCCESS);  // wraps
-  EXPECT_EQ(slotsOf(*record), (std::vector<uint64_t>{20140, 20150, 20160, 10, 20, 30}));
+  // A span across the week's wrap: the latest spans of
+  // Series.EightDaysOfTicksKeepTheCacheBoundedAndReadBackAsLatestSpans.
 
   // Both ends in one day: every day table is read once and nearly the whole week comes back.
   log().clear();
@@ -219,15 +224,15 @@ TEST_F(Series, EightDaysOfTicksKeepTheCacheBoundedAndReadBackAsLatestSpans) {
   ASSERT_EQ(db_writeQuery("PRAGMA synchronous = OFF"), DB_STATUS_SUCCESS);
   const int32_t ticks = 8 * 288 - 100;  // the latest sample lands in day 1 of the second week
   const char *devices[] = {"wan:00", "lan:01", "lan:02"};
-  // Device d's receive sample at `tick`.
-  auto rx = [&](int d, int32_t tick) {
+  // Device d's receive or transmit sample at `tick`.
+  auto tickSample = [&](auto write, int d, int32_t tick) {
     const uint32_t time = start + static_cast<uint32_t>(tick) * kSlotSeconds;
-    return sample(db_updateBandWidthRx, devices[d], d == 0 ? "WAN" : "LAN", time,
-                  tick % kWeek + 1, static_cast<uint64_t>(tick * 10 + d));
+    return sample(write, devices[d], d == 0 ? "WAN" : "LAN", time, tick % kWeek + 1,
+                  static_cast<uint64_t>(tick * 10 + d));
   };
-  uint32_t statements = 0, bytes = 0, mostBytes = 0;
+  auto rx = std::bind_front(tickSample, db_updateBandWidthRx);
+  uint32_t statements = 0, bytes = 0;
   for (int32_t tick = 0; tick < ticks; ++tick) {
-    const std::string slot = std::to_string(tick % kWeek + 1);
     if (tick % 288 == 0) {
       const uint32_t day = static_cast<uint32_t>(db_findTable(tick % kWeek + 1));
       for (const auto &[word, create] : kDayTables) {
@@ -237,20 +242,16 @@ TEST_F(Series, EightDaysOfTicksKeepTheCacheBoundedAndReadBackAsLatestSpans) {
       ASSERT_EQ(db_beginTransaction(), DB_STATUS_SUCCESS);
     }
     for (int d = 0; d < 3; ++d) ASSERT_EQ(rx(d, tick), DB_STATUS_SUCCESS) << tick;
+    ASSERT_EQ(tickSample(db_updateBandWidthTx, 0, tick), DB_STATUS_SUCCESS) << tick;
     const std::string time = std::to_string(start + static_cast<uint32_t>(tick) * kSlotSeconds);
-    Values wan{devices[0], "WAN", time.c_str(), slot.c_str(), "1000"};
-    ASSERT_EQ(db_updateBandWidthTx(wan.data()), DB_STATUS_SUCCESS) << tick;
-    Values rssi{devices[0], time.c_str(), slot.c_str(), "-50"};
+    Values rssi{devices[0], time.c_str(), std::to_string(tick % kWeek + 1).c_str(), "-50"};
     ASSERT_EQ(db_updateRssi(rssi.data()), DB_STATUS_SUCCESS) << tick;
     if (tick % 288 == 287 || tick == ticks - 1) {
       ASSERT_EQ(db_commitTransaction(), DB_STATUS_SUCCESS);
     }
     ASSERT_EQ(db_getStatementCacheFigures(&statements, &bytes), DB_STATUS_SUCCESS);
-    ASSERT_TRUE(statements > 0 && statements <= 24) << statements;
-    ASSERT_LE(bytes, 768u * 1024u);
-    mostBytes = std::max(mostBytes, bytes);
+    ASSERT_TRUE(statements > 0 && statements <= 24 && bytes <= 768u * 1024u) << statements;
   }
-  RecordProperty("statement_cache_peak_bytes", static_cast<int>(mostBytes));
   // A kept statement is handed out again, not compiled afresh: the shapes written every tick
   // have run many times.
   int mostRuns = 0;

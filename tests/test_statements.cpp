@@ -89,40 +89,6 @@ TEST(TextBuilder, CutsAtCapacityStaysCutAndNeverSplitsAQuotePair) {
   }
 }
 
-TEST(SelectPieces, ComposeTheStatementTextAndCutItAtTheBufferSize) {
-  const std::string full = kFullRead;
-  // Every size cuts the same text at its own end, without a byte past the buffer; the last
-  // size holds all of it.
-  for (int32_t size = 1; size <= static_cast<int32_t>(full.size()) + 1; ++size) {
-    std::string expected = full.substr(0, static_cast<size_t>(size) - 1);
-    // Inside the quoted value the cut never separates the two quotes of a pair; the byte the
-    // pair could not use takes the first blank of the next piece.
-    if (expected.ends_with("'it'")) expected.back() = ' ';
-    ASSERT_EQ(composeWithin(size, composeFullRead), expected) << "size " << size;
-  }
-
-  // A field array with count 0 is a star select as well; pieces append to the buffer's text;
-  // only " USING " joins: any other kind appends nothing and still succeeds.
-  char query[64] = "SELECT";
-  Values fields{"MAC_S"};
-  db_selectQuery(query, 64);
-  EXPECT_EQ(db_selectFieldNames(query, 64, fields.data(), 0, "CMAINFO"), 0);
-  EXPECT_EQ(db_selectJoin(query, 64, "RSSI1", " ON ", "MAC_S"), 0);
-  EXPECT_STREQ(query, "SELECTSELECT  *  FROM  CMAINFO");
-
-  // A buffer whose text fills it without a terminator is left alone; a size of 0 or less writes
-  // nothing at all.
-  char filled[16];  // 8 bytes of text without a terminator, and 8 behind them
-  std::memset(filled, 'x', sizeof filled);
-  db_selectWhere(filled, 8);
-  db_selectUnion(filled, 8);
-  EXPECT_EQ(std::string(filled, sizeof filled), std::string(16, 'x'));
-  char none[4] = {};
-  db_selectQuery(none, 0);
-  db_selectFieldNames(none, -5, nullptr, 0, "MESHTOPO");
-  EXPECT_EQ(std::string(none, sizeof none), std::string(4, '\0'));
-}
-
 class Statements : public adbtest::ApiTest {
  protected:
   void SetUp() override {
@@ -149,8 +115,42 @@ class Statements : public adbtest::ApiTest {
   }
 };
 
-TEST_F(Statements, SelectPiecesRefuseMissingArgumentsLeavingTheBufferAsItWas) {
-  char query[128] = "SELECT ";
+TEST_F(Statements, SelectPiecesComposeCutAndRefuseMissingArguments) {
+  const std::string full = kFullRead;
+  // Every size cuts the same text at its own end, without a byte past the buffer; the last
+  // size holds all of it.
+  for (int32_t size = 1; size <= static_cast<int32_t>(full.size()) + 1; ++size) {
+    std::string expected = full.substr(0, static_cast<size_t>(size) - 1);
+    // Inside the quoted value the cut never separates the two quotes of a pair; the byte the
+    // pair could not use takes the first blank of the next piece.
+    if (expected.ends_with("'it'")) expected.back() = ' ';
+    ASSERT_EQ(composeWithin(size, composeFullRead), expected) << "size " << size;
+  }
+
+  // A field array with count 0 is a star select as well; pieces append to the buffer's text;
+  // only " USING " joins: any other kind appends nothing and still succeeds.
+  char query[128] = "SELECT";
+  Values field{"MAC_S"};
+  db_selectQuery(query, 128);
+  EXPECT_EQ(db_selectFieldNames(query, 128, field.data(), 0, "CMAINFO"), 0);
+  EXPECT_EQ(db_selectJoin(query, 128, "RSSI1", " ON ", "MAC_S"), 0);
+  EXPECT_STREQ(query, "SELECTSELECT  *  FROM  CMAINFO");
+
+  // A buffer whose text fills it without a terminator is left alone; a size of 0 or less writes
+  // nothing at all.
+  char filled[16];  // 8 bytes of text without a terminator, and 8 behind them
+  std::memset(filled, 'x', sizeof filled);
+  db_selectWhere(filled, 8);
+  db_selectUnion(filled, 8);
+  EXPECT_EQ(std::string(filled, sizeof filled), std::string(16, 'x'));
+  char none[4] = {};
+  db_selectQuery(none, 0);
+  db_selectFieldNames(none, -5, nullptr, 0, "MESHTOPO");
+  EXPECT_EQ(std::string(none, sizeof none), std::string(4, '\0'));
+
+  // Missing arguments are refused, leaving the buffer as it was.
+  std::strcpy(query, "SELECT ");
+  log().clear();
   EXPECT_EQ(db_selectQuery(nullptr, 128), 1);
   EXPECT_EQ(db_selectWhere(nullptr, 128), 1);
   EXPECT_EQ(db_selectUnion(nullptr, 128), 1);
@@ -260,34 +260,25 @@ TEST_F(Statements, WritesInsertThenUpdateByKeyKeepingNullColumnsAndDoublingQuote
   EXPECT_EQ(raw().scalar("SELECT count(*) FROM DEV WHERE MAC_S = 'nk'"), "1");
 }
 
-TEST_F(Statements, DeletesByConditionOrAllRowsAndDropsTables) {
+TEST_F(Statements, DeletesDropsTransactionsAndForeignKeys) {
   raw().exec("INSERT INTO DEV (MAC_S) VALUES ('aa'), ('bb'), ('cc')");
   EXPECT_EQ(db_deleteTableContent("DEV", "MAC_S", " LIKE ", "AA", nullptr), DB_STATUS_SUCCESS);
   EXPECT_TRUE(loggedStatement("DELETE FROM  DEV  WHERE  MAC_S LIKE 'AA'")) << log().dump();
-  EXPECT_EQ(macs(), "bb,cc");
-  // A ready-made statement wins over the condition.
+  // A ready-made statement wins over the condition: aa went above, cc goes now, bb stays.
   const char *ready = "DELETE FROM DEV WHERE MAC_S='cc'";
   EXPECT_EQ(db_deleteTableContent("DEV", "MAC_S", " LIKE ", "bb", ready), DB_STATUS_SUCCESS);
   EXPECT_EQ(macs(), "bb");
-  // A missing value empties the table.
+  // A missing value empties the table: no WHERE clause (a table emptied so:
+  // Delete.RemovesRowsByKeyInAnyCaseOrAllRows).
   EXPECT_EQ(db_deleteTableContent("DEV", "MAC_S", " LIKE ", nullptr, nullptr), DB_STATUS_SUCCESS);
   EXPECT_TRUE(loggedStatement("DELETE FROM  DEV"));
-  EXPECT_EQ(macs(), std::nullopt);
 
   EXPECT_EQ(db_deleteTableContent("NOPE", "MAC_S", " LIKE ", "aa", nullptr), DB_STATUS_NO_TABLE);
   EXPECT_TRUE(error("Delete failed ret 5\n"));
   EXPECT_EQ(db_deleteTableContent(nullptr, "MAC_S", " LIKE ", "aa", nullptr), DB_STATUS_FAILURE);
   EXPECT_TRUE(error("Delete: Check tablename\n"));
 
-  EXPECT_EQ(db_dropTable("DEV"), DB_STATUS_SUCCESS);
-  EXPECT_TRUE(loggedStatement("DROP TABLE IF EXISTS  DEV"));
-  EXPECT_FALSE(raw().tableExists("DEV"));
-  EXPECT_EQ(db_dropTable("DEV"), DB_STATUS_SUCCESS);  // missing: still fine
-  EXPECT_EQ(db_dropTable(nullptr), DB_STATUS_FAILURE);
-  EXPECT_TRUE(error("Drop: Check tablename\n"));
-}
-
-TEST_F(Statements, TransactionsBracketWritesAndForeignKeysSwitchOn) {
+  // Transactions.
   EXPECT_EQ(db_commitTransaction(), DB_STATUS_FAILURE);  // closed: a commit does not open
   EXPECT_EQ(db_beginTransaction(), DB_STATUS_SUCCESS);
   EXPECT_EQ(db_beginTransaction(), DB_STATUS_FAILURE);  // nested BEGIN
@@ -300,4 +291,11 @@ TEST_F(Statements, TransactionsBracketWritesAndForeignKeysSwitchOn) {
 
   EXPECT_EQ(db_setForeignKey(), DB_STATUS_SUCCESS);
   EXPECT_TRUE(logged(RYX_LOG_DEBUG, "Set Foreign Key enable"));
+
+  EXPECT_EQ(db_dropTable("DEV"), DB_STATUS_SUCCESS);
+  EXPECT_TRUE(loggedStatement("DROP TABLE IF EXISTS  DEV"));
+  EXPECT_FALSE(raw().tableExists("DEV"));
+  EXPECT_EQ(db_dropTable("DEV"), DB_STATUS_SUCCESS);  // missing: still fine
+  EXPECT_EQ(db_dropTable(nullptr), DB_STATUS_FAILURE);
+  EXPECT_TRUE(error("Drop: Check tablename\n"));
 }
