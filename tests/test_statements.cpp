@@ -76,8 +76,7 @@ TEST(TextBuilder, CutsAtCapacityStaysCutAndNeverSplitsAQuotePair) {
   }
 
   // Escaped text, and text escaped already, is cut between quote pairs only.
-  const std::string value = "a'b''c'''d'";
-  const std::string escaped = "a''b''''c''''''d''";
+  const std::string value = "a'b''c'''d'", escaped = "a''b''''c''''''d''";
   for (int32_t capacity = 1; capacity <= static_cast<int32_t>(escaped.size()) + 2; ++capacity) {
     const std::string out = buildWithin(capacity, [&](auto &b) { b.appendEscaped(value.c_str()); });
     ASSERT_EQ(escaped.compare(0, out.size(), out), 0) << capacity;  // a prefix of the whole
@@ -95,9 +94,7 @@ class Statements : public adbtest::ApiTest {
     ApiTest::SetUp();
     raw().exec(
         "CREATE TABLE DEV (MAC_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE, HOST_S TEXT, "
-        "RSSI INTEGER, TXRATE REAL);"
-        "CREATE TABLE CMAINFO (TABLENAME_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE, "
-        "TIMESTAMP REAL);"
+        "RSSI INTEGER, TXRATE REAL); CREATE TABLE CMAINFO (TABLENAME_S TEXT, TIMESTAMP REAL);"
         "INSERT INTO CMAINFO VALUES ('DEVICEINFO', 1000.5), ('MESHTOPO', NULL);");
   }
   // A write of `values` into DEV's `names`, matched on `key` (none: no match operator either).
@@ -138,11 +135,10 @@ TEST_F(Statements, SelectPiecesComposeCutAndRefuseMissingArguments) {
 
   // A buffer whose text fills it without a terminator is left alone; a size of 0 or less writes
   // nothing at all.
-  char filled[16];  // 8 bytes of text without a terminator, and 8 behind them
-  std::memset(filled, 'x', sizeof filled);
-  db_selectWhere(filled, 8);
-  db_selectUnion(filled, 8);
-  EXPECT_EQ(std::string(filled, sizeof filled), std::string(16, 'x'));
+  std::string filled(16, 'x');  // 8 bytes of text without a terminator, and 8 behind them
+  db_selectWhere(filled.data(), 8);
+  db_selectUnion(filled.data(), 8);
+  EXPECT_EQ(filled, std::string(16, 'x'));
   char none[4] = {};
   db_selectQuery(none, 0);
   db_selectFieldNames(none, -5, nullptr, 0, "MESHTOPO");
