@@ -90,7 +90,7 @@ TEST(SlotArithmetic, DayOfASlotIndexLimitsAndPacking) {
 
 TEST_F(Series, SlotWritesNameTheirDayAndColumnAndDefaultFillsZeroOneDay) {
   EXPECT_EQ(db_updateRssi(Values{"aa:01", "1700000000", "289", "-61"}.data()), DB_STATUS_SUCCESS);
-  EXPECT_EQ(raw().query("SELECT SLOT289, SLT_IND, TIMESTAMP FROM RSSI2 NATURAL JOIN PRIMITIVE_RSSI"),
+  EXPECT_EQ(raw().query("SELECT SLOT289,SLT_IND,TIMESTAMP FROM RSSI2 NATURAL JOIN PRIMITIVE_RSSI"),
             (adbtest::Rows{{"-61", "289", "1700000000"}}));
 
   EXPECT_EQ(db_updateRssiSlot(Values{"aa:01", "0", "5"}.data()), DB_STATUS_FAILURE);
