@@ -218,7 +218,7 @@ TEST_F(Statements, WritesInsertThenUpdateByKeyKeepingNullColumnsAndDoublingQuote
   EXPECT_EQ(write({"q1", "it's", nullptr, nullptr}), DB_STATUS_SUCCESS);
   EXPECT_TRUE(loggedStatement("INSERT INTO  DEV (MAC_S,HOST_S)  VALUES('q1','it''s')"));
   EXPECT_TRUE(logged(RYX_LOG_DEBUG, "converted value with quote [it's] to [it''s] "));
-  EXPECT_EQ(raw().scalar("SELECT HOST_S FROM DEV WHERE MAC_S = 'q1'"), "it's");
+  // (Stored as given: HostileInputTest.EveryWriterStoresHostileNamesAsDataAndTouchesNothingElse.)
 
   // Incomplete arguments are refused, each check with its line.
   log().clear();
@@ -247,9 +247,8 @@ TEST_F(Statements, WritesInsertThenUpdateByKeyKeepingNullColumnsAndDoublingQuote
       "CREATE TABLE NUMKEY (K_S NUMERIC PRIMARY KEY COLLATE NOCASE, V INTEGER);"
       "INSERT INTO NUMKEY VALUES (10, 1);");
   Values pair{"K_S", "V"};
-  char **kv = pair.data();
-  EXPECT_EQ(db_tryUpdate("CASED", "K_S", " LIKE ", kv, Values{"AA", "2"}.data(), 2), 0);
-  EXPECT_EQ(db_tryUpdate("NUMKEY", "K_S", " LIKE ", kv, Values{"10.0", "2"}.data(), 2), 0);
+  EXPECT_EQ(db_tryUpdate("CASED", "K_S", " LIKE ", pair.data(), Values{"AA", "2"}.data(), 2), 0);
+  EXPECT_EQ(db_tryUpdate("NUMKEY", "K_S", " LIKE ", pair.data(), Values{"10.0", "2"}.data(), 2), 0);
   EXPECT_EQ(raw().scalar("SELECT (SELECT V FROM CASED) || (SELECT V FROM NUMKEY)"), "21");
   EXPECT_EQ(write({"nk"}, {"MAC_S"}, nullptr), DB_STATUS_SUCCESS);
   EXPECT_EQ(raw().scalar("SELECT count(*) FROM DEV WHERE MAC_S = 'nk'"), "1");
