@@ -7,8 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
 #include <functional>
 #include <vector>
 
@@ -22,17 +20,12 @@ inline bool sendBytes(int fd, const void *data, size_t size) {
 
 enum class Received { kAll, kEnd, kTimeout };
 
-// Reads exactly `size` bytes unless the pipe ends (or fails) or `timeoutMs` passes first; with
-// 0 it takes only what is there already.
+// Reads exactly `size` bytes unless the pipe ends (or fails) or stays silent for `timeoutMs`
+// first; with 0 it takes only what is there already.
 inline Received receiveBytes(int fd, void *data, size_t size, int timeoutMs) {
-  using Clock = std::chrono::steady_clock;
-  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
   for (char *bytes = static_cast<char *>(data); size > 0;) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     pollfd ready{fd, POLLIN, 0};
-    if (poll(&ready, 1, static_cast<int>(std::max<long long>(left.count(), 0))) <= 0) {
-      return Received::kTimeout;
-    }
+    if (poll(&ready, 1, timeoutMs) <= 0) return Received::kTimeout;
     ssize_t got = read(fd, bytes, size);
     if (got <= 0) return Received::kEnd;
     bytes += got;
