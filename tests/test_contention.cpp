@@ -47,13 +47,6 @@ constexpr int kSteps = 30;
 // writes a device's sample every five minutes; this is already far more than replays can follow
 // with every burst held for up to 50 ms.)
 constexpr uint32_t kMaxPauseUs = 50000;
-// The host's processing thread calls db_processQueueEntry() this often.
-constexpr int kProcessEveryMs = 3;
-// A write refused by a full queue is tried again this much later, at most this often.
-constexpr int kRetryPauseMs = 2;
-constexpr int kRetries = 5000;
-// With the file free, a few calls replay a whole queue; more calls are only a safety margin.
-constexpr int kDrainCalls = 200;
 // Only a hung process is ever this slow, even under emulation.
 constexpr int kHangGuardMs = 120000;
 
@@ -115,20 +108,20 @@ class Writer {
       threads.emplace_back([&, t] { writeAll(t, firstStep); });
     }
     firstStep.arrive_and_wait();
-    std::atomic<bool> writing{true};
     uint32_t calls = 0;
-    std::thread processing([&] {
-      while (writing.load()) {
+    std::jthread processing([&calls](std::stop_token stop) {
+      while (!stop.stop_requested()) {
         db_processQueueEntry();
         ++calls;
-        std::this_thread::sleep_for(std::chrono::milliseconds(kProcessEveryMs));
+        std::this_thread::sleep_for(std::chrono::milliseconds(3));  // the host's cadence
       }
     });
     for (std::thread &thread : threads) thread.join();
-    writing.store(false);
+    processing.request_stop();
     processing.join();
     if (!sendBytes(report, &kAllWritten, 1) || !receiveByte(go, kDrain, kHangGuardMs)) _exit(4);
-    for (int call = 0; call < kDrainCalls && queueCount > 0; ++call) {
+    // With the file free, a few calls replay a whole queue; more are only a safety margin.
+    for (int call = 0; call < 200 && queueCount > 0; ++call) {
       db_processQueueEntry();
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
@@ -152,12 +145,13 @@ class Writer {
     }
   }
 
-  // One API call, tried again while the queue cannot keep it (nothing of it reached the file).
+  // One API call, tried again 2 ms later while the queue cannot keep it (nothing of it reached
+  // the file), 5000 times at most.
   void countWrite(auto &&call) {
-    for (int tries = 0; tries < kRetries; ++tries) {
+    for (int tries = 0; tries < 5000; ++tries) {
       const int32_t status = call();
       if (status == DB_STATUS_QUEUE_FULL) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(kRetryPauseMs));
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
         continue;
       }
       ++writes_;
@@ -223,21 +217,19 @@ class Contention : public adbtest::DbTest {
   // index row, or "day:slot" of the slot row. A slot row does not say which slot it got; the
   // index row written just before it (same process, same key, so never reordered) does.
   void installAudit() {
+    const std::string slotOfKey = "SELECT SLT_IND FROM PRIMITIVE_RSSI WHERE MAC_S = NEW.MAC_S";
     adbtest::RawDb db(dbPath());  // closed before the fork: a connection must not cross it
     db.exec("CREATE TABLE AUDIT (ID INTEGER PRIMARY KEY, KIND TEXT, MAC TEXT, WHAT TEXT)");
-    std::vector<std::pair<std::string, std::string>> audited = {
-        {"DEVICEINFO", "'name', NEW.MAC_S, NEW.FRIENDLYNAME_S"},
-        {"PRIMITIVE_RSSI", "'index', NEW.MAC_S, NEW.TIMESTAMP || '@' || NEW.SLT_IND"}};
-    for (int day = 1; day <= 7; ++day) {
-      audited.push_back({"RSSI" + std::to_string(day),
-                         "'slot', NEW.MAC_S, '" + std::to_string(day) +
-                             ":' || (SELECT SLT_IND FROM PRIMITIVE_RSSI WHERE MAC_S = NEW.MAC_S)"});
-    }
-    for (const auto &[table, row] : audited) {
-      for (const char *event : {"INSERT", "UPDATE"}) {
+    auto audit = [&db](const std::string &table, const std::string &row) {
+      for (const std::string event : {"INSERT", "UPDATE"}) {
         db.exec("CREATE TRIGGER AUDIT_" + table + "_" + event + " AFTER " + event + " ON " + table +
                 " BEGIN INSERT INTO AUDIT (KIND, MAC, WHAT) VALUES (" + row + "); END");
       }
+    };
+    audit("DEVICEINFO", "'name', NEW.MAC_S, NEW.FRIENDLYNAME_S");
+    audit("PRIMITIVE_RSSI", "'index', NEW.MAC_S, NEW.TIMESTAMP || '@' || NEW.SLT_IND");
+    for (const std::string day : {"1", "2", "3", "4", "5", "6", "7"}) {
+      audit("RSSI" + day, "'slot', NEW.MAC_S, '" + day + ":' || (" + slotOfKey + ")");
     }
   }
 
@@ -301,13 +293,11 @@ TEST_F(Contention, WritersUnderBurstsOfABusyFileLoseNothingAndKeepEachKeysOrder)
   {
     adbtest::RawDb holder(dbPath());
     sqlite3_busy_handler(holder.handle(), waitForWriters, nullptr);
-    auto hold = [&holder] { return holder.tryExec("BEGIN EXCLUSIVE") == SQLITE_OK; };
-    auto release = [&holder] { holder.tryExec("COMMIT"); };
     // Every writer's first step meets the held file, so that contention is certain.
-    ASSERT_TRUE(hold());
+    ASSERT_EQ(holder.tryExec("BEGIN EXCLUSIVE"), SQLITE_OK);
     for (Child &child : all) ASSERT_TRUE(sendBytes(child.goFd, &kStart, 1));
     for (Child &child : all) ASSERT_TRUE(receiveByte(child.reportFd, kFirstStepDone, kHangGuardMs));
-    release();
+    holder.tryExec("COMMIT");
     for (Child &child : all) ASSERT_TRUE(sendBytes(child.goFd, &kReleased, 1));
     // Then bursts of a few milliseconds held and free, until every writer has written all.
     int written = 0;
@@ -325,9 +315,9 @@ TEST_F(Contention, WritersUnderBurstsOfABusyFileLoseNothingAndKeepEachKeysOrder)
       }
       if (written == kWriters) break;
       // A burst that could not begin (the writers kept the file) is simply left out.
-      if (!hold()) continue;
+      if (holder.tryExec("BEGIN EXCLUSIVE") != SQLITE_OK) continue;
       std::this_thread::sleep_for(std::chrono::microseconds(holdUs(random)));
-      release();
+      holder.tryExec("COMMIT");
       ++bursts;
     }
   }
@@ -346,8 +336,7 @@ TEST_F(Contention, WritersUnderBurstsOfABusyFileLoseNothingAndKeepEachKeysOrder)
               << " retried " << queue.retried << " refused " << queue.refused << " peak "
               << queue.peakLength << " processing-calls " << figures.calls << " bursts " << bursts
               << " ms " << (Clock::now() - started) / std::chrono::milliseconds(1) << std::endl;
-    const int status = adbtest::Children::reap(child);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "a writer did not end cleanly";
+    ASSERT_EQ(adbtest::Children::reap(child), 0) << "a writer did not end cleanly";
     // At least the first step of every thread met the held file.
     EXPECT_GE(figures.busy, static_cast<uint32_t>(kThreadsPerWriter));
     // Every call counted, every parked request replayed or freed, and no failure, stall, drop or

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <regex>
 #include <string>
 
 #include "support/api_cases.h"
@@ -20,9 +21,8 @@ class Operation : public adbtest::ApiTest {
  protected:
   void createDevices() {
     ASSERT_EQ(db_open(), DB_STATUS_SUCCESS);
-    ASSERT_EQ(
-        db_write("CREATE TABLE T (MAC_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE, V INTEGER)"),
-        DB_STATUS_SUCCESS);
+    const char *sql = "CREATE TABLE T (MAC_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE, V INTEGER)";
+    ASSERT_EQ(db_write(sql), DB_STATUS_SUCCESS);
   }
 };
 
@@ -124,15 +124,14 @@ TEST_F(Operation, ProfilesStatementsOnlyWhileTheMarkerExists) {
   log().clear();
   EXPECT_EQ(db_write("INSERT INTO T VALUES('cc', 1)"), DB_STATUS_CONSTRAINT);  // measured too
   ASSERT_EQ(log().countContaining("Profile"), 1u) << log().dump();
-  auto line = std::find_if(log().lines().begin(), log().lines().end(), [](const auto &l) {
-    return l.text.find("Profile") != std::string::npos;
-  });
+  auto isProfile = [](const adbtest::LogLine &l) { return l.text.find("Profile") != l.text.npos; };
+  auto line = std::ranges::find_if(log().lines(), isProfile);
   EXPECT_EQ(line->level, RYX_LOG_INFO);
   EXPECT_EQ(line->where(), "db_operation db_write");
-  std::string message(line->message());
-  EXPECT_EQ(message.rfind("[analyticsDB] Profile : Time [", 0), 0u) << message;
-  EXPECT_NE(message.find("] millisecs  Clock ticks ["), std::string::npos) << message;
-  EXPECT_NE(message.find("] API [INSERT INTO T VALUES('cc', 1)]"), std::string::npos) << message;
+  // The figures vary: each is masked.
+  const auto text = std::regex_replace(std::string(line->message()), std::regex(R"(\d+\])"), "n]");
+  EXPECT_EQ(text, "[analyticsDB] Profile : Time [n] millisecs  Clock ticks [n] API "
+                  "[INSERT INTO T VALUES('cc', 1)]");
 
   log().clear();
   char **cells = nullptr;

@@ -50,11 +50,7 @@ struct Child {
 // killed and reaped. Meanwhile a write to a dead child's pipe fails instead of raising SIGPIPE.
 class Children {
  public:
-  Children() {
-    struct sigaction ignore {};
-    ignore.sa_handler = SIG_IGN;
-    sigaction(SIGPIPE, &ignore, &savedSigpipe_);
-  }
+  Children() : savedSigpipe_(signal(SIGPIPE, SIG_IGN)) {}
   ~Children() {
     for (Child &child : children_) {
       if (child.pid > 0) {
@@ -64,7 +60,7 @@ class Children {
       close(child.reportFd);
       close(child.goFd);
     }
-    sigaction(SIGPIPE, &savedSigpipe_, nullptr);
+    signal(SIGPIPE, savedSigpipe_);
   }
   Children(const Children &) = delete;
   Children &operator=(const Children &) = delete;
@@ -109,7 +105,7 @@ class Children {
 
  private:
   std::vector<Child> children_;
-  struct sigaction savedSigpipe_ {};
+  void (*savedSigpipe_)(int);
 };
 
 }  // namespace adbtest
