@@ -183,12 +183,6 @@ class Writer {
   std::atomic<uint32_t> writes_{0}, busy_{0}, failed_{0};
 };
 
-uint32_t seedOfRun() {
-  const char *given = std::getenv("ADB_CONTENTION_SEED");
-  const auto now = static_cast<unsigned long long>(Clock::now().time_since_epoch().count());
-  return static_cast<uint32_t>(given != nullptr ? std::strtoull(given, nullptr, 10) : now);
-}
-
 // The holder's connection waits for the writers' short locks in steps of 0.2 ms, 5 s at most
 // (SQLite's own busy timeout sleeps up to 100 ms at a time), so that each burst begins.
 int waitForWriters(void *, int waits) {
@@ -269,7 +263,9 @@ class Contention : public adbtest::DbTest {
 }  // namespace
 
 TEST_F(Contention, WritersUnderBurstsOfABusyFileLoseNothingAndKeepEachKeysOrder) {
-  const uint32_t seed = seedOfRun();
+  const char *given = std::getenv("ADB_CONTENTION_SEED");
+  const auto now = static_cast<uint32_t>(Clock::now().time_since_epoch().count());
+  const uint32_t seed = given != nullptr ? static_cast<uint32_t>(std::atoll(given)) : now;
   SCOPED_TRACE("ADB_CONTENTION_SEED=" + std::to_string(seed));
   RecordProperty("seed", std::to_string(seed));
   std::mt19937 random(seed + kWriters);  // the writers draw from seed + 0 .. seed + kWriters - 1

@@ -45,8 +45,9 @@ TEST_F(Operation, OpensLazilyOnceAndAgainAfterCloseAndRefusesBadPaths) {
   EXPECT_EQ(db_setDatabasePath(("/" + std::string(254, 'a')).c_str()), DB_STATUS_SUCCESS);
   EXPECT_EQ(db_setDatabasePath(dbPath().c_str()), DB_STATUS_SUCCESS);
 
+  // The connection is kept (the second open says so) and dropped by a close (the next open runs
+  // its set-up again).
   EXPECT_EQ(db_open(), DB_STATUS_SUCCESS);
-  EXPECT_NE(database_connection, nullptr);
   EXPECT_EQ(foreignKeyEanbled, 1);
   EXPECT_EQ(logged(RYX_LOG_DEBUG, "Already connected to DB\n"), 0u);
   EXPECT_EQ(db_open(), DB_STATUS_SUCCESS);
@@ -55,7 +56,6 @@ TEST_F(Operation, OpensLazilyOnceAndAgainAfterCloseAndRefusesBadPaths) {
   EXPECT_EQ(db_setDatabasePath((tempDir_ + "/other.db").c_str()), DB_STATUS_FAILURE);
 
   EXPECT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
-  EXPECT_EQ(database_connection, nullptr);
   log().clear();
   EXPECT_EQ(db_open(), DB_STATUS_SUCCESS);
   EXPECT_EQ(logged(RYX_LOG_DEBUG, "WRITE QUERY: PRAGMA page_size = 10240"), 1u);
