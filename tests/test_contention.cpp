@@ -267,7 +267,6 @@ TEST_F(Contention, WritersUnderBurstsOfABusyFileLoseNothingAndKeepEachKeysOrder)
   const auto now = static_cast<uint32_t>(Clock::now().time_since_epoch().count());
   const uint32_t seed = given != nullptr ? static_cast<uint32_t>(std::atoll(given)) : now;
   SCOPED_TRACE("ADB_CONTENTION_SEED=" + std::to_string(seed));
-  RecordProperty("seed", std::to_string(seed));
   std::mt19937 random(seed + kWriters);  // the writers draw from seed + 0 .. seed + kWriters - 1
   // The holder's bursts: held for 0.5 to 50 ms, then free for 2 to 8 ms.
   std::uniform_int_distribution<uint32_t> holdUs(500, 50000), freeMs(2, 8);

@@ -138,8 +138,7 @@ TEST_F(Operation, ProfilesStatementsOnlyWhileTheMarkerExists) {
   int32_t rows = 0, columns = 0;
   ASSERT_EQ(db_read("SELECT * FROM T", &cells, &rows, &columns), DB_STATUS_SUCCESS);
   db_freeResult(&cells);
-  ASSERT_EQ(log().countContaining("Profile"), 1u);
-  EXPECT_EQ(log().countContaining("] millisecs Clock ticks ["), 1u);
+  EXPECT_EQ(log().countContaining("] millisecs Clock ticks ["), 1u);  // a read's own line
 
   uint32_t ticks = 0xFFFFFFFFu;
   EXPECT_EQ(db_getCpuTime(&ticks), 0);
