@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <regex>
 #include <string>
 
 #include "support/api_cases.h"
@@ -20,9 +21,8 @@ class Operation : public adbtest::ApiTest {
  protected:
   void createDevices() {
     ASSERT_EQ(db_open(), DB_STATUS_SUCCESS);
-    ASSERT_EQ(
-        db_write("CREATE TABLE T (MAC_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE, V INTEGER)"),
-        DB_STATUS_SUCCESS);
+    const char *sql = "CREATE TABLE T (MAC_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE, V INTEGER)";
+    ASSERT_EQ(db_write(sql), DB_STATUS_SUCCESS);
   }
 };
 
@@ -45,8 +45,9 @@ TEST_F(Operation, OpensLazilyOnceAndAgainAfterCloseAndRefusesBadPaths) {
   EXPECT_EQ(db_setDatabasePath(("/" + std::string(254, 'a')).c_str()), DB_STATUS_SUCCESS);
   EXPECT_EQ(db_setDatabasePath(dbPath().c_str()), DB_STATUS_SUCCESS);
 
+  // The connection is kept (the second open says so) and dropped by a close (the next open runs
+  // its set-up again).
   EXPECT_EQ(db_open(), DB_STATUS_SUCCESS);
-  EXPECT_NE(database_connection, nullptr);
   EXPECT_EQ(foreignKeyEanbled, 1);
   EXPECT_EQ(logged(RYX_LOG_DEBUG, "Already connected to DB\n"), 0u);
   EXPECT_EQ(db_open(), DB_STATUS_SUCCESS);
@@ -55,7 +56,6 @@ TEST_F(Operation, OpensLazilyOnceAndAgainAfterCloseAndRefusesBadPaths) {
   EXPECT_EQ(db_setDatabasePath((tempDir_ + "/other.db").c_str()), DB_STATUS_FAILURE);
 
   EXPECT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
-  EXPECT_EQ(database_connection, nullptr);
   log().clear();
   EXPECT_EQ(db_open(), DB_STATUS_SUCCESS);
   EXPECT_EQ(logged(RYX_LOG_DEBUG, "WRITE QUERY: PRAGMA page_size = 10240"), 1u);
@@ -70,7 +70,6 @@ TEST_F(Operation, OpensLazilyOnceAndAgainAfterCloseAndRefusesBadPaths) {
   EXPECT_TRUE(logged(RYX_LOG_ERROR,
                      "Opening connection failed ret 14 message: unable to open database file\n"))
       << log().dump();
-  EXPECT_EQ(db_writeQuery("CREATE TABLE X (A)"), DB_STATUS_OPEN_FAILED);
 }
 
 TEST_F(Operation, StatusOfEveryOutcomeAndABusyDatabaseAtOnce) {
@@ -125,23 +124,21 @@ TEST_F(Operation, ProfilesStatementsOnlyWhileTheMarkerExists) {
   log().clear();
   EXPECT_EQ(db_write("INSERT INTO T VALUES('cc', 1)"), DB_STATUS_CONSTRAINT);  // measured too
   ASSERT_EQ(log().countContaining("Profile"), 1u) << log().dump();
-  auto line = std::find_if(log().lines().begin(), log().lines().end(), [](const auto &l) {
-    return l.text.find("Profile") != std::string::npos;
-  });
+  auto isProfile = [](const adbtest::LogLine &l) { return l.text.find("Profile") != l.text.npos; };
+  auto line = std::ranges::find_if(log().lines(), isProfile);
   EXPECT_EQ(line->level, RYX_LOG_INFO);
   EXPECT_EQ(line->where(), "db_operation db_write");
-  std::string message(line->message());
-  EXPECT_EQ(message.rfind("[analyticsDB] Profile : Time [", 0), 0u) << message;
-  EXPECT_NE(message.find("] millisecs  Clock ticks ["), std::string::npos) << message;
-  EXPECT_NE(message.find("] API [INSERT INTO T VALUES('cc', 1)]"), std::string::npos) << message;
+  // The figures vary: each is masked.
+  const auto text = std::regex_replace(std::string(line->message()), std::regex(R"(\d+\])"), "n]");
+  EXPECT_EQ(text, "[analyticsDB] Profile : Time [n] millisecs  Clock ticks [n] API "
+                  "[INSERT INTO T VALUES('cc', 1)]");
 
   log().clear();
   char **cells = nullptr;
   int32_t rows = 0, columns = 0;
   ASSERT_EQ(db_read("SELECT * FROM T", &cells, &rows, &columns), DB_STATUS_SUCCESS);
   db_freeResult(&cells);
-  ASSERT_EQ(log().countContaining("Profile"), 1u);
-  EXPECT_EQ(log().countContaining("] millisecs Clock ticks ["), 1u);
+  EXPECT_EQ(log().countContaining("] millisecs Clock ticks ["), 1u);  // a read's own line
 
   uint32_t ticks = 0xFFFFFFFFu;
   EXPECT_EQ(db_getCpuTime(&ticks), 0);

@@ -7,8 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
 #include <functional>
 #include <vector>
 
@@ -22,17 +20,12 @@ inline bool sendBytes(int fd, const void *data, size_t size) {
 
 enum class Received { kAll, kEnd, kTimeout };
 
-// Reads exactly `size` bytes unless the pipe ends (or fails) or `timeoutMs` passes first; with
-// 0 it takes only what is there already.
+// Reads exactly `size` bytes unless the pipe ends (or fails) or stays silent for `timeoutMs`
+// first; with 0 it takes only what is there already.
 inline Received receiveBytes(int fd, void *data, size_t size, int timeoutMs) {
-  using Clock = std::chrono::steady_clock;
-  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
   for (char *bytes = static_cast<char *>(data); size > 0;) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     pollfd ready{fd, POLLIN, 0};
-    if (poll(&ready, 1, static_cast<int>(std::max<long long>(left.count(), 0))) <= 0) {
-      return Received::kTimeout;
-    }
+    if (poll(&ready, 1, timeoutMs) <= 0) return Received::kTimeout;
     ssize_t got = read(fd, bytes, size);
     if (got <= 0) return Received::kEnd;
     bytes += got;
@@ -57,11 +50,7 @@ struct Child {
 // killed and reaped. Meanwhile a write to a dead child's pipe fails instead of raising SIGPIPE.
 class Children {
  public:
-  Children() {
-    struct sigaction ignore {};
-    ignore.sa_handler = SIG_IGN;
-    sigaction(SIGPIPE, &ignore, &savedSigpipe_);
-  }
+  Children() : savedSigpipe_(signal(SIGPIPE, SIG_IGN)) {}
   ~Children() {
     for (Child &child : children_) {
       if (child.pid > 0) {
@@ -71,7 +60,7 @@ class Children {
       close(child.reportFd);
       close(child.goFd);
     }
-    sigaction(SIGPIPE, &savedSigpipe_, nullptr);
+    signal(SIGPIPE, savedSigpipe_);
   }
   Children(const Children &) = delete;
   Children &operator=(const Children &) = delete;
@@ -116,7 +105,7 @@ class Children {
 
  private:
   std::vector<Child> children_;
-  struct sigaction savedSigpipe_ {};
+  void (*savedSigpipe_)(int);
 };
 
 }  // namespace adbtest
