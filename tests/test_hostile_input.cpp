@@ -95,23 +95,18 @@ std::vector<std::string> valuesFor(const InventoryWriter &writer, const std::str
   return values;
 }
 
-bool insertFits(const InventoryWriter &writer, const std::vector<std::string> &values) {
-  size_t length = writer.columns.size() - 1;  // the commas
+// Whether the write's INSERT value list fits and, for an `update`, its UPDATE assignment list.
+// Each write composes its INSERT first, so that too must fit before any UPDATE runs.
+bool fits(const InventoryWriter &writer, const std::vector<std::string> &values, bool update) {
+  size_t insert = writer.columns.size() - 1, assign = writer.columns.size() - 2;  // the commas
   for (size_t i = 0; i < writer.columns.size(); ++i) {
-    length += renderedSize(writer.columns[i], values[i]);
+    insert += renderedSize(writer.columns[i], values[i]);
+    if (i > 0) assign += writer.columns[i].size() + 1 + renderedSize(writer.columns[i], values[i]);
   }
-  return length <= kInsertListRoom;
-}
-
-bool updateFits(const InventoryWriter &writer, const std::vector<std::string> &values) {
   // The condition is sized from the unescaped key: a key whose escaped form is longer loses
   // its closing quote.
-  if (renderedSize(writer.columns[0], values[0]) > values[0].size() + 2) return false;
-  size_t length = writer.columns.size() - 2;  // the commas
-  for (size_t i = 1; i < writer.columns.size(); ++i) {
-    length += writer.columns[i].size() + 1 + renderedSize(writer.columns[i], values[i]);
-  }
-  return length <= kUpdateListRoom;
+  const bool keyFits = renderedSize(writer.columns[0], values[0]) <= values[0].size() + 2;
+  return insert <= kInsertListRoom && (!update || (keyFits && assign <= kUpdateListRoom));
 }
 
 using Snapshot = std::map<std::string, Rows>;
@@ -177,21 +172,24 @@ class HostileInputTest : public adbtest::DbTest {
                   const std::vector<std::string> &second) {
     resetTables();
     const Snapshot before = snapshot();
+    Snapshot last = before;
     // The schema and every table but the writer's.
     auto others = [&writer](Snapshot tables) {
       tables.erase(writer.table);
       return tables;
     };
+    // Writes `values`, to be refused unless they fit: a refused write leaves the file as it was,
+    // one that succeeds changes no table but the writer's.
+    auto write = [&](const std::vector<std::string> &values, bool fit) {
+      EXPECT_EQ(writer.write(Values(values).data()), fit ? DB_STATUS_SUCCESS : DB_STATUS_FAILURE);
+      Snapshot now = snapshot();
+      EXPECT_EQ(fit ? others(now) : now, fit ? others(last) : last) << "refused: " << !fit;
+      last = std::move(now);
+      return fit;
+    };
 
-    const bool inserted = insertFits(writer, first);
-    EXPECT_EQ(writer.write(Values(first).data()), inserted ? DB_STATUS_SUCCESS : DB_STATUS_FAILURE);
-    Snapshot afterInsert = snapshot();
-    if (!inserted) {
-      EXPECT_EQ(afterInsert, before) << "a refused INSERT changed the file";
-      return;
-    }
-    EXPECT_EQ(others(afterInsert), others(before));
-    const Rows &was = afterInsert[writer.table];
+    if (!write(first, fits(writer, first, false))) return;
+    const Rows was = last[writer.table];
     ASSERT_EQ(was.size(), 2u);
     EXPECT_EQ(was.front(), before.at(writer.table).front()) << "the bystander row changed";
     const std::string key = storedText(first[0]);
@@ -203,16 +201,8 @@ class HostileInputTest : public adbtest::DbTest {
     for (const Row &row : textsByKey(writer, 1, " LIKE ?", key)) {
       reachable.push_back(storedTexts(writer, row[0], second, 1));
     }
-    // The second write composes its INSERT first, so that too must fit before any UPDATE runs.
-    const bool updated = insertFits(writer, second) && updateFits(writer, second);
-    EXPECT_EQ(writer.write(Values(second).data()), updated ? DB_STATUS_SUCCESS : DB_STATUS_FAILURE);
-    Snapshot afterUpdate = snapshot();
-    if (!updated) {
-      EXPECT_EQ(afterUpdate, afterInsert) << "a refused UPDATE changed the file";
-      return;
-    }
-    EXPECT_EQ(others(afterUpdate), others(before));
-    const Rows &is = afterUpdate[writer.table];
+    if (!write(second, fits(writer, second, true))) return;
+    const Rows &is = last[writer.table];
     ASSERT_EQ(is.size(), was.size());
     for (size_t r = 0; r < is.size(); ++r) {
       if (std::ranges::none_of(reachable, [&](const Row &row) { return row[0] == is[r][0]; })) {
@@ -255,12 +245,12 @@ TEST_F(HostileInputTest, StatementCacheOnAndOffWriteTheSameFileStatusesAndLog) {
   const char *const numbers[] = {"1.5", "-7", "007", "-0", "1e3", "+5", " 5", "0x10", "-", "",
                                  "abc", "123456789012345678", "1234567890123456789",
                                  "99999999999999999999", "2-1", "1 OR 1"};
-  auto sample = [](int32_t (*write)(char **), bool rssi, const std::string &mac, int slot,
-                   const char *value) {
-    std::string time = std::to_string(1700000000 + slot);
-    std::string slotText = std::to_string(slot);
-    return rssi ? write(Values({mac.c_str(), time.c_str(), slotText.c_str(), value}).data())
-                : write(Values({mac.c_str(), "LAN", time.c_str(), slotText.c_str(), value}).data());
+  using Write = int32_t (*)(char **);
+  auto sample = [](Write write, bool rssi, const std::string &mac, int slot, const char *value) {
+    std::vector<std::string> values{mac, "LAN", std::to_string(1700000000 + slot),
+                                    std::to_string(slot), value};
+    if (rssi) values.erase(values.begin() + 1);  // RSSI samples name no source
+    return write(Values(values).data());
   };
   uint32_t kept = 0;  // compiled statements the cache held at the end
   auto workload = [&](std::vector<int32_t> &statuses) {
@@ -281,7 +271,6 @@ TEST_F(HostileInputTest, StatementCacheOnAndOffWriteTheSameFileStatusesAndLog) {
         }
       }
     }
-    using Write = int32_t (*)(char **);
     const std::tuple<Write, Write, bool> series[] = {
         {db_updateRssi, db_updateRssiSlotDefaultValue, true},
         {db_updateBandWidthRx, db_updateRxSlotDefaultValue, false},
