@@ -19,10 +19,7 @@ namespace fuzz {
   std::abort();
 }
 
-#define FUZZ_CHECK(condition, detail) \
-  do {                                \
-    if (!(condition)) ::fuzz::fail(#condition, detail); \
-  } while (0)
+#define FUZZ_CHECK(condition, detail) ((condition) ? void() : ::fuzz::fail(#condition, detail))
 
 // The input, byte by byte; past its end every byte reads as 0.
 class Input {

@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "analyticsdb.h"
 #include "fuzz_common.h"
@@ -15,7 +14,7 @@
 namespace {
 
 constexpr size_t kGuard = 64;
-constexpr unsigned char kGuardByte = 0x5A;
+constexpr char kGuardByte = 0x5A;
 
 // A text of up to 40 bytes, or NULL for a length byte of 0xFF.
 const char *text(fuzz::Input &in) {
@@ -31,10 +30,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   // Mostly tiny buffers, where every piece gets cut; now and then a zero or negative size.
   const int32_t bufferSize = sizeByte == 0xFF ? -1 : sizeByte % 97;
   const size_t limit = bufferSize > 0 ? static_cast<size_t>(bufferSize) : 0;
-  const size_t storage = limit + kGuard;
-  std::vector<char> buffer(storage, static_cast<char>(kGuardByte));
+  std::string buffer = std::string(limit, '\0') + std::string(kGuard, kGuardByte);
   char *query = buffer.data();
-  std::memset(query, 0, limit);
 
   std::string before;
   for (int step = 0; step < 16 && !in.empty(); ++step) {
@@ -72,9 +69,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         db_selectUnion(query, bufferSize);
         break;
     }
-    for (size_t i = limit; i < storage; ++i) {
-      FUZZ_CHECK(static_cast<unsigned char>(query[i]) == kGuardByte, "written past the size");
-    }
+    FUZZ_CHECK(std::string(query + limit, kGuard) == std::string(kGuard, kGuardByte),
+               "written past the size");
     if (limit > 0) {
       size_t length = strnlen(query, limit);
       FUZZ_CHECK(length < limit, "not terminated within the size");

@@ -64,10 +64,8 @@ void checkStatement(const char *verb) {
 std::string storedName() {
   char **cells = nullptr;
   int32_t rows = 0, columns = 0;
-  if (db_read("SELECT FRIENDLYNAME_S FROM DEVICEINFO WHERE MAC_S = 'fz'", &cells, &rows,
-              &columns) != DB_STATUS_SUCCESS) {
-    fuzz::fail("read back");
-  }
+  const char *sql = "SELECT FRIENDLYNAME_S FROM DEVICEINFO WHERE MAC_S = 'fz'";
+  FUZZ_CHECK(db_read(sql, &cells, &rows, &columns) == DB_STATUS_SUCCESS, "read back");
   std::string value = rows == 1 && cells[1] != nullptr ? cells[1] : "<none>";
   db_freeResult(&cells);
   return value;
@@ -82,9 +80,8 @@ void checkEscaper(const std::string &value) {
   std::memset(output, 0, kOutput);
   std::memset(output + kOutput, 0xA5, kGuard);
   db_frameSplString(value.c_str(), output);
-  for (size_t i = kOutput; i < kOutput + kGuard; ++i) {
-    FUZZ_CHECK(static_cast<unsigned char>(output[i]) == 0xA5, "escaper wrote past its buffer");
-  }
+  FUZZ_CHECK(std::string(output + kOutput, kGuard) == std::string(kGuard, '\xA5'),
+             "escaper wrote past its buffer");
   FUZZ_CHECK(output == fuzz::escapedBody(value), value);
 }
 

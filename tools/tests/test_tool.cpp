@@ -22,11 +22,9 @@ TEST(ToolCommands, ReadCommandsMatchGolden) {
   TempDir dir;
   const std::string db = simulated(dir, 3);
   std::string text = transcript(
-      {{"devices"},
-       {"devices", "--json"},
+      {{"devices"}, {"devices", "--json"},
        {"devices", "--watch", "0.5", "--count", "2"},  // the table twice, a blank line between
-       {"top"},
-       {"top", "--last", "1h", "--sort", "rssi", "--json"},  // the wired uplink comes last
+       {"top"}, {"top", "--last", "1h", "--sort", "rssi", "--json"},  // the wired uplink last
        {"series", kUplink, "--rx", "--last", "1h", "--csv"},
        {"series", kTv, "--tx", "--last", "30m", "--json"},
        {"series", kTv, "--rssi", "--width", "48"},
@@ -65,26 +63,19 @@ TEST(ToolCommands, FailuresAreOneLineWithTheStatusOfTheirCause) {
 
   // Every command with its exit status and its one line on standard error, as the golden file
   // has them.
-  std::string failures =
-      transcript({{"series", "02:ad:b0:00:00:99", "--db", db},
-                  {"series", kTv, "--tx", "--db", db},
-                  {"plot", "02:ad:b0:00:00:99", "--out", dir.file("x.svg"), "--db", db},
-                  {"plot", kTv, "--out", dir.file("no-such-folder/x.svg"), "--db", db},
-                  {"devices", "--db", missing},
-                  {"init", "--db", "/nonexistent-folder/a.db"},
-                  {"devices", "--db", dir.file("")},
-                  {"devices", "--db", notDatabase},
-                  {"simulate", "--db", notDatabase},
-                  {"devices", "--db", foreign},
-                  {"series", kUplink, "--tx", "--db", foreign},
-                  // Writes into a file that holds something else are refused without --force.
-                  {"init", "--db", foreign},
-                  {"simulate", "--db", foreign},
-                  {"simulate", "--db", db},
-                  {"devices", "--db", ""},
-                  // A database held longer than --wait, for reading and writing.
-                  {"devices", "--wait", "0.1", "--db", busy},
-                  {"init", "--wait", "0.1", "--db", busy}});
+  std::string failures = transcript(
+      {{"series", "02:ad:b0:00:00:99", "--db", db}, {"series", kTv, "--tx", "--db", db},
+       {"plot", "02:ad:b0:00:00:99", "--out", dir.file("x.svg"), "--db", db},
+       {"plot", kTv, "--out", dir.file("no-such-folder/x.svg"), "--db", db},
+       {"devices", "--db", missing}, {"init", "--db", "/nonexistent-folder/a.db"},
+       {"devices", "--db", dir.file("")}, {"devices", "--db", notDatabase},
+       {"simulate", "--db", notDatabase}, {"devices", "--db", foreign},
+       {"series", kUplink, "--tx", "--db", foreign},
+       // Writes into a file that holds something else are refused without --force.
+       {"init", "--db", foreign}, {"simulate", "--db", foreign}, {"simulate", "--db", db},
+       {"devices", "--db", ""},
+       // A database held longer than --wait, for reading and writing.
+       {"devices", "--wait", "0.1", "--db", busy}, {"init", "--wait", "0.1", "--db", busy}});
   if (geteuid() != 0) {  // root reads and writes any file
     const std::string readOnly = dir.file("read-only.db");
     ASSERT_EQ(runCli({"init", "--db", readOnly}).status, 0);
@@ -95,8 +86,8 @@ TEST(ToolCommands, FailuresAreOneLineWithTheStatusOfTheirCause) {
                  {{dir.file(""), "DIR/"}});
   }
   EXPECT_NE(access(missing.c_str(), F_OK), 0);
-  // Forced, the foreign file takes the tables; released, the busy file reads.
-  sqlite3_exec(holder, "COMMIT", nullptr, nullptr, nullptr);
+  // Forced, the foreign file takes the tables; released (closing ends the holder's transaction),
+  // the busy file reads.
   sqlite3_close(holder);
   failures += transcript({{"init", "--force", "--db", foreign},
                           {"devices", "--db", foreign},
@@ -143,7 +134,6 @@ TEST(ToolExport, DevicesAndRunningQueuesAsOpenMetricsThatPromtoolAccepts) {
   // Without a publishing process the families stay, without samples.
   expectGolden("export-no-queues.prom", runOk({"export", "--stats-dir", "", "--db", db}));
 }
-
 
 TEST(ToolPlot, SvgIsWellFormedAndCarriesAxesUnitsAndLines) {
   TempDir dir;
@@ -206,6 +196,7 @@ TEST(ToolPlot, PicturesOfNoSamplesAndOfAWeekWithAGap) {
 
 // The synthetic gateway: the week ring, contention with the write queue, and the span reads of
 // devices younger than the span.
+
 // The summary line of one label, without its padding.
 std::string summaryValue(const std::string &summary, const std::string &label) {
   const std::size_t at = summary.find("  " + label + " ");
@@ -266,10 +257,9 @@ TEST(ToolSimulate, SeriesOfADeviceWithoutInventoryFallsBackToTheDayReads) {
   writeSample(db, db_updateBandWidthRx, {mac, "LAN", "1704673200", "2016", "900"});
   // The 15 minutes read the day of their slots; the week counts the two samples among its 2016
   // slots; and without RSSI samples or inventory the device is unknown.
-  expectGolden("young-device.txt", transcript({{"series", mac, "--rx", "--last", "15m", "--csv"},
-                                               {"series", mac, "--rx", "--last", "7d"},
-                                               {"series", mac}},
-                                              db));
+  expectGolden("young-device.txt",
+               transcript({{"series", mac, "--rx", "--last", "15m", "--csv"},
+                           {"series", mac, "--rx", "--last", "7d"}, {"series", mac}}, db));
 }
 
 }  // namespace
