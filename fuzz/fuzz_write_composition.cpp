@@ -7,10 +7,11 @@
 // statement that runs holds exactly the intended string literals (none left open, no statement
 // separator outside them); a write succeeds exactly when its value list fits, and the file then
 // holds the value cut to its bound.
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -51,13 +52,10 @@ int literalCount(const std::string &sql) {
 
 // The first statement that starts with `verb` ran, and holds exactly its two literals.
 void checkStatement(const char *verb) {
-  for (const std::string &sql : gStatements) {
-    if (sql.rfind(verb, 0) == 0) {
-      FUZZ_CHECK(literalCount(sql) == 2, sql);
-      return;
-    }
-  }
-  fuzz::fail("a statement did not run", verb);
+  auto ran = [verb](const std::string &sql) { return sql.starts_with(verb); };
+  auto sql = std::ranges::find_if(gStatements, ran);
+  if (sql == gStatements.end()) fuzz::fail("a statement did not run", verb);
+  FUZZ_CHECK(literalCount(*sql) == 2, *sql);
 }
 
 // The stored name of the row, or "<none>".
@@ -76,25 +74,19 @@ bool fits(const std::string &value) { return 4 + 1 + 2 + fuzz::literalBody(value
 
 void checkEscaper(const std::string &value) {
   constexpr size_t kOutput = 1024, kGuard = 32;
-  char output[kOutput + kGuard];
-  std::memset(output, 0, kOutput);
-  std::memset(output + kOutput, 0xA5, kGuard);
-  db_frameSplString(value.c_str(), output);
-  FUZZ_CHECK(std::string(output + kOutput, kGuard) == std::string(kGuard, '\xA5'),
-             "escaper wrote past its buffer");
-  FUZZ_CHECK(output == fuzz::escapedBody(value), value);
+  std::string output = std::string(kOutput, '\0') + std::string(kGuard, '\xA5');
+  db_frameSplString(value.c_str(), output.data());
+  FUZZ_CHECK(output.substr(kOutput) == std::string(kGuard, '\xA5'), "written past the buffer");
+  FUZZ_CHECK(output.c_str() == fuzz::escapedBody(value), value);
 }
 
 void writeAndCheck(const std::string &value, bool update) {
   gStatements.clear();
-  char mac[] = "fz";
-  char *values[] = {mac, const_cast<char *>(value.c_str())};
-  int32_t status = db_updateDeviceInfoBeaconFName(values);
-  if (!fits(value)) {
-    FUZZ_CHECK(status == DB_STATUS_FAILURE, "an over-long value list was not refused");
-    return;
-  }
-  FUZZ_CHECK(status == DB_STATUS_SUCCESS, value);
+  char *values[] = {const_cast<char *>("fz"), const_cast<char *>(value.c_str())};
+  // An over-long value list is refused.
+  const int32_t status = db_updateDeviceInfoBeaconFName(values);
+  FUZZ_CHECK(status == (fits(value) ? DB_STATUS_SUCCESS : DB_STATUS_FAILURE), value);
+  if (!fits(value)) return;
   checkStatement("INSERT");
   if (update) checkStatement("UPDATE");
   FUZZ_CHECK(storedName() == fuzz::unescaped(fuzz::literalBody(value)), value);
