@@ -51,6 +51,8 @@ const std::map<std::string, std::string> kKeyColumn = {
     {"SUBSCRIBERINFO", "SERIALNUMBER_S"}, {"DEVICETHRESHOLD", "DEVICECLASS_S"},
     {"CMAINFO", "TABLENAME_S"}};
 constexpr const char *kBystanderKey = "aa:bb:cc:dd:ee:ff";
+// The key of the writes that carry the name as a value.
+constexpr const char *kPlainKey = "11:22:33:44:55:66";
 
 std::string withQuoteAt(size_t length, size_t position) {
   std::string text(length, 'a');
@@ -167,9 +169,12 @@ class HostileInputTest : public adbtest::DbTest {
     return row;
   }
 
-  // One write followed by the UPDATE of the same key, with every check of the file.
-  void writeTwice(const InventoryWriter &writer, const std::vector<std::string> &first,
-                  const std::vector<std::string> &second) {
+  // A write of `key` with `text` in every text column, followed by the UPDATE of the same key
+  // with `newText`, with every check of the file.
+  void writeTwice(const InventoryWriter &writer, const std::string &key, const std::string &text,
+                  const std::string &newText) {
+    const std::vector<std::string> first = valuesFor(writer, key, text, "1");
+    const std::vector<std::string> second = valuesFor(writer, key, newText, "2");
     resetTables();
     const Snapshot before = snapshot();
     Snapshot last = before;
@@ -192,13 +197,13 @@ class HostileInputTest : public adbtest::DbTest {
     const Rows was = last[writer.table];
     ASSERT_EQ(was.size(), 2u);
     EXPECT_EQ(was.front(), before.at(writer.table).front()) << "the bystander row changed";
-    const std::string key = storedText(first[0]);
-    EXPECT_EQ(textsByKey(writer, 0, " = ?", key), Rows{storedTexts(writer, was[1][0], first, 0)})
+    const std::string stored = storedText(key);
+    EXPECT_EQ(textsByKey(writer, 0, " = ?", stored), Rows{storedTexts(writer, was[1][0], first, 0)})
         << "the new row, found by its key";
 
     // The UPDATE reaches every row whose key matches the stored key as a LIKE pattern.
     Rows reachable;
-    for (const Row &row : textsByKey(writer, 1, " LIKE ?", key)) {
+    for (const Row &row : textsByKey(writer, 1, " LIKE ?", stored)) {
       reachable.push_back(storedTexts(writer, row[0], second, 1));
     }
     if (!write(second, fits(writer, second, true))) return;
@@ -209,7 +214,7 @@ class HostileInputTest : public adbtest::DbTest {
         EXPECT_EQ(is[r], was[r]) << "row " << r << " changed without matching the key";
       }
     }
-    EXPECT_EQ(textsByKey(writer, 1, " LIKE ?", key), reachable);
+    EXPECT_EQ(textsByKey(writer, 1, " LIKE ?", stored), reachable);
   }
 };
 
@@ -222,10 +227,8 @@ TEST_F(HostileInputTest, EveryWriterStoresHostileNamesAsDataAndTouchesNothingEls
     for (const std::string &name : names) {
       SCOPED_TRACE(std::string(writer.api) + " with \"" + name.substr(0, 40) + "\" (" +
                    std::to_string(name.size()) + " bytes)");
-      writeTwice(writer, valuesFor(writer, name, "first", "1"),
-                 valuesFor(writer, name, "second", "2"));
-      writeTwice(writer, valuesFor(writer, "11:22:33:44:55:66", name, "1"),
-                 valuesFor(writer, "11:22:33:44:55:66", "x" + name, "2"));
+      writeTwice(writer, name, "first", "second");
+      writeTwice(writer, kPlainKey, name, "x" + name);
       ASSERT_FALSE(HasFatalFailure());
     }
   }
@@ -264,7 +267,7 @@ TEST_F(HostileInputTest, StatementCacheOnAndOffWriteTheSameFileStatusesAndLog) {
         for (const std::string &name : names) {
           statuses.push_back(writer.write(Values(valuesFor(writer, name, "k", number)).data()));
           statuses.push_back(
-              writer.write(Values(valuesFor(writer, "11:22:33:44:55:66", name, number)).data()));
+              writer.write(Values(valuesFor(writer, kPlainKey, name, number)).data()));
         }
         for (const char *value : numbers) {
           statuses.push_back(writer.write(Values(valuesFor(writer, "Num:Key", "t", value)).data()));
@@ -310,29 +313,27 @@ TEST_F(HostileInputTest, StatementCacheOnAndOffWriteTheSameFileStatusesAndLog) {
 
   for (int level : {RYX_LOG_DEBUG, RYX_LOG_NOTICE}) {
     SCOPED_TRACE("log level " + std::to_string(level));
-    struct Run {
-      std::vector<int32_t> statuses;
-      std::vector<std::string> log;
-      std::string file;
-    } runs[2];
+    std::vector<int32_t> statuses[2];
+    std::vector<std::string> logs[2];
+    std::string files[2];
     for (int cached = 0; cached < 2; ++cached) {
       ASSERT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
       std::filesystem::remove(dbPath());
       db_setStatementCache(cached);
       ryxLogSetLevel(level);
       log().clear();
-      workload(runs[cached].statuses);
+      workload(statuses[cached]);
       ASSERT_FALSE(HasFatalFailure());
-      for (const adbtest::LogLine &line : log().lines()) runs[cached].log.push_back(line.text);
+      for (const adbtest::LogLine &line : log().lines()) logs[cached].push_back(line.text);
       std::ifstream file(dbPath(), std::ios::binary);
-      runs[cached].file.assign(std::istreambuf_iterator<char>(file), {});
+      files[cached].assign(std::istreambuf_iterator<char>(file), {});
       EXPECT_EQ(kept > 0, cached == 1);
     }
     db_setStatementCache(1);
     ryxLogSetLevel(RYX_LOG_DEBUG);
-    EXPECT_EQ(runs[0].statuses, runs[1].statuses);
-    EXPECT_TRUE(runs[0].file == runs[1].file) << "the files differ";
-    EXPECT_EQ(runs[0].log, runs[1].log);
+    EXPECT_EQ(statuses[0], statuses[1]);
+    EXPECT_TRUE(files[0] == files[1]) << "the files differ";
+    EXPECT_EQ(logs[0], logs[1]);
   }
 }
 
