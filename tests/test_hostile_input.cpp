@@ -64,8 +64,7 @@ std::vector<std::string> hostileNames() {
   std::vector<std::string> names = {
       // Statements, format directives and quoting smuggled in, and text beyond ASCII.
       "'); DROP TABLE DEVICEINFO;--", "x' OR '1'='1", "%s%n%x%p%%%-99999d", "it's", "'", "''",
-      "\\'; --",
-      "Wohnzimmer-TV \xe2\x80\x9e"
+      "\\'; --", "Wohnzimmer-TV \xe2\x80\x9e"
       "Bravia\xe2\x80\x9c \xe2\x80\x94 \xe6\x97\xa5\xe6\x9c\xac "
       "\xf0\x9f\x99\x82 l'\xc3\xa9t\xc3\xa9",
       // Longer than any list; with the key and one text column these fill the INSERT value list

@@ -56,8 +56,7 @@ size_t LogCapture::countAt(int level) const {
 }
 
 size_t LogCapture::countContaining(std::string_view part) const {
-  return std::ranges::count_if(lines_,
-                               [&](const LogLine &line) { return line.text.find(part) != npos; });
+  return std::ranges::count_if(lines_, [&](const LogLine &l) { return l.text.find(part) != npos; });
 }
 
 std::string LogCapture::dump() const {
@@ -108,9 +107,8 @@ Rows RawDb::query(const std::string &sql, const std::vector<std::string> &parame
 }
 
 Cell RawDb::scalar(const std::string &sql) {
-  Rows rows = query(sql);
-  if (rows.empty() || rows[0].empty()) return std::nullopt;
-  return rows[0][0];
+  const Rows rows = query(sql);
+  return rows.empty() || rows[0].empty() ? std::nullopt : rows[0][0];
 }
 
 std::vector<std::string> RawDb::columns(const std::string &table) {
