@@ -154,8 +154,7 @@ class HostileInputTest : public adbtest::DbTest {
       if (isTextColumn(writer.columns[i])) list += "," + writer.columns[i];
     }
     return raw().query("SELECT " + list + " FROM " + writer.table + " WHERE " +
-                           kKeyColumn.at(writer.table) + match + " ORDER BY rowid",
-                       {key});
+                       kKeyColumn.at(writer.table) + match + " ORDER BY rowid", {key});
   }
 
   // What textsByKey finds in the row `rowid` after a write of `values`.

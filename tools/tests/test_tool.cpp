@@ -109,8 +109,9 @@ TEST(ToolExport, DevicesAndRunningQueuesAsOpenMetricsThatPromtoolAccepts) {
   ASSERT_EQ(mkdir(stats.c_str(), 0755), 0);
   std::string process = readFile("/proc/self/comm");
   process.pop_back();
-  const pid_t ended = 4194304;           // above the highest pid Linux hands out
-  for (pid_t pid : {getpid(), ended}) {  // as the library writes them, each counter different
+  // The ended one's pid is above the highest Linux hands out; the files are as the library
+  // writes them, each counter different.
+  for (pid_t pid : {getpid(), pid_t{4194304}}) {
     writeFile(stats + "/queue." + std::to_string(pid),
               "pid " + std::to_string(pid) + "\nprocess " + process +
                   "\nparked 7\nreplayed 4\nretried 9\ndroppedError 1\ndroppedMalformed 2\n"
@@ -124,8 +125,7 @@ TEST(ToolExport, DevicesAndRunningQueuesAsOpenMetricsThatPromtoolAccepts) {
   const std::string text = readFile(file);
   const std::string pid = std::to_string(getpid());
   const std::vector<std::pair<std::string, std::string>> varying = {
-      {"pid=\"" + pid + "\"", "pid=\"PID\""},
-      {"\"pid\": " + pid + ",", "\"pid\": PID,"},
+      {"pid=\"" + pid + "\"", "pid=\"PID\""}, {"\"pid\": " + pid + ",", "\"pid\": PID,"},
       {"\"" + process + "\"", "\"PROCESS\""}};
   expectGolden("export.prom", text, varying);
   EXPECT_EQ(text, runOk({"export", "--stats-dir", stats, "--db", db}));
