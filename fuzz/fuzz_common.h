@@ -32,8 +32,7 @@ class Input {
   char *text(size_t length) {
     std::string value;
     while (value.size() < length && !empty()) {
-      char c = static_cast<char>(byte());
-      if (c != '\0') value += c;
+      if (const char c = static_cast<char>(byte())) value += c;
     }
     return texts_.emplace_back(value).data();
   }

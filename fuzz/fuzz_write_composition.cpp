@@ -102,8 +102,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     std::error_code ignored;
     std::filesystem::remove_all(folder, ignored);
   });
-  std::string path = folder + "/analytics.db";
-  db_setDatabasePath(path.c_str());
+  db_setDatabasePath((folder + "/analytics.db").c_str());
   db_initQueue();
   db_writeQuery("PRAGMA synchronous = OFF");
   db_writeQuery("PRAGMA journal_mode = MEMORY");
@@ -114,12 +113,12 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  std::string input(reinterpret_cast<const char *>(data), size);
-  size_t split = input.find('\x01');
-  std::string first = input.substr(0, split);
-  std::string second = split == std::string::npos ? first + "'" : input.substr(split + 1);
-  first = first.c_str();  // values end at their first NUL, as C strings do
-  second = second.c_str();
+  const std::string input(reinterpret_cast<const char *>(data), size);
+  const size_t split = input.find('\x01');
+  // Values end at their first NUL, as C strings do.
+  const std::string first = input.substr(0, split).c_str();
+  const std::string second =
+      (split == std::string::npos ? input + "'" : input.substr(split + 1)).c_str();
 
   checkEscaper(first);
   if (db_writeQuery("DELETE FROM DEVICEINFO") != DB_STATUS_SUCCESS) fuzz::fail("clear");

@@ -135,9 +135,8 @@ void BusyHolder::release() {
 }
 
 void DbTest::SetUp() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "adbtest.XXXXXX").string();
-  ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-  tempDir_ = pattern;
+  tempDir_ = (std::filesystem::temp_directory_path() / "adbtest.XXXXXX").string();
+  ASSERT_NE(mkdtemp(tempDir_.data()), nullptr);
   dbPath_ = tempDir_ + "/analytics.db";
   ASSERT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
   ASSERT_EQ(db_setDatabasePath(dbPath_.c_str()), DB_STATUS_SUCCESS);
