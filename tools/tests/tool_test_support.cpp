@@ -16,23 +16,19 @@
 
 namespace adbtool::test {
 
-namespace {
-
 // Times print in the local zone; the golden files are written in UTC. And the library in this
 // process publishes no queue counters in the host's stats folder.
-bool setEnvironment() {
+static bool setEnvironment() {
   setenv("TZ", "UTC", 1);
   tzset();
   return setenv("ANALYTICSDB_STATS_DIR", "", 1) == 0;
 }
-[[maybe_unused]] const bool kEnvironment = setEnvironment();
-
-}  // namespace
+[[maybe_unused]] static const bool kEnvironment = setEnvironment();
 
 ToolRun runCli(const std::vector<std::string> &args, bool terminal) {
   std::ostringstream out, err;
-  int status = runTool(args, out, err, terminal);
-  return {status, out.str(), err.str()};
+  // A braced list is evaluated in order: the streams are read after the run.
+  return {runTool(args, out, err, terminal), out.str(), err.str()};
 }
 
 std::string runOk(const std::vector<std::string> &args) {
