@@ -247,14 +247,15 @@ TEST_F(HostileInputTest, StatementCacheOnAndOffWriteTheSameFileStatusesAndLog) {
                                  "abc", "123456789012345678", "1234567890123456789",
                                  "99999999999999999999", "2-1", "1 OR 1"};
   using Write = int32_t (*)(char **);
-  auto sample = [](Write write, bool rssi, const std::string &mac, int slot, const char *value) {
-    std::vector<std::string> values{mac, "LAN", std::to_string(1700000000 + slot),
-                                    std::to_string(slot), value};
-    if (rssi) values.erase(values.begin() + 1);  // RSSI samples name no source
-    return write(Values(values).data());
-  };
   uint32_t kept = 0;  // compiled statements the cache held at the end
   auto workload = [&](std::vector<int32_t> &statuses) {
+    auto sample = [&statuses](Write write, bool rssi, const std::string &mac, int slot,
+                              const char *value) {
+      std::vector<std::string> values{mac, "LAN", std::to_string(1700000000 + slot),
+                                      std::to_string(slot), value};
+      if (rssi) values.erase(values.begin() + 1);  // RSSI samples name no source
+      statuses.push_back(write(Values(values).data()));
+    };
     statuses.push_back(db_writeQuery("PRAGMA synchronous = OFF"));
     createInventoryTables();
     createSeriesTables();
@@ -279,9 +280,7 @@ TEST_F(HostileInputTest, StatementCacheOnAndOffWriteTheSameFileStatusesAndLog) {
     for (auto [write, fill, rssi] : series) {
       for (const char *mac : {"AA:00", "aa:00", "BB:%", "CC:''"}) {
         for (int slot : {0, 287, 288, 1000, 2015, 2016, -1}) {
-          for (const char *value : {"-40", "7", "1.5", "x'y", ""}) {
-            statuses.push_back(sample(write, rssi, mac, slot, value));
-          }
+          for (const char *v : {"-40", "7", "1.5", "x'y", ""}) sample(write, rssi, mac, slot, v);
         }
         for (auto range : {std::pair{"10", "20"}, {"0", "287"}, {"280", "290"}, {"x", "5"}}) {
           statuses.push_back(fill(Values({mac, range.first, range.second}).data()));
@@ -291,13 +290,13 @@ TEST_F(HostileInputTest, StatementCacheOnAndOffWriteTheSameFileStatusesAndLog) {
     statuses.push_back(db_commitTransaction());
     // A day table dropped and made again at run time, then written through the same shapes.
     statuses.push_back(db_dropTable("RSSI4"));
-    statuses.push_back(sample(db_updateRssi, true, "AA:00", 1000, "-41"));
+    sample(db_updateRssi, true, "AA:00", 1000, "-41");
     statuses.push_back(db_createRssiTab(4, 288));
-    statuses.push_back(sample(db_updateRssi, true, "AA:00", 1000, "-42"));
+    sample(db_updateRssi, true, "AA:00", 1000, "-42");
     // Parked behind a busy database, then replayed in order.
     {
       adbtest::BusyHolder busy(dbPath());
-      statuses.push_back(sample(db_updateBandWidthRx, false, "DD:01", 1001, "5000"));
+      sample(db_updateBandWidthRx, false, "DD:01", 1001, "5000");
       statuses.push_back(db_updateDeviceInfoCapacity(Values({"DD:01", "77"}).data()));
       statuses.push_back(db_updateRssiSlotDefaultValue(Values({"DD:01", "1002", "1010"}).data()));
     }
