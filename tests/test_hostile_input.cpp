@@ -240,9 +240,8 @@ TEST_F(HostileInputTest, EveryWriterStoresHostileNamesAsDataAndTouchesNothingEls
 TEST_F(HostileInputTest, StatementCacheOnAndOffWriteTheSameFileStatusesAndLog) {
   const std::vector<std::string> names = hostileNames();
   std::vector<InventoryWriter> writers;
-  for (const InventoryWriter &listed : adbtest::inventoryWriters()) {
-    writers.push_back(adbtest::withColumns(listed, raw()));
-  }
+  std::ranges::transform(adbtest::inventoryWriters(), std::back_inserter(writers),
+                         [this](InventoryWriter w) { return adbtest::withColumns(w, raw()); });
   const char *const numbers[] = {"1.5", "-7", "007", "-0", "1e3", "+5", " 5", "0x10", "-", "",
                                  "abc", "123456789012345678", "1234567890123456789",
                                  "99999999999999999999", "2-1", "1 OR 1"};

@@ -113,9 +113,7 @@ Cell RawDb::scalar(const std::string &sql) {
 
 std::vector<std::string> RawDb::columns(const std::string &table) {
   std::vector<std::string> names;
-  for (const Row &row : query("SELECT name FROM pragma_table_info('" + table + "')")) {
-    names.push_back(row[0].value_or(""));
-  }
+  for (Row r : query("SELECT name FROM pragma_table_info(?)", {table})) names.push_back(*r[0]);
   return names;
 }
 
@@ -183,9 +181,7 @@ RawDb &DbTest::raw() {
   return *raw_;
 }
 
-Values::Values(std::initializer_list<const char *> values) {
-  for (const char *value : values) add(value);
-}
+Values::Values(std::initializer_list<const char *> values) { for (auto value : values) add(value); }
 
 Values::Values(const std::vector<std::string> &values) {
   for (const std::string &value : values) add(value.c_str());
