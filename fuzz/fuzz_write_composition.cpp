@@ -52,8 +52,7 @@ int literalCount(const std::string &sql) {
 
 // The first statement that starts with `verb` ran, and holds exactly its two literals.
 void checkStatement(const char *verb) {
-  auto ran = [verb](const std::string &sql) { return sql.starts_with(verb); };
-  auto sql = std::ranges::find_if(gStatements, ran);
+  auto sql = std::ranges::find_if(gStatements, [verb](auto &s) { return s.starts_with(verb); });
   if (sql == gStatements.end()) fuzz::fail("a statement did not run", verb);
   FUZZ_CHECK(literalCount(*sql) == 2, *sql);
 }

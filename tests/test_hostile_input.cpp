@@ -219,10 +219,9 @@ class HostileInputTest : public adbtest::DbTest {
 // Keys that are LIKE patterns ("%", "_", ...) update every row they match, the bystander row
 // included, and only those.
 TEST_F(HostileInputTest, EveryWriterStoresHostileNamesAsDataAndTouchesNothingElse) {
-  const std::vector<std::string> names = hostileNames();
   for (const InventoryWriter &listed : adbtest::inventoryWriters()) {
     const InventoryWriter writer = adbtest::withColumns(listed, raw());
-    for (const std::string &name : names) {
+    for (const std::string &name : hostileNames()) {
       SCOPED_TRACE(std::string(writer.api) + " with \"" + name.substr(0, 40) + "\" (" +
                    std::to_string(name.size()) + " bytes)");
       writeTwice(writer, name, "first", "second");
@@ -238,7 +237,6 @@ TEST_F(HostileInputTest, EveryWriterStoresHostileNamesAsDataAndTouchesNothingEls
 // lines, at debug level (every text composed) and at notice level (texts composed only for
 // error lines).
 TEST_F(HostileInputTest, StatementCacheOnAndOffWriteTheSameFileStatusesAndLog) {
-  const std::vector<std::string> names = hostileNames();
   std::vector<InventoryWriter> writers;
   std::ranges::transform(adbtest::inventoryWriters(), std::back_inserter(writers),
                          [this](InventoryWriter w) { return adbtest::withColumns(w, raw()); });
@@ -262,7 +260,7 @@ TEST_F(HostileInputTest, StatementCacheOnAndOffWriteTheSameFileStatusesAndLog) {
     for (const InventoryWriter &writer : writers) {
       for (int round = 0; round < 2; ++round) {  // INSERT, then the UPDATE of the same key
         const char *number = round == 0 ? "1" : "-2";
-        for (const std::string &name : names) {
+        for (const std::string &name : hostileNames()) {
           statuses.push_back(writer.write(Values(valuesFor(writer, name, "k", number)).data()));
           statuses.push_back(
               writer.write(Values(valuesFor(writer, kPlainKey, name, number)).data()));
