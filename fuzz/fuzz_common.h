@@ -19,10 +19,7 @@ namespace fuzz {
   std::abort();
 }
 
-#define FUZZ_CHECK(condition, detail) \
-  do {                                \
-    if (!(condition)) ::fuzz::fail(#condition, detail); \
-  } while (0)
+#define FUZZ_CHECK(condition, detail) ((condition) ? void() : ::fuzz::fail(#condition, detail))
 
 // The input, byte by byte; past its end every byte reads as 0.
 class Input {
@@ -35,8 +32,7 @@ class Input {
   char *text(size_t length) {
     std::string value;
     while (value.size() < length && !empty()) {
-      char c = static_cast<char>(byte());
-      if (c != '\0') value += c;
+      if (const char c = static_cast<char>(byte())) value += c;
     }
     return texts_.emplace_back(value).data();
   }

@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "analyticsdb.h"
 #include "fuzz_common.h"
@@ -15,7 +14,7 @@
 namespace {
 
 constexpr size_t kGuard = 64;
-constexpr unsigned char kGuardByte = 0x5A;
+constexpr char kGuardByte = 0x5A;
 
 // A text of up to 40 bytes, or NULL for a length byte of 0xFF.
 const char *text(fuzz::Input &in) {
@@ -31,50 +30,36 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   // Mostly tiny buffers, where every piece gets cut; now and then a zero or negative size.
   const int32_t bufferSize = sizeByte == 0xFF ? -1 : sizeByte % 97;
   const size_t limit = bufferSize > 0 ? static_cast<size_t>(bufferSize) : 0;
-  const size_t storage = limit + kGuard;
-  std::vector<char> buffer(storage, static_cast<char>(kGuardByte));
+  std::string buffer = std::string(limit, '\0') + std::string(kGuard, kGuardByte);
   char *query = buffer.data();
-  std::memset(query, 0, limit);
 
   std::string before;
   for (int step = 0; step < 16 && !in.empty(); ++step) {
     if (limit > 0) before.assign(query, strnlen(query, limit));
-    switch (in.byte() % 7) {
-      case 0:
-        db_selectQuery(query, bufferSize);
-        break;
-      case 1: {
-        char *names[4];
-        int32_t count = in.byte() % 5;
-        for (int32_t i = 0; i < count; ++i) names[i] = const_cast<char *>(text(in));
-        db_selectFieldNames(query, bufferSize, count > 0 ? names : nullptr, count, text(in));
-        break;
-      }
-      case 2: {
-        const char *table = text(in);
-        const char *kind = (in.byte() & 1) ? " USING " : text(in);
-        db_selectJoin(query, bufferSize, table, kind, text(in));
-        break;
-      }
-      case 3:
-        db_selectWhere(query, bufferSize);
-        break;
-      case 4: {
-        const char *field = (in.byte() & 1) ? "MAC_S" : text(in);
-        const char *op = text(in);
-        db_selectCondtion(query, bufferSize, field, op, text(in));
-        break;
-      }
-      case 5:
-        db_selectCondtionConnection(query, bufferSize, text(in));
-        break;
-      default:
-        db_selectUnion(query, bufferSize);
-        break;
+    const uint8_t piece = in.byte() % 7;
+    if (piece == 0) {
+      db_selectQuery(query, bufferSize);
+    } else if (piece == 1) {
+      char *names[4];
+      int32_t count = in.byte() % 5;
+      for (int32_t i = 0; i < count; ++i) names[i] = const_cast<char *>(text(in));
+      db_selectFieldNames(query, bufferSize, count > 0 ? names : nullptr, count, text(in));
+    } else if (piece == 2) {
+      const char *table = text(in);
+      const char *kind = (in.byte() & 1) ? " USING " : text(in);
+      db_selectJoin(query, bufferSize, table, kind, text(in));
+    } else if (piece == 3) {
+      db_selectWhere(query, bufferSize);
+    } else if (piece == 4) {
+      const char *field = (in.byte() & 1) ? "MAC_S" : text(in);
+      const char *op = text(in);
+      db_selectCondtion(query, bufferSize, field, op, text(in));
+    } else if (piece == 5) {
+      db_selectCondtionConnection(query, bufferSize, text(in));
+    } else {
+      db_selectUnion(query, bufferSize);
     }
-    for (size_t i = limit; i < storage; ++i) {
-      FUZZ_CHECK(static_cast<unsigned char>(query[i]) == kGuardByte, "written past the size");
-    }
+    FUZZ_CHECK(buffer.substr(limit) == std::string(kGuard, kGuardByte), "written past the size");
     if (limit > 0) {
       size_t length = strnlen(query, limit);
       FUZZ_CHECK(length < limit, "not terminated within the size");

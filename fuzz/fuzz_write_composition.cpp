@@ -7,10 +7,11 @@
 // statement that runs holds exactly the intended string literals (none left open, no statement
 // separator outside them); a write succeeds exactly when its value list fits, and the file then
 // holds the value cut to its bound.
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -51,23 +52,17 @@ int literalCount(const std::string &sql) {
 
 // The first statement that starts with `verb` ran, and holds exactly its two literals.
 void checkStatement(const char *verb) {
-  for (const std::string &sql : gStatements) {
-    if (sql.rfind(verb, 0) == 0) {
-      FUZZ_CHECK(literalCount(sql) == 2, sql);
-      return;
-    }
-  }
-  fuzz::fail("a statement did not run", verb);
+  auto sql = std::ranges::find_if(gStatements, [verb](auto &s) { return s.starts_with(verb); });
+  if (sql == gStatements.end()) fuzz::fail("a statement did not run", verb);
+  FUZZ_CHECK(literalCount(*sql) == 2, *sql);
 }
 
 // The stored name of the row, or "<none>".
 std::string storedName() {
   char **cells = nullptr;
   int32_t rows = 0, columns = 0;
-  if (db_read("SELECT FRIENDLYNAME_S FROM DEVICEINFO WHERE MAC_S = 'fz'", &cells, &rows,
-              &columns) != DB_STATUS_SUCCESS) {
-    fuzz::fail("read back");
-  }
+  const char *sql = "SELECT FRIENDLYNAME_S FROM DEVICEINFO WHERE MAC_S = 'fz'";
+  FUZZ_CHECK(db_read(sql, &cells, &rows, &columns) == DB_STATUS_SUCCESS, "read back");
   std::string value = rows == 1 && cells[1] != nullptr ? cells[1] : "<none>";
   db_freeResult(&cells);
   return value;
@@ -78,26 +73,19 @@ bool fits(const std::string &value) { return 4 + 1 + 2 + fuzz::literalBody(value
 
 void checkEscaper(const std::string &value) {
   constexpr size_t kOutput = 1024, kGuard = 32;
-  char output[kOutput + kGuard];
-  std::memset(output, 0, kOutput);
-  std::memset(output + kOutput, 0xA5, kGuard);
-  db_frameSplString(value.c_str(), output);
-  for (size_t i = kOutput; i < kOutput + kGuard; ++i) {
-    FUZZ_CHECK(static_cast<unsigned char>(output[i]) == 0xA5, "escaper wrote past its buffer");
-  }
-  FUZZ_CHECK(output == fuzz::escapedBody(value), value);
+  std::string output = std::string(kOutput, '\0') + std::string(kGuard, '\xA5');
+  db_frameSplString(value.c_str(), output.data());
+  FUZZ_CHECK(output.substr(kOutput) == std::string(kGuard, '\xA5'), "written past the buffer");
+  FUZZ_CHECK(output.c_str() == fuzz::escapedBody(value), value);
 }
 
 void writeAndCheck(const std::string &value, bool update) {
   gStatements.clear();
-  char mac[] = "fz";
-  char *values[] = {mac, const_cast<char *>(value.c_str())};
-  int32_t status = db_updateDeviceInfoBeaconFName(values);
-  if (!fits(value)) {
-    FUZZ_CHECK(status == DB_STATUS_FAILURE, "an over-long value list was not refused");
-    return;
-  }
-  FUZZ_CHECK(status == DB_STATUS_SUCCESS, value);
+  char *values[] = {const_cast<char *>("fz"), const_cast<char *>(value.c_str())};
+  // An over-long value list is refused.
+  const int32_t status = db_updateDeviceInfoBeaconFName(values);
+  FUZZ_CHECK(status == (fits(value) ? DB_STATUS_SUCCESS : DB_STATUS_FAILURE), value);
+  if (!fits(value)) return;
   checkStatement("INSERT");
   if (update) checkStatement("UPDATE");
   FUZZ_CHECK(storedName() == fuzz::unescaped(fuzz::literalBody(value)), value);
@@ -113,8 +101,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     std::error_code ignored;
     std::filesystem::remove_all(folder, ignored);
   });
-  std::string path = folder + "/analytics.db";
-  db_setDatabasePath(path.c_str());
+  db_setDatabasePath((folder + "/analytics.db").c_str());
   db_initQueue();
   db_writeQuery("PRAGMA synchronous = OFF");
   db_writeQuery("PRAGMA journal_mode = MEMORY");
@@ -125,12 +112,12 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  std::string input(reinterpret_cast<const char *>(data), size);
-  size_t split = input.find('\x01');
-  std::string first = input.substr(0, split);
-  std::string second = split == std::string::npos ? first + "'" : input.substr(split + 1);
-  first = first.c_str();  // values end at their first NUL, as C strings do
-  second = second.c_str();
+  const std::string input(reinterpret_cast<const char *>(data), size);
+  const size_t split = input.find('\x01');
+  // Values end at their first NUL, as C strings do.
+  const std::string first = input.substr(0, split).c_str();
+  const std::string second =
+      (split == std::string::npos ? input + "'" : input.substr(split + 1)).c_str();
 
   checkEscaper(first);
   if (db_writeQuery("DELETE FROM DEVICEINFO") != DB_STATUS_SUCCESS) fuzz::fail("clear");

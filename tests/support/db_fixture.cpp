@@ -56,8 +56,7 @@ size_t LogCapture::countAt(int level) const {
 }
 
 size_t LogCapture::countContaining(std::string_view part) const {
-  return std::ranges::count_if(lines_,
-                               [&](const LogLine &line) { return line.text.find(part) != npos; });
+  return std::ranges::count_if(lines_, [&](const LogLine &l) { return l.text.find(part) != npos; });
 }
 
 std::string LogCapture::dump() const {
@@ -67,8 +66,7 @@ std::string LogCapture::dump() const {
 }
 
 RawDb::RawDb(const std::string &path) {
-  if (sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
-      SQLITE_OK) {
+  if (sqlite3_open(path.c_str(), &db_) != SQLITE_OK) {
     ADD_FAILURE() << "cannot open " << path << ": " << sqlite3_errmsg(db_);
   }
   // A test's own reads must not fail because the library is between statements.
@@ -109,16 +107,13 @@ Rows RawDb::query(const std::string &sql, const std::vector<std::string> &parame
 }
 
 Cell RawDb::scalar(const std::string &sql) {
-  Rows rows = query(sql);
-  if (rows.empty() || rows[0].empty()) return std::nullopt;
-  return rows[0][0];
+  const Rows rows = query(sql);
+  return rows.empty() || rows[0].empty() ? std::nullopt : rows[0][0];
 }
 
 std::vector<std::string> RawDb::columns(const std::string &table) {
   std::vector<std::string> names;
-  for (const Row &row : query("SELECT name FROM pragma_table_info('" + table + "')")) {
-    names.push_back(row[0].value_or(""));
-  }
+  for (Row r : query("SELECT name FROM pragma_table_info(?)", {table})) names.push_back(*r[0]);
   return names;
 }
 
@@ -138,9 +133,8 @@ void BusyHolder::release() {
 }
 
 void DbTest::SetUp() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "adbtest.XXXXXX").string();
-  ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-  tempDir_ = pattern;
+  tempDir_ = (std::filesystem::temp_directory_path() / "adbtest.XXXXXX").string();
+  ASSERT_NE(mkdtemp(tempDir_.data()), nullptr);
   dbPath_ = tempDir_ + "/analytics.db";
   ASSERT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
   ASSERT_EQ(db_setDatabasePath(dbPath_.c_str()), DB_STATUS_SUCCESS);
@@ -187,9 +181,7 @@ RawDb &DbTest::raw() {
   return *raw_;
 }
 
-Values::Values(std::initializer_list<const char *> values) {
-  for (const char *value : values) add(value);
-}
+Values::Values(std::initializer_list<const char *> values) { for (auto value : values) add(value); }
 
 Values::Values(const std::vector<std::string> &values) {
   for (const std::string &value : values) add(value.c_str());

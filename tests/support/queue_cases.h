@@ -29,15 +29,14 @@ inline bool isLogCall(const std::string &module, int line) {
 // function") at the line of a log call.
 inline void expectAttributed(const LogCapture &log, const std::string &part,
                              const std::string &where) {
+  const std::string module = where.substr(0, where.find(' '));
   size_t found = 0;
   for (const LogLine &line : log.lines()) {
     if (line.text.find(part) == std::string::npos) continue;
     ++found;
     EXPECT_EQ(line.where(), where) << line.text;
     // "analyticsDB: [module function:line] "
-    const size_t open = line.text.find('[');
-    const size_t colon = line.text.find(':', open);
-    const std::string module = line.text.substr(open + 1, line.text.find(' ', open) - open - 1);
+    const size_t colon = line.text.find(':', line.text.find('['));
     EXPECT_TRUE(isLogCall(module, std::stoi(line.text.substr(colon + 1))))
         << "the line number is not that of a log call: " << line.text;
   }

@@ -8,6 +8,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 #include "analyticsdb.h"
@@ -15,28 +16,19 @@
 
 namespace adbtool::test {
 
-namespace {
-
 // Times print in the local zone; the golden files are written in UTC. And the library in this
 // process publishes no queue counters in the host's stats folder.
-class ToolTestEnvironment : public ::testing::Environment {
- public:
-  void SetUp() override {
-    setenv("TZ", "UTC", 1);
-    tzset();
-    setenv("ANALYTICSDB_STATS_DIR", "", 1);
-  }
-};
-[[maybe_unused]] ::testing::Environment *const kEnvironment =
-    ::testing::AddGlobalTestEnvironment(new ToolTestEnvironment);
-
-}  // namespace
+static bool setEnvironment() {
+  setenv("TZ", "UTC", 1);
+  tzset();
+  return setenv("ANALYTICSDB_STATS_DIR", "", 1) == 0;
+}
+[[maybe_unused]] static const bool kEnvironment = setEnvironment();
 
 ToolRun runCli(const std::vector<std::string> &args, bool terminal) {
-  std::ostringstream out;
-  std::ostringstream err;
-  int status = runTool(args, out, err, terminal);
-  return {status, out.str(), err.str()};
+  std::ostringstream out, err;
+  // A braced list is evaluated in order: the streams are read after the run.
+  return {runTool(args, out, err, terminal), out.str(), err.str()};
 }
 
 std::string runOk(const std::vector<std::string> &args) {
@@ -62,10 +54,9 @@ std::string transcript(const std::vector<std::vector<std::string>> &commands, co
 TempDir::TempDir() {
   // Every simulated tick is a commit; on a memory file system its sync costs nothing, which
   // makes the multi-day simulations of these tests some fifty times faster.
-  std::string pattern = access("/dev/shm", W_OK) == 0
-                            ? std::string("/dev/shm")
-                            : std::filesystem::temp_directory_path().string();
-  pattern += "/analyticsdb-tool-XXXXXX";
+  std::string pattern =
+      std::filesystem::temp_directory_path().string() + "/analyticsdb-tool-XXXXXX";
+  if (access("/dev/shm", W_OK) == 0) pattern = "/dev/shm/analyticsdb-tool-XXXXXX";
   if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
   path_ = pattern;
 }
@@ -102,14 +93,11 @@ void writeSample(const std::string &db, int32_t (*update)(char **),
 
 std::string readFile(const std::string &path) {
   std::ifstream file(path, std::ios::binary);
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
+  return std::string(std::istreambuf_iterator<char>(file), {});
 }
 
 void writeFile(const std::string &path, const std::string &text) {
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  file << text;
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
 void expectGolden(const std::string &name, std::string actual,
