@@ -2,9 +2,13 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <fstream>
+#include <optional>
 #include <regex>
 #include <string>
+#include <thread>
 
 #include "support/api_cases.h"
 
@@ -106,12 +110,26 @@ TEST_F(Operation, StatusOfEveryOutcomeAndABusyDatabaseAtOnce) {
   db_freeResult(&cells);
 
   // A database held by another connection: 3 at once, for writes and reads.
-  adbtest::BusyHolder holder(dbPath());
+  std::optional<adbtest::BusyHolder> holder(std::in_place, dbPath());
   EXPECT_EQ(db_write("INSERT INTO T VALUES('bb', 1)"), DB_STATUS_BUSY);
   EXPECT_EQ(db_read("SELECT * FROM T", &cells, &rows, &columns), DB_STATUS_BUSY);
   EXPECT_EQ(cells, nullptr);
-  holder.release();
+
+  // With a wait, a write polls the held file and goes through soon after it is let go, not at
+  // the end of its wait: the other connection takes the file back if the write has not landed
+  // 600 ms after the release, well before a write that slept its whole wait would look again.
+  ASSERT_EQ(db_setBusyWait(999, 0), DB_STATUS_SUCCESS);
+  std::atomic<bool> landed{false};
+  std::thread other([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    holder.reset();
+    for (int i = 0; i < 60 && !landed; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    if (!landed) holder.emplace(dbPath());
+  });
   EXPECT_EQ(db_write("INSERT INTO T VALUES('bb', 1)"), DB_STATUS_SUCCESS);
+  landed = true;
+  other.join();
 }
 
 TEST_F(Operation, ProfilesStatementsOnlyWhileTheMarkerExists) {
