@@ -76,6 +76,7 @@ std::vector<std::string> hostileNames() {
   // Quotes at and around the 1022-character cut, in values just short of and past it.
   for (size_t at = 1016; at <= 1026; ++at) names.push_back(withQuoteAt(1030, at));
   for (size_t length : {1021u, 1022u, 1023u}) names.push_back(withQuoteAt(length, length - 1));
+  names.push_back(std::string(1020, 'a') + "''");  // escaped, one character past the cut
   std::string quotedEvery(4096, 'q');
   for (size_t i = 0; i < quotedEvery.size(); i += 97) quotedEvery[i] = '\'';
   names.push_back(quotedEvery);
@@ -300,8 +301,33 @@ TEST_F(HostileInputTest, StatementCacheOnAndOffWriteTheSameFileStatusesAndLog) {
     EXPECT_GT(queueCount, 0);
     for (int i = 0; i < 8 && queueCount > 0; ++i) statuses.push_back(db_processQueueEntry());
     EXPECT_EQ(queueCount, 0);
+    // Schema changes below empty the cache, so its figures are read first.
     uint32_t bytes = 0;
     db_getStatementCacheFigures(&kept, &bytes);
+    // Lists just past the text path's cuts, which only it may write: 288 slot assignments, and
+    // a 3000-character INSERT column list, for a new row and for an existing one.
+    std::vector<std::string> slots{"MAC_S"}, sixes{"AA:00"};
+    for (int slot = 1; slot <= 288; ++slot) {
+      slots.push_back("SLOT" + std::to_string(slot));
+      sixes.push_back("123456");
+    }
+    statuses.push_back(
+        db_tryUpdate("RSSI1", "MAC_S", " LIKE ", Values(slots).data(), Values(sixes).data(), 289));
+    const std::string wide(1496, 'w'), wider(1497, 'v');
+    const std::string table = "CREATE TABLE W (MAC_S TEXT NOT NULL PRIMARY KEY COLLATE NOCASE, " +
+                              wide + ", " + wider + "); INSERT INTO W (MAC_S) VALUES ('old')";
+    statuses.push_back(db_writeQuery(table.c_str()));
+    for (const char *key : {"new", "old"}) {
+      statuses.push_back(db_writeTable("W", "MAC_S", " LIKE ",
+                                       Values({"MAC_S", wide.c_str(), wider.c_str()}).data(),
+                                       Values({key, "1", "2"}).data(), 3));
+    }
+    // A kept UPDATE whose table another connection drops.
+    const InventoryWriter &last = writers.back();
+    for (int round = 0; round < 3; ++round) {
+      if (round == 2) adbtest::RawDb(dbPath()).exec("DROP TABLE " + std::string(last.table));
+      statuses.push_back(last.write(Values(valuesFor(last, "Dropped:Key", "t", "1")).data()));
+    }
     statuses.push_back(db_closeDbConnection());
   };
 
