@@ -137,15 +137,13 @@ TEST_F(Series, SlotWritesNameTheirDayAndColumnAndDefaultFillsZeroOneDay) {
 TEST_F(Series, ParkedSampleWritesReplayAsTheWriterThatParkedThem) {
   bandwidth("pk", "LAN", 2, 77);
   ASSERT_EQ(db_updateRssi(Values{"pk", "1700000600", "2", "-50"}.data()), DB_STATUS_SUCCESS);
-  // A struct, not a tuple: a tuple would copy the Values, whose pointers then point into the
-  // temporary it was copied from.
   struct Case {
     int32_t (*write)(char **);
     Values values;
     const char *query;
     const char *expected;
   };
-  const Case cases[] = {
+  Case cases[] = {
       {db_updatePrimitiveRssi, {"pk", "1700009000", "30"}, "SLT_IND FROM PRIMITIVE_RSSI", "30"},
       {db_updateRssiSlot, {"pk", "6", "-61"}, "SLOT6 FROM RSSI1", "-61"},
       {db_updateRssiSlotDefaultValue, {"pk", "2", "3"}, "SLOT2 FROM RSSI1", "0"},
@@ -158,7 +156,7 @@ TEST_F(Series, ParkedSampleWritesReplayAsTheWriterThatParkedThem) {
       {db_updateBandWidthSlotTx, {"pk", "6", "44"}, "SLOT6 FROM BANDWIDTHTX1", "44"},
       {db_updateTxSlotDefaultValue, {"pk", "2", "3"}, "SLOT2 FROM BANDWIDTHTX1", "0"},
   };
-  for (Case c : cases) {  // a copy that points into the case's own values
+  for (Case &c : cases) {
     ASSERT_EQ(whileBusy([&] { return c.write(c.values.data()); }), DB_STATUS_BUSY) << c.query;
   }
   ASSERT_EQ(queueCount, 9);

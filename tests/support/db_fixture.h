@@ -134,6 +134,9 @@ class Values {
   Values(std::initializer_list<const char *> values);
   explicit Values(const std::vector<std::string> &values);
   explicit Values(const std::vector<Cell> &values);
+  // A copy would point into the original's texts; a move keeps them where they are.
+  Values(const Values &) = delete;
+  Values(Values &&) = default;
   char **data() { return pointers_.data(); }
   int32_t size() const { return static_cast<int32_t>(pointers_.size()); }
 
