@@ -33,10 +33,9 @@ constexpr Attribution kGate{"Queue: Status", "db_manage_queue db_manageQueue"};
 TEST_F(LogAttribution, HelpersLogInTheNameOfTheFunctionTheyWorkFor) {
   createInventoryTables();
   ASSERT_EQ(db_createPrimitiveBandWidthRxTable(288), DB_STATUS_SUCCESS);
-  auto record = std::make_unique<BandWidthRecord>();
-  int32_t count = 0;
   // A WAN sample for `mac`, then the latest read of the WAN.
-  auto latestAfter = [&](const char *mac) {
+  auto latestAfter = [record = std::make_unique<BandWidthRecord>()](const char *mac) {
+    int32_t count = 0;
     db_updatePrimitiveBandWidthRx(Values{mac, "WAN", "1000", "10"}.data());
     db_readBandWidthLatestRx("WAN", 100, record.get(), &count);
   };
