@@ -64,16 +64,13 @@ TEST_F(Delete, SeriesRemovalCascadesAndKeepsTheWan) {
   EXPECT_EQ(keys("PRIMITIVE_BANDWIDTHRX") + "|" + keys("BANDWIDTHRX3"), "lan2,wan0|wan0");
 
   // Without enforcement an index row goes alone, until db_setForeignKey switches it back on.
-  const std::string dev3 =
-      "INSERT INTO PRIMITIVE_RSSI(MAC_S) VALUES('dev3'); INSERT INTO RSSI2(MAC_S) VALUES('dev3');";
-  raw().exec(dev3);
-  ASSERT_EQ(db_write("PRAGMA foreign_keys = OFF"), DB_STATUS_SUCCESS);
-  EXPECT_EQ(db_deletePrimitiveRssi("dev3"), DB_STATUS_SUCCESS);
-  EXPECT_EQ(keys("RSSI2"), "dev3");
-  EXPECT_EQ(db_setForeignKey(), DB_STATUS_SUCCESS);
-  raw().exec("DELETE FROM RSSI2;" + dev3);
-  EXPECT_EQ(db_deletePrimitiveRssi("dev3"), DB_STATUS_SUCCESS);
-  EXPECT_EQ(keys("RSSI2"), "");
+  for (const auto &[on, left] : {std::pair{false, "dev3"}, {true, ""}}) {
+    raw().exec("DELETE FROM RSSI2; INSERT INTO PRIMITIVE_RSSI(MAC_S) VALUES('dev3');"
+               "INSERT INTO RSSI2(MAC_S) VALUES('dev3');");
+    ASSERT_EQ(on ? db_setForeignKey() : db_write("PRAGMA foreign_keys = OFF"), DB_STATUS_SUCCESS);
+    EXPECT_EQ(db_deletePrimitiveRssi("dev3"), DB_STATUS_SUCCESS);
+    EXPECT_EQ(keys("RSSI2"), left);
+  }
 
   // A day delete names its day table.
   raw().exec("INSERT INTO PRIMITIVE_BANDWIDTHTX(MAC_S) VALUES('tx1');"
