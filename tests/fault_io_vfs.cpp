@@ -89,9 +89,8 @@ TEST_F(IoFaultTest, SamplesInventoryWritesAndTransactionsFailWholeAndLeaveOldOrN
            "SELECT (SELECT TIMESTAMP || '/' || SLT_IND FROM PRIMITIVE_RSSI) || ' ' || "
            "(SELECT SLOT288 FROM RSSI1) || ' ' || ifnull((SELECT SLOT289 FROM RSSI2), '<none>')")},
       "sample");
-  for (const NameWrite &write : kNameWrites) {
+  for (const NameWrite &write : kNameWrites)
     failEveryWriteAndSync(writePlan(write, {}), write.what);
-  }
   // An update and two inserts between BEGIN and COMMIT; every step runs, as a caller that
   // checks the statuses only at the end would run them.
   auto transaction = [] {

@@ -16,20 +16,17 @@ class Delete : public adbtest::ApiTest {
   // The keys of `table` in order, comma-separated; "" for none.
   std::string keys(const std::string &table) {
     const std::string key = table == "DEVICETHRESHOLD" ? "DEVICECLASS_S" : "MAC_S";
-    return raw()
-        .scalar("SELECT group_concat(" + key + ") FROM (SELECT " + key + " FROM " + table +
-                " ORDER BY 1)")
-        .value_or("");
+    return raw().scalar("SELECT group_concat(k) FROM (SELECT " + key + " AS k FROM " + table +
+                        " ORDER BY 1)").value_or("");
   }
 };
 
 }  // namespace
 
 TEST_F(Delete, RemovesRowsByKeyInAnyCaseOrAllRows) {
-  raw().exec(
-      "INSERT INTO DEVICEINFO(MAC_S) VALUES('aa:01'),('aa:02'),('aa:03');"
-      "INSERT INTO MESHTOPO(MAC_S) VALUES('m1'),('m2');"
-      "INSERT INTO DEVICETHRESHOLD(DEVICECLASS_S) VALUES('Phone'),('TV');");
+  raw().exec("INSERT INTO DEVICEINFO(MAC_S) VALUES('aa:01'),('aa:02'),('aa:03');"
+             "INSERT INTO MESHTOPO(MAC_S) VALUES('m1'),('m2');"
+             "INSERT INTO DEVICETHRESHOLD(DEVICECLASS_S) VALUES('Phone'),('TV');");
   EXPECT_EQ(db_deleteMacDeviceInfo("AA:01"), DB_STATUS_SUCCESS);
   EXPECT_EQ(db_deleteMacMeshTopo("M2"), DB_STATUS_SUCCESS);
   EXPECT_EQ(db_deleteMacDeviceThreshold("phone"), DB_STATUS_SUCCESS);
@@ -48,10 +45,9 @@ TEST_F(Delete, RemovesRowsByKeyInAnyCaseOrAllRows) {
 
 TEST_F(Delete, SeriesRemovalCascadesAndKeepsTheWan) {
   createSeriesTables();
-  raw().exec(
-      "INSERT INTO PRIMITIVE_RSSI(MAC_S) VALUES('dev1'),('dev2');"
-      "INSERT INTO RSSI1(MAC_S, SLOT1) VALUES('dev1', 7),('dev2', 8);"
-      "INSERT INTO RSSI7(MAC_S, SLOT2016) VALUES('dev1', 9);");
+  raw().exec("INSERT INTO PRIMITIVE_RSSI(MAC_S) VALUES('dev1'),('dev2');"
+             "INSERT INTO RSSI1(MAC_S, SLOT1) VALUES('dev1', 7),('dev2', 8);"
+             "INSERT INTO RSSI7(MAC_S, SLOT2016) VALUES('dev1', 9);");
   EXPECT_EQ(db_deleteMacRssi("DEV1"), DB_STATUS_SUCCESS);
   EXPECT_EQ(keys("PRIMITIVE_RSSI") + "|" + keys("RSSI1") + "|" + keys("RSSI7"), "dev2|dev2|");
   // The index row and the seven day rows: eight gated statements, even for a device with none.
@@ -60,30 +56,25 @@ TEST_F(Delete, SeriesRemovalCascadesAndKeepsTheWan) {
   EXPECT_EQ(log().countContaining("Delete table content of"), 8u);
   EXPECT_EQ(log().countContaining("Queue: Status -1 Func 38"), 7u);
 
-  raw().exec(
-      "INSERT INTO PRIMITIVE_BANDWIDTHRX(MAC_S, SOURCE_S) VALUES"
-      "('wan0','wan'),('lan1','LAN'),('lan2',NULL);"
-      "INSERT INTO BANDWIDTHRX3(MAC_S, SLOT600) VALUES('wan0',1),('lan1',2);");
+  raw().exec("INSERT INTO PRIMITIVE_BANDWIDTHRX(MAC_S, SOURCE_S) VALUES"
+             "('wan0','wan'),('lan1','LAN'),('lan2',NULL);"
+             "INSERT INTO BANDWIDTHRX3(MAC_S, SLOT600) VALUES('wan0',1),('lan1',2);");
   EXPECT_EQ(db_deleteNonWanBandwidthRxInfo(), DB_STATUS_SUCCESS);
   // NULL NOT LIKE 'WAN' is not true, so a device without a source stays.
   EXPECT_EQ(keys("PRIMITIVE_BANDWIDTHRX") + "|" + keys("BANDWIDTHRX3"), "lan2,wan0|wan0");
 
-  // Without enforcement an index row goes alone; the non-WAN delete switches it back on.
-  const std::string dev3 =
-      "INSERT INTO PRIMITIVE_RSSI(MAC_S) VALUES('dev3'); INSERT INTO RSSI2(MAC_S) VALUES('dev3');";
-  raw().exec(dev3);
-  ASSERT_EQ(db_write("PRAGMA foreign_keys = OFF"), DB_STATUS_SUCCESS);
-  EXPECT_EQ(db_deletePrimitiveRssi("dev3"), DB_STATUS_SUCCESS);
-  EXPECT_EQ(keys("RSSI2"), "dev3");
-  EXPECT_EQ(db_setForeignKey(), DB_STATUS_SUCCESS);
-  raw().exec("DELETE FROM RSSI2;" + dev3);
-  EXPECT_EQ(db_deletePrimitiveRssi("dev3"), DB_STATUS_SUCCESS);
-  EXPECT_EQ(keys("RSSI2"), "");
+  // Without enforcement an index row goes alone, until db_setForeignKey switches it back on.
+  for (const auto &[on, left] : {std::pair{false, "dev3"}, {true, ""}}) {
+    raw().exec("DELETE FROM RSSI2; INSERT INTO PRIMITIVE_RSSI(MAC_S) VALUES('dev3');"
+               "INSERT INTO RSSI2(MAC_S) VALUES('dev3');");
+    ASSERT_EQ(on ? db_setForeignKey() : db_write("PRAGMA foreign_keys = OFF"), DB_STATUS_SUCCESS);
+    EXPECT_EQ(db_deletePrimitiveRssi("dev3"), DB_STATUS_SUCCESS);
+    EXPECT_EQ(keys("RSSI2"), left);
+  }
 
   // A day delete names its day table.
-  raw().exec(
-      "INSERT INTO PRIMITIVE_BANDWIDTHTX(MAC_S) VALUES('tx1');"
-      "INSERT INTO BANDWIDTHTX4(MAC_S) VALUES('tx1');");
+  raw().exec("INSERT INTO PRIMITIVE_BANDWIDTHTX(MAC_S) VALUES('tx1');"
+             "INSERT INTO BANDWIDTHTX4(MAC_S) VALUES('tx1');");
   EXPECT_EQ(db_deleteDayBandWidthTx("TX1", 4), DB_STATUS_SUCCESS);
   EXPECT_EQ(keys("BANDWIDTHTX4") + "|" + keys("PRIMITIVE_BANDWIDTHTX"), "|tx1");
 

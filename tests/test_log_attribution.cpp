@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/queue_cases.h"
@@ -13,10 +14,8 @@ namespace {
 
 using adbtest::Values;
 
-struct Attribution {
-  const char *message;  // a part of the message that only the expected lines hold
-  const char *where;    // "module function"
-};
+// A part of the message that only the expected lines hold, and "module function".
+using Attribution = std::pair<const char *, const char *>;
 
 struct Case {
   const char *name;
@@ -24,17 +23,7 @@ struct Case {
   std::vector<Attribution> lines;
 };
 
-class LogAttribution : public adbtest::DbTest {
- protected:
-  void expectAttributed(const Case &c) {
-    SCOPED_TRACE(c.name);
-    log().clear();
-    c.provoke();
-    for (const Attribution &expected : c.lines) {
-      adbtest::expectAttributed(log(), expected.message, expected.where);
-    }
-  }
-};
+using LogAttribution = adbtest::DbTest;
 
 constexpr const char *kMac = "aa:bb:cc:dd:ee:01";
 constexpr Attribution kGate{"Queue: Status", "db_manage_queue db_manageQueue"};
@@ -44,10 +33,9 @@ constexpr Attribution kGate{"Queue: Status", "db_manage_queue db_manageQueue"};
 TEST_F(LogAttribution, HelpersLogInTheNameOfTheFunctionTheyWorkFor) {
   createInventoryTables();
   ASSERT_EQ(db_createPrimitiveBandWidthRxTable(288), DB_STATUS_SUCCESS);
-  auto record = std::make_unique<BandWidthRecord>();
-  int32_t count = 0;
   // A WAN sample for `mac`, then the latest read of the WAN.
-  auto latestAfter = [&](const char *mac) {
+  auto latestAfter = [record = std::make_unique<BandWidthRecord>()](const char *mac) {
+    int32_t count = 0;
     db_updatePrimitiveBandWidthRx(Values{mac, "WAN", "1000", "10"}.data());
     db_readBandWidthLatestRx("WAN", 100, record.get(), &count);
   };
@@ -85,5 +73,10 @@ TEST_F(LogAttribution, HelpersLogInTheNameOfTheFunctionTheyWorkFor) {
         {"[RETRY]SETTING FOREIGN KEY FAILED",
          "db_api_delete db_deleteQueueNonWanBandwidthTxInfo"}}},
   };
-  for (const Case &c : cases) expectAttributed(c);
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.name);
+    log().clear();
+    c.provoke();
+    for (const auto &[part, where] : c.lines) adbtest::expectAttributed(log(), part, where);
+  }
 }
