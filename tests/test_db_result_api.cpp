@@ -107,12 +107,12 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
             (Ints{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13}));
 
   Values limits{"DEVICECLASS_S", "DEVFILTERLEVEL", "STREAMINGTHRESHOLD", "INACTIVITYFILTER",
-                    "RSSIGOODSTART", "RSSIGOODEND", "RSSIAVGSTART", "RSSIAVGEND", "RSSIBADSTART",
-                    "RSSIBADEND", "LONGPOLLTHRESHOLD", "SHORTPOLLTHRESHOLD", "VERSION",
-                    "WAN_FILTER_LEVEL", "INACTIVITY_FILTER_LEVEL",
-                    // One row; 32-bit atoi saturates both ways.
-                    "Camera", "5000000000", "2", "3", "-40", "-55", "-56", "-70", "-71", "-90",
-                    "600", "-5000000000", "2.5", "4", "5"};
+                "RSSIGOODSTART", "RSSIGOODEND", "RSSIAVGSTART", "RSSIAVGEND", "RSSIBADSTART",
+                "RSSIBADEND", "LONGPOLLTHRESHOLD", "SHORTPOLLTHRESHOLD", "VERSION",
+                "WAN_FILTER_LEVEL", "INACTIVITY_FILTER_LEVEL",
+                // One row; 32-bit atoi saturates both ways.
+                "Camera", "5000000000", "2", "3", "-40", "-55", "-56", "-70", "-71", "-90", "600",
+                "-5000000000", "2.5", "4", "5"};
   const auto t = converted(db_structDeviceThreshold, db_freeDeviceThresholdResult, limits, 1)[0];
   EXPECT_EQ(std::tuple(std::string(t.deviceClass), t.version), std::tuple("Camera", 2.5f));
   // atoi saturates as with a 32-bit long, both ways.
