@@ -19,7 +19,8 @@ const std::string k300(300, 'n');
 const std::string k70(70, 's');
 
 // The `rows` records that `convert` makes of `cells` (a header row and `rows` data rows), copied
-// out (zeroed past those made); the list is freed and must come back NULL.
+// out (zeroed past those made, so that a failed conversion fails a check, not the run); the list
+// is freed and must come back NULL.
 template <typename Record>
 std::vector<Record> converted(int32_t (*convert)(char **, Record ***, int32_t, int32_t),
                               void (*free)(Record ***, int32_t), Values &cells, int32_t rows) {
@@ -27,7 +28,7 @@ std::vector<Record> converted(int32_t (*convert)(char **, Record ***, int32_t, i
   const int32_t columns = cells.size() / (rows + 1);
   EXPECT_EQ(convert(cells.data(), &list, rows, columns), 0);
   std::vector<Record> records(rows);
-  for (int32_t r = 0; list != nullptr && r < rows; ++r) records[r] = *list[r];
+  for (int32_t r = 0; list != nullptr && r < rows && list[r] != nullptr; ++r) records[r] = *list[r];
   free(&list, rows);
   EXPECT_EQ(list, nullptr);
   return records;
