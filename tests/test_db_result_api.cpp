@@ -1,6 +1,5 @@
 // Raw results into typed records: each conversion kind and cut, the slot records, the conversions
 // into caller storage, and the free functions.
-#include <cstring>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -19,16 +18,17 @@ class ResultApi : public adbtest::ApiTest {};
 const std::string k300(300, 'n');
 const std::string k70(70, 's');
 
-// The `rows` records that `convert` makes of `cells`, copied out (zeroed past those made); the
-// list is freed and must come back NULL.
+// The `rows` records that `convert` makes of `cells` (a header row and `rows` data rows), copied
+// out (zeroed past those made, so that a failed conversion fails a check, not the run); the list
+// is freed and must come back NULL.
 template <typename Record>
 std::vector<Record> converted(int32_t (*convert)(char **, Record ***, int32_t, int32_t),
-                              void (*free)(Record ***, int32_t), Values &cells, int32_t rows,
-                              int32_t columns) {
+                              void (*free)(Record ***, int32_t), Values &cells, int32_t rows) {
   Record **list = nullptr;
+  const int32_t columns = cells.size() / (rows + 1);
   EXPECT_EQ(convert(cells.data(), &list, rows, columns), 0);
   std::vector<Record> records(rows);
-  for (int32_t r = 0; list != nullptr && r < rows; ++r) records[r] = *list[r];
+  for (int32_t r = 0; list != nullptr && r < rows && list[r] != nullptr; ++r) records[r] = *list[r];
   free(&list, rows);
   EXPECT_EQ(list, nullptr);
   return records;
@@ -55,7 +55,7 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
       "aa:bb:cc:dd:ee:02"};
   device.resize(3 * 39);
   Values deviceCells(device);
-  const auto devices = converted(db_structDeviceInfo, db_freeDeviceInfoResult, deviceCells, 2, 39);
+  const auto devices = converted(db_structDeviceInfo, db_freeDeviceInfoResult, deviceCells, 2);
   const DeviceInfoRecord &d = devices[0];
   EXPECT_EQ(
       (Texts{d.mac, d.apId, d.ipAddr, d.category, d.host, d.model, d.manufacturer, d.interface,
@@ -74,9 +74,8 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
                     d.lastOnlineTs, d.lastOfflineTs, d.lastRebootTxCnt, d.lastRebootRxCnt}),
             (Counts{12, 866, 5000000000ull, 18446744073709551615ull, 2, 1700000000, 4294967295u,
                     1700000100, 4294967295u, 123456789012ull, 987654321098ull}));
-  DeviceInfoRecord keyOnly{};
-  std::memcpy(keyOnly.mac, "aa:bb:cc:dd:ee:02", 18);
-  EXPECT_EQ(std::memcmp(&devices[1], &keyOnly, sizeof keyOnly), 0);
+  const std::string keyOnly(reinterpret_cast<const char *>(&devices[1]), sizeof d);
+  EXPECT_EQ(keyOnly, "aa:bb:cc:dd:ee:02" + std::string(sizeof d - 17, '\0'));
 
   const std::string id60(60, 'i');
   Values mesh{"MAC_S", "ID_S", "PARENTID_S", "IPADDR_S", "ROLE_S", "OPERMODE_S",
@@ -84,7 +83,7 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
               // One row; texts are cut to their fields.
               "00:11:22:33:44:55", id60.c_str(), "parent", "10.0.0.2", "Satellite", "Router",
               "Ethernet-2.5G", "Online", "Good"};
-  const MeshTopoRecord m = converted(db_structMeshTopo, db_freeMeshTopoResult, mesh, 1, 9)[0];
+  const auto m = converted(db_structMeshTopo, db_freeMeshTopoResult, mesh, 1)[0];
   EXPECT_EQ((Texts{m.mac, m.id, m.parentId, m.ipAddr, m.role, m.operMode, m.backhaulIntfType,
                    m.status, m.healthStatus}),
             (Texts{"00:11:22:33:44:55", std::string(47, 'i'), "parent", "10.0.0.2", "Satelli",
@@ -98,8 +97,7 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
                  // One row, a value of its own per field.
                  "c0:ff:ee", "bssid", "5GHz", "1", "2", "3", "4", "5", "Phone", "STA", "2x2", "mfg",
                  "mname", "mnumber", "dname", "11ax", "6", "7", "8", "9", "10", "11", "12", "13"};
-  const ClientCapabilityRecord c =
-      converted(db_structClientsCapability, db_freeClientsResult, clients, 1, 24)[0];
+  const auto c = converted(db_structClientsCapability, db_freeClientsResult, clients, 1)[0];
   EXPECT_EQ((Texts{c.mac, c.assocBssid, c.assocMedium, c.category, c.type, c.mimo, c.vendorMfg,
                    c.vendorModelName, c.vendorModelNumber, c.vendorDeviceName, c.capMode}),
             (Texts{"c0:ff:ee", "bssid", "5GHz", "Phone", "STA", "2x2", "mfg", "mname", "mnumber",
@@ -109,36 +107,33 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
                   c.cap24GhzN, c.cap5GhzAc}),
             (Ints{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13}));
 
-  Values thresholds{"DEVICECLASS_S", "DEVFILTERLEVEL", "STREAMINGTHRESHOLD", "INACTIVITYFILTER",
-                    "RSSIGOODSTART", "RSSIGOODEND", "RSSIAVGSTART", "RSSIAVGEND", "RSSIBADSTART",
-                    "RSSIBADEND", "LONGPOLLTHRESHOLD", "SHORTPOLLTHRESHOLD", "VERSION",
-                    "WAN_FILTER_LEVEL", "INACTIVITY_FILTER_LEVEL",
-                    // One row; 32-bit atoi saturates both ways.
-                    "Camera", "5000000000", "2", "3", "-40", "-55", "-56", "-70", "-71", "-90",
-                    "600", "-5000000000", "2.5", "4", "5"};
-  const DeviceThresholdRecord t =
-      converted(db_structDeviceThreshold, db_freeDeviceThresholdResult, thresholds, 1, 15)[0];
-  EXPECT_STREQ(t.deviceClass, "Camera");
+  Values limits{"DEVICECLASS_S", "DEVFILTERLEVEL", "STREAMINGTHRESHOLD", "INACTIVITYFILTER",
+                "RSSIGOODSTART", "RSSIGOODEND", "RSSIAVGSTART", "RSSIAVGEND", "RSSIBADSTART",
+                "RSSIBADEND", "LONGPOLLTHRESHOLD", "SHORTPOLLTHRESHOLD", "VERSION",
+                "WAN_FILTER_LEVEL", "INACTIVITY_FILTER_LEVEL",
+                // One row; 32-bit atoi saturates both ways.
+                "Camera", "5000000000", "2", "3", "-40", "-55", "-56", "-70", "-71", "-90", "600",
+                "-5000000000", "2.5", "4", "5"};
+  const auto t = converted(db_structDeviceThreshold, db_freeDeviceThresholdResult, limits, 1)[0];
+  EXPECT_EQ(std::tuple(std::string(t.deviceClass), t.version), std::tuple("Camera", 2.5f));
   // atoi saturates as with a 32-bit long, both ways.
   EXPECT_EQ(
       (Ints{t.devFilterLevel, t.streamingThreshold, t.inactivityFilter, t.rssiGoodStart,
             t.rssiGoodEnd, t.rssiAvgStart, t.rssiAvgEnd, t.rssiBadStart, t.rssiBadEnd,
             t.longPollThreshold, t.shortPollThreshold, t.wanFilterLevel, t.inactivityFilterLevel}),
       (Ints{2147483647, 2, 3, -40, -55, -56, -70, -71, -90, 600, -2147483648ll, 4, 5}));
-  EXPECT_FLOAT_EQ(t.version, 2.5f);
 
   Values subscribers{"DOWNSTREAMBANDWIDTH", "SERIALNUMBER_S",
                      // Two rows; text that is no number reads as 0.
                      "1000", "SN-0123456789", "abc", nullptr};
-  const auto s = converted(db_structSubscriberInfo, db_freeSubscriberInfoResult, subscribers, 2, 2);
+  const auto s = converted(db_structSubscriberInfo, db_freeSubscriberInfoResult, subscribers, 2);
   EXPECT_EQ((Texts{s[0].serialNumber, s[1].serialNumber}), (Texts{"SN-012345678", ""}));
   EXPECT_EQ((Ints{s[0].downstreamBandwidth, s[1].downstreamBandwidth}), (Ints{1000, 0}));
 
   Values stamps{"MAC_S", "DEVTIMESTAMP", "ACTIVE", "INTF_NAME_S",
                 // One row.
                 "aa:bb", "5000000000.5", "1", "wl1.2-backhaul-long"};
-  const DeviceTimestampRecord ts =
-      converted(db_readTimestampResult, db_freeDpClientHandleResult, stamps, 1, 4)[0];
+  const auto ts = converted(db_readTimestampResult, db_freeDpClientHandleResult, stamps, 1)[0];
   EXPECT_EQ((Texts{ts.mac, ts.intfName}), (Texts{"aa:bb", "wl1.2-backhaul-"}));
   // devTimestamp: a 64-bit field, 32-bit conversion.
   EXPECT_EQ(std::tuple(ts.devTimestamp, ts.active), std::tuple(4294967295ull, 1));
@@ -146,8 +141,7 @@ TEST_F(ResultApi, RecordsFillEveryFieldByColumnNameWithItsConversion) {
   Values primitive{"MAC_S", "TIMESTAMP", "SLT_IND", "SOURCE_S",
                    // One row.
                    "aa:bb", "1700000000", "288", "WAN-source-long-text"};
-  const PrimitiveDayTableRecord p =
-      converted(db_structPrimitiveDayTable, db_freePrimitiveDayTable, primitive, 1, 4)[0];
+  const auto p = converted(db_structPrimitiveDayTable, db_freePrimitiveDayTable, primitive, 1)[0];
   EXPECT_EQ((Texts{p.mac, p.source}), (Texts{"aa:bb", "WAN-source-long"}));
   EXPECT_EQ(std::tuple(p.timestamp, p.slotIndex), std::tuple(1700000000u, 288));
   EXPECT_TRUE(log().lines().empty()) << log().dump();
@@ -160,12 +154,11 @@ TEST_F(ResultApi, SlotRecordsPlaceSlotsByNumberOrByColumnOrder) {
               // Two rows.
               "300", "aa:bb", "1", "2016", "7", "8", "1700000000", "300", nullptr, "cc:dd",
               "18446744073709551615", nullptr, nullptr, nullptr, nullptr, nullptr};
-  const auto weeks = converted(db_structBandWidth, db_freeBandWidthResult, week, 2, 8);
+  const auto weeks = converted(db_structBandWidth, db_freeBandWidthResult, week, 2);
   const BandWidthRecord &w = weeks[0];
-  EXPECT_EQ((Counts{w.slots[299], w.slots[0], w.slots[2015], w.slotCount, w.timestamp, w.startIndex,
-                    w.endIndex}),
-            (Counts{300, 1, 2016, 5, 1700000000, 0, 0}));
-  EXPECT_EQ(w.slotIndex, 300);
+  EXPECT_EQ(std::tuple(w.slots[299], w.slots[0], w.slots[2015], w.slotCount, w.timestamp,
+                       w.startIndex, w.endIndex, w.slotIndex),
+            std::tuple(300ull, 1ull, 2016ull, 5u, 1700000000u, 0u, 0u, 300));
   // SLOT0 lands nowhere, not in the field before the slots.
   EXPECT_EQ(std::string(w.mac, sizeof w.mac), "aa:bb" + std::string(sizeof w.mac - 5, '\0'));
   EXPECT_EQ((Counts{weeks[1].slots[0], weeks[1].slotCount}), (Counts{18446744073709551615ull, 5}));
@@ -174,10 +167,9 @@ TEST_F(ResultApi, SlotRecordsPlaceSlotsByNumberOrByColumnOrder) {
   Values day{"MAC_S", "SLOT289", "SLOT290", "SLOT291", "TIMESTAMP", "SLT_IND",
              // One row.
              "aa:bb", "289", nullptr, "291", "1700000000", "291"};
-  const RateRecord r = converted(db_readRateStruct, db_freeRateResult, day, 1, 6)[0];
-  EXPECT_EQ((Counts{r.slots[0], r.slots[1], r.slots[2], r.slotCount, r.timestamp}),
-            (Counts{289, 0, 291, 3, 1700000000}));
-  EXPECT_EQ(r.slotIndex, 291);
+  const auto r = converted(db_readRateStruct, db_freeRateResult, day, 1)[0];
+  EXPECT_EQ(std::tuple(r.slots[0], r.slots[1], r.slots[2], r.slotCount, r.timestamp, r.slotIndex),
+            std::tuple(289ull, 0ull, 291ull, 3u, 1700000000u, 291));
 
   // More slot columns than a day holds: the extra ones are counted, not stored.
   std::vector<std::string> wide{"MAC_S"};
@@ -185,7 +177,7 @@ TEST_F(ResultApi, SlotRecordsPlaceSlotsByNumberOrByColumnOrder) {
   wide.push_back("aa:bb");
   for (int k = 1; k <= 290; ++k) wide.push_back(std::to_string(k));
   Values wideCells(wide);
-  const RateRecord full = converted(db_readRateStruct, db_freeRateResult, wideCells, 1, 291)[0];
+  const auto full = converted(db_readRateStruct, db_freeRateResult, wideCells, 1)[0];
   EXPECT_EQ((Counts{full.slots[287], full.slotCount}), (Counts{288, 290}));
   EXPECT_TRUE(log().lines().empty()) << log().dump();
 }
@@ -240,8 +232,7 @@ TEST_F(ResultApi, EmptyResultsAndNullListsAreReportedWithTheirOwnMessages) {
   ASSERT_FALSE(log().lines().empty());
   EXPECT_EQ(log().lines().back().where(), "db_result_api db_freeRateResult");
   // A list variable the caller did not give cannot take a list.
-  Values header{"MAC_S", "aa:bb"};
-  EXPECT_EQ(db_structMeshTopo(header.data(), nullptr, 1, 1), 1);
+  EXPECT_EQ(db_structMeshTopo(Values{"MAC_S", "aa:bb"}.data(), nullptr, 1, 1), 1);
 }
 
 TEST_F(ResultApi, ConversionsIntoCallerStorageFillWhatTheyAreGiven) {
@@ -251,18 +242,16 @@ TEST_F(ResultApi, ConversionsIntoCallerStorageFillWhatTheyAreGiven) {
               // Two rows, into one record.
               "aa:bb:cc:dd:ee:ff-and-a-long-suffix-here", "10", nullptr, "100", "1", "aa:bb",
               nullptr, "289", nullptr, "289"};
-  BandWidthRecord record{};
-  record.slots[5] = 6;
-  record.slotCount = 77;
-  record.startIndex = 3;
-  ASSERT_EQ(db_setSlotRate(days.data(), 2, 5, &record), 0);
-  EXPECT_STREQ(record.mac, "aa:bb");
-  EXPECT_EQ((Counts{record.slots[0], record.slots[288], record.slots[5], record.timestamp,
-                    record.slotCount, record.startIndex}),
-            (Counts{10, 289, 6, 100, 77, 3}));
-  EXPECT_EQ(record.slotIndex, 289);
-  ASSERT_EQ(db_setSlotRate(days.data(), 1, 5, &record), 0);
-  EXPECT_STREQ(record.mac, "aa:bb:cc:dd:ee:ff-and-a-long-su");  // 31 characters
+  BandWidthRecord bw{};
+  bw.slots[5] = 6;
+  bw.slotCount = 77;
+  bw.startIndex = 3;
+  ASSERT_EQ(db_setSlotRate(days.data(), 2, 5, &bw), 0);
+  EXPECT_EQ(std::tuple(std::string(bw.mac), bw.slots[0], bw.slots[288], bw.slots[5], bw.timestamp,
+                       bw.slotCount, bw.startIndex, bw.slotIndex),
+            std::tuple("aa:bb", 10ull, 289ull, 6ull, 100u, 77u, 3u, 289));
+  ASSERT_EQ(db_setSlotRate(days.data(), 1, 5, &bw), 0);
+  EXPECT_STREQ(bw.mac, "aa:bb:cc:dd:ee:ff-and-a-long-su");  // 31 characters
 
   // Per row: the time stamp, slot index, the value of the slot column and the MAC; one source
   // text for all rows, the last row's.
@@ -293,7 +282,7 @@ TEST_F(ResultApi, ConversionsIntoCallerStorageFillWhatTheyAreGiven) {
   EXPECT_EQ(timestamps[0], 5u);
   EXPECT_TRUE(log().lines().empty()) << log().dump();
 
-  EXPECT_EQ(db_setSlotRate(nullptr, 1, 5, &record), 2);
+  EXPECT_EQ(db_setSlotRate(nullptr, 1, 5, &bw), 2);
   EXPECT_EQ(rateIdx(index, 0, 5, macs, source), 2);
   EXPECT_TRUE(logged(RYX_LOG_ERROR, "BandWidth result array NULL / rowcount 1 columcount 5\n"));
   EXPECT_TRUE(logged(RYX_LOG_ERROR, "BandWidth result array NULL / rowcount 0 columcount 5\n"));
