@@ -24,14 +24,14 @@ using std::to_string;
 
 constexpr int kDevices = 4;
 constexpr int kSlotsPerDay = 288;
+// The ticks a writer makes: one pass through the week's slots at most, so no tick overwrites an
+// earlier tick's cell.
 constexpr int kWeek = kSlotsPerDay * 7;
-// One pass through the week's slots at most, so no tick overwrites an earlier tick's cell.
-constexpr int kMaxTicks = kWeek;
 constexpr int kRounds = 6;
 constexpr int kMaxTicksBeforeKill = 6;  // ticks the parent waits for before its random delay
 constexpr double kMaxTickShare = 1.5;   // the delay, in ticks of the writer's measured pace
 constexpr std::chrono::microseconds kFallbackTick{3000};  // where the pace is not known yet
-constexpr int kReportTimeoutMillis = 30000;  // a writer that stays silent this long is stuck
+constexpr int kReportTimeoutMs = 30000;  // a writer that stays silent this long is stuck
 
 std::string macOf(int device) { return "AA:BB:CC:DD:EE:0" + to_string(device); }
 // Ticks walk the week with a stride prime to it: every day table is written, no slot twice.
@@ -60,14 +60,13 @@ std::string cellOf(RawDb &db, int tick, int device) {
 // through `report` once its commit returned 0. Only library calls, then _exit.
 [[noreturn]] void writeTicks(int report) {
   ryxLogSetLevel(RYX_LOG_ERROR);
-  for (int tick = 1; tick <= kMaxTicks; ++tick) {
+  for (int32_t tick = 1; tick <= kWeek; ++tick) {
     if (db_beginTransaction() != DB_STATUS_SUCCESS) _exit(10);
     for (int device = 0; device < kDevices; ++device) {
       if (db_updateRssi(sampleOf(tick, device).data()) != DB_STATUS_SUCCESS) _exit(11);
     }
     if (db_commitTransaction() != DB_STATUS_SUCCESS) _exit(12);
-    int32_t committed = tick;
-    if (write(report, &committed, sizeof committed) != sizeof committed) _exit(13);
+    if (write(report, &tick, sizeof tick) != sizeof tick) _exit(13);
   }
   _exit(0);
 }
@@ -93,12 +92,10 @@ class CrashSafety : public adbtest::DbTest {
     };
     Clock::time_point firstReport{};
     Received got = Received::kAll;
-    while (reported < ticksBeforeKill &&
-           (got = nextReport(kReportTimeoutMillis)) == Received::kAll) {
+    while (reported < ticksBeforeKill && (got = nextReport(kReportTimeoutMs)) == Received::kAll) {
       if (reported == 1) firstReport = Clock::now();
     }
-    EXPECT_NE(got, Received::kTimeout)
-        << "the writer was silent for " << kReportTimeoutMillis << " ms";
+    EXPECT_NE(got, Received::kTimeout) << "no report for " << kReportTimeoutMs << " ms";
     // The delay is a share of one tick's time where the writer's pace could be measured, so
     // that the kill lands anywhere in a tick on a fast host and under emulation alike.
     const Clock::duration tickTime =
@@ -120,8 +117,8 @@ class CrashSafety : public adbtest::DbTest {
     // Ticks 1..complete are in the file in full, no other is there even in part, and complete is
     // the last tick reported as committed or the one after it (committed, not yet reported).
     int complete = reported;
-    if (reported < kMaxTicks && cellOf(db, reported + 1, 0) == valueOf(reported + 1, 0)) ++complete;
-    for (int tick = 1; tick <= kMaxTicks; ++tick) {
+    if (reported < kWeek && cellOf(db, reported + 1, 0) == valueOf(reported + 1, 0)) ++complete;
+    for (int tick = 1; tick <= kWeek; ++tick) {
       for (int device = 0; device < kDevices; ++device) {
         EXPECT_EQ(cellOf(db, tick, device), tick <= complete ? valueOf(tick, device) : "0")
             << "tick " << tick << " device " << device << ", " << reported << " reported";
@@ -129,12 +126,10 @@ class CrashSafety : public adbtest::DbTest {
     }
     // The index rows name the latest complete tick.
     Rows index;
-    for (int device = 0; complete > 0 && device < kDevices; ++device) {
-      index.push_back(
-          {macOf(device), to_string(timestampOf(complete)), to_string(slotOf(complete))});
+    for (int d = 0; complete > 0 && d < kDevices; ++d) {
+      index.push_back({macOf(d), to_string(timestampOf(complete)), to_string(slotOf(complete))});
     }
-    EXPECT_EQ(db.query("SELECT MAC_S, TIMESTAMP, SLT_IND FROM PRIMITIVE_RSSI ORDER BY MAC_S"),
-              index);
+    EXPECT_EQ(db.query("SELECT MAC_S, TIMESTAMP, SLT_IND FROM PRIMITIVE_RSSI ORDER BY 1"), index);
     return complete;
   }
 };

@@ -65,14 +65,12 @@ class QueueTest : public adbtest::DbTest {
   }
 
   // Parks a capacity write as a write that met a busy database does.
-  static void park(const std::string &mac, const std::string &capacity,
-                   int32_t functionId = kCapacityId) {
-    Values values(std::vector<std::string>{mac, capacity});
-    db_manageQueue(DB_STATUS_BUSY, functionId, values.data(), values.size(), "DEVICEINFO");
+  static void park(const std::string &mac, const std::string &value, int32_t id = kCapacityId) {
+    db_manageQueue(DB_STATUS_BUSY, id, Values{mac.c_str(), value.c_str()}.data(), 2, "DEVICEINFO");
   }
 
   static int32_t writeCapacity(const std::string &mac, const std::string &capacity) {
-    return db_updateDeviceInfoCapacity(Values(std::vector<std::string>{mac, capacity}).data());
+    return db_updateDeviceInfoCapacity(Values{mac.c_str(), capacity.c_str()}.data());
   }
 
   Cell capacityOf(const std::string &mac) {
@@ -89,8 +87,6 @@ class QueueTest : public adbtest::DbTest {
     if (where != nullptr) adbtest::expectAttributed(log(), message, where);
   }
 
-  size_t gotNodeLines() { return log().countContaining("[analyticsDB] Get Node ["); }
-
  private:
   QueueStats start_{};
 };
@@ -106,7 +102,6 @@ TEST_F(QueueTest, OnlyBusyWritesParkAPrivateCopyThatHoldsBackItsKey) {
   for (int32_t status : {-1, 0, 1, 2, 4, 5, 6}) {
     EXPECT_EQ(db_manageQueue(status, kCapacityId, Values{"a", "1"}.data(), 2, "DEVICEINFO"), 0);
   }
-  EXPECT_EQ(adbtest::queueHead(), nullptr);
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
   db_deleteQueueEntry();
   expectLogged(RYX_LOG_DEBUG, "DeleteQueueEntry - Queue is empty\n");
@@ -114,14 +109,13 @@ TEST_F(QueueTest, OnlyBusyWritesParkAPrivateCopyThatHoldsBackItsKey) {
   char mac[] = "aa:bb:cc:00:00:01", capacity[] = "7";
   char *values[] = {mac, capacity};
   EXPECT_EQ(whileBusy([&] { return db_updateDeviceInfoCapacity(values); }), DB_STATUS_BUSY);
-  WriteRequestNode *head = adbtest::queueHead();
-  ASSERT_NE(head, nullptr);
-  EXPECT_EQ(lastNode, head);
+  ASSERT_NE(lastNode, nullptr);
+  EXPECT_EQ(adbtest::queueHead(), lastNode);
   expectLogged(RYX_LOG_ERROR, "- Add Queue,1stNode func[4] Table[DEVICEINFO]\n", kBusyAppend);
   // The node owns its copies: the caller may reuse its buffers at once.
-  EXPECT_NE(head->fieldValues[0], mac);
+  EXPECT_NE(lastNode->fieldValues[0], mac);
   capacity[0] = '8';
-  EXPECT_EQ(adbtest::nodeValues(*head), (std::vector<Cell>{"aa:bb:cc:00:00:01", "7"}));
+  EXPECT_EQ(adbtest::nodeValues(*lastNode), (std::vector<Cell>{"aa:bb:cc:00:00:01", "7"}));
 
   // The database is free again, but the row waits: the same key queues behind it without a
   // statement, another key is written at once.
@@ -147,10 +141,10 @@ TEST_F(QueueTest, BusyReplayKeepsItsNodeUntilTheStallIsCleared) {
   {
     adbtest::BusyHolder holder(dbPath());
     EXPECT_EQ(db_processQueueEntry(), DB_STATUS_EMPTY);
-    EXPECT_EQ(gotNodeLines(), 320u);
+    EXPECT_EQ(log().countContaining("[analyticsDB] Get Node ["), 320u);
     expectLogged(RYX_LOG_ERROR, "Get Node, Processed Max[320],Queue is Not Empty\n");
     EXPECT_EQ(db_processQueueEntry(), DB_STATUS_BUSY);
-    EXPECT_EQ(gotNodeLines(), 500u);
+    EXPECT_EQ(log().countContaining("[analyticsDB] Get Node ["), 500u);
     expectLogged(RYX_LOG_ERROR, "Same node is getting processed for max number of time [500]\n");
     // Still held: a stalled head gets one try per call, and each such call counts a stall.
     EXPECT_EQ(db_processQueueEntry(), DB_STATUS_BUSY);
@@ -265,13 +259,11 @@ TEST_F(QueueTest, LimitsOfEntriesAndOfAttemptsPerCall) {
   // is refused rather than written past it; a write for any other key goes to the file.
   EXPECT_EQ(whileBusy([] { return writeCapacity("late", "1"); }), DB_STATUS_QUEUE_FULL);
   EXPECT_EQ(writeCapacity("K0", "9"), DB_STATUS_QUEUE_FULL);
+  const std::string full = "Queue has MAX number of entries. Queue count [320] MAX value [320] ";
   for (auto [key, where] : {std::pair{"late", kBusyAppend}, std::pair{"K0", kNonEmptyCheck}}) {
-    EXPECT_EQ(log().count(RYX_LOG_ERROR,
-                          "Queue has MAX number of entries. Queue count [320] MAX value "
-                          "[320] func[4] Table[DEVICEINFO] Key[" +
-                              std::string(key) + "]: not written, not parked\n"),
-              1u);
-    adbtest::expectAttributed(log(), "Key[" + std::string(key) + "]", where);
+    const std::string request = "func[4] Table[DEVICEINFO] Key[" + std::string(key) + "]";
+    EXPECT_EQ(log().count(RYX_LOG_ERROR, full + request + ": not written, not parked\n"), 1u);
+    adbtest::expectAttributed(log(), request, where);
   }
   // Nothing waits for any other key, so it is written, with a line of its own.
   log().clear();
@@ -542,11 +534,9 @@ TEST_F(QueuePublication, AFolderOutsideRamIsRefusedWithOneNotice) {
   const fs::path folder = statsFolderUnder(fs::current_path());
   parkAndRetry();
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);  // changed again: still no second line
-  EXPECT_EQ(logged(RYX_LOG_NOTICE, "Queue counters are not published in " + folder.string() +
-                                       ": not a file system in RAM (tmpfs or ramfs), and writes to "
-                                       "flash wear it\n"),
-            1u)
-      << log().dump();
+  const std::string why = "not a file system in RAM (tmpfs or ramfs), and writes to flash wear it";
+  const std::string notice = "Queue counters are not published in " + folder.string() + ": " + why;
+  EXPECT_EQ(logged(RYX_LOG_NOTICE, notice + "\n"), 1u) << log().dump();
   EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()), 0);
 }
 
