@@ -5,7 +5,6 @@
 // counters are published for collectors in other processes.
 #include <linux/magic.h>
 #include <pthread.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <unistd.h>
@@ -17,7 +16,6 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -58,9 +56,8 @@ class QueueTest : public adbtest::DbTest {
   // The queue's counters since the test began (they count for the whole process).
   QueueStats counted() const {
     QueueStats now = stats();
-    uint32_t *to = &now.parked;
     const uint32_t *from = &start_.parked;
-    for (uint32_t *end = &now.length; to != end; ++to, ++from) *to -= *from;
+    for (uint32_t *to = &now.parked; to != &now.length; ++to) *to -= *from++;
     return now;
   }
 
@@ -399,11 +396,9 @@ TEST_F(QueueTest, ThreadsShareOneConnectionAndAppendWhileOneProcesses) {
   // connection's, and after the threads, one more.
   constexpr int kThreads = 8;
   auto openOnFile = [this] {
-    return std::count_if(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator(),
-                         [this](const fs::directory_entry &fd) {
-                           std::error_code error;
-                           return fs::read_symlink(fd.path(), error) == dbPath();
-                         });
+    std::error_code error;
+    auto isDb = [&](const fs::path &fd) { return fs::read_symlink(fd, error) == dbPath(); };
+    return std::count_if(fs::directory_iterator("/proc/self/fd"), {}, isDb);
   };
   const auto before = openOnFile();
   for (int round = 0; round < 10; ++round) {
@@ -456,16 +451,16 @@ std::string contentsOf(const fs::path &path) {
   return std::string(std::istreambuf_iterator<char>(file), {});
 }
 
-// What the file must hold for counters `s`, in the order collectors may rely on.
+// What the file must hold for counters `s`, in the order collectors may rely on (that of the
+// struct's fields). The process name ends with its newline.
 std::string published(const QueueStats &s) {
-  const std::string process = contentsOf("/proc/self/comm");  // ends with its newline
-  std::ostringstream text;
-  text << "pid " << getpid() << "\nprocess " << process << "parked " << s.parked << "\nreplayed "
-       << s.replayed << "\nretried " << s.retried << "\ndroppedError " << s.droppedError
-       << "\ndroppedMalformed " << s.droppedMalformed << "\nfreed " << s.freed << "\nrefused "
-       << s.refused << "\nstalls " << s.stalls << "\nlength " << s.length << "\npeakLength "
-       << s.peakLength << "\n";
-  return text.str();
+  auto text = "pid " + std::to_string(getpid()) + "\nprocess " + contentsOf("/proc/self/comm");
+  const uint32_t *value = &s.parked;
+  for (const char *name : {"parked", "replayed", "retried", "droppedError", "droppedMalformed",
+                           "freed", "refused", "stalls", "length", "peakLength"}) {
+    text += std::string(name) + " " + std::to_string(*value++) + "\n";
+  }
+  return text;
 }
 
 class QueuePublication : public QueueTest {
@@ -487,13 +482,6 @@ class QueuePublication : public QueueTest {
     return fs::path(pattern) / "stats";
   }
 
-  // Parks a write, and processes once while the database is held.
-  void parkAndRetry() {
-    park("aa:bb:cc:dd:ee:01", "5");
-    adbtest::BusyHolder holder(dbPath());
-    EXPECT_EQ(db_processQueueEntry(), DB_STATUS_EMPTY);
-  }
-
  private:
   std::vector<fs::path> made_;
 };
@@ -501,21 +489,20 @@ class QueuePublication : public QueueTest {
 TEST_F(QueuePublication, ChangedCountersReplaceTheFileAndFreeingRemovesIt) {
   const fs::path folder = statsFolderUnder("/dev/shm");
   const fs::path file = folder / ("queue." + std::to_string(getpid()));
-  parkAndRetry();
+  park("aa:bb:cc:dd:ee:01", "5");  // then processed once while the database is held
+  EXPECT_EQ(whileBusy([] { return db_processQueueEntry(); }), DB_STATUS_EMPTY);
   EXPECT_EQ(stats().length, 1u);
   EXPECT_EQ(contentsOf(file), published(stats()));
 
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
   EXPECT_EQ(contentsOf(file), published(stats()));
   // Nothing changed: the file is not written again, and no temporary file is left beside it.
-  auto stamp = [&file] {
-    struct stat now {};
-    EXPECT_EQ(stat(file.c_str(), &now), 0);
-    return std::make_tuple(now.st_ino, now.st_mtim.tv_sec, now.st_mtim.tv_nsec);
-  };
-  const auto first = stamp();
+  struct stat before {}, after {};
+  ASSERT_EQ(stat(file.c_str(), &before), 0);
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
-  EXPECT_EQ(stamp(), first);
+  ASSERT_EQ(stat(file.c_str(), &after), 0);
+  EXPECT_EQ(std::tie(after.st_ino, after.st_mtim.tv_sec, after.st_mtim.tv_nsec),
+            std::tie(before.st_ino, before.st_mtim.tv_sec, before.st_mtim.tv_nsec));
   EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()), 1);
 
   EXPECT_EQ(db_freeQueue(), 0);
@@ -532,7 +519,7 @@ TEST_F(QueuePublication, AFolderOutsideRamIsRefusedWithOneNotice) {
     GTEST_SKIP() << "the working folder is in RAM: no folder outside it to try";
   }
   const fs::path folder = statsFolderUnder(fs::current_path());
-  parkAndRetry();
+  park("aa:bb:cc:dd:ee:01", "5");
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);  // changed again: still no second line
   const std::string why = "not a file system in RAM (tmpfs or ramfs), and writes to flash wear it";
   const std::string notice = "Queue counters are not published in " + folder.string() + ": " + why;
