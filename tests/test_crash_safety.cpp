@@ -16,10 +16,8 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using adbtest::Cell;
 using adbtest::RawDb;
 using adbtest::Received;
-using adbtest::Rows;
 using std::to_string;
 
 constexpr int kDevices = 4;
@@ -50,10 +48,9 @@ adbtest::Values sampleOf(int tick, int device) {
 // The cell of a device at a tick as the file holds it: "0" where nothing was written (a day
 // table's missing row included), "<null>" for a NULL.
 std::string cellOf(RawDb &db, int tick, int device) {
-  return db
-      .scalar("SELECT coalesce(SLOT" + to_string(slotOf(tick)) + ", '<null>') FROM RSSI" +
-              to_string(dayOf(tick)) + " WHERE MAC_S = '" + macOf(device) + "'")
-      .value_or("0");
+  const std::string cell = "coalesce(SLOT" + to_string(slotOf(tick)) + ", '<null>')";
+  const std::string table = "RSSI" + to_string(dayOf(tick)), where = "MAC_S = '" + macOf(device);
+  return db.scalar("SELECT " + cell + " FROM " + table + " WHERE " + where + "'").value_or("0");
 }
 
 // The child: one transaction per tick with one RSSI sample per device; a tick is reported
@@ -113,7 +110,7 @@ class CrashSafety : public adbtest::DbTest {
   // Checks the file after the writer's death; returns the number of complete ticks in it.
   int checkTicks(const std::string &path, int reported) {
     RawDb db(path);
-    EXPECT_EQ(db.scalar("PRAGMA integrity_check"), Cell("ok"));
+    EXPECT_EQ(db.scalar("PRAGMA integrity_check"), "ok");
     // Ticks 1..complete are in the file in full, no other is there even in part, and complete is
     // the last tick reported as committed or the one after it (committed, not yet reported).
     int complete = reported;
@@ -125,7 +122,7 @@ class CrashSafety : public adbtest::DbTest {
       }
     }
     // The index rows name the latest complete tick.
-    Rows index;
+    adbtest::Rows index;
     for (int d = 0; complete > 0 && d < kDevices; ++d) {
       index.push_back({macOf(d), to_string(timestampOf(complete)), to_string(slotOf(complete))});
     }
@@ -137,7 +134,6 @@ class CrashSafety : public adbtest::DbTest {
 TEST_F(CrashSafety, AKilledWriterLosesNoCommittedTickAndLeavesNoHalfTick) {
   createSeriesTables();
   ASSERT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
-  const std::string pristine = dbPath();
 
   const char *fixedSeed = std::getenv("ADB_CRASH_SEED");
   const unsigned seed = fixedSeed != nullptr ? std::stoul(fixedSeed) : std::random_device{}();
@@ -152,7 +148,7 @@ TEST_F(CrashSafety, AKilledWriterLosesNoCommittedTickAndLeavesNoHalfTick) {
     SCOPED_TRACE("round " + to_string(round) + ": killed after " + to_string(ticks) +
                  " reported ticks and " + to_string(share) + " of a tick");
     const std::string path = tempDir_ + "/round" + to_string(round) + ".db";
-    std::filesystem::copy_file(pristine, path);
+    std::filesystem::copy_file(dbPath(), path);
 
     int reported = 0;
     writeAndKill(path, ticks, share, reported);
