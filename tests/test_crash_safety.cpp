@@ -59,9 +59,8 @@ std::string cellOf(RawDb &db, int tick, int device) {
   ryxLogSetLevel(RYX_LOG_ERROR);
   for (int32_t tick = 1; tick <= kWeek; ++tick) {
     if (db_beginTransaction() != DB_STATUS_SUCCESS) _exit(10);
-    for (int device = 0; device < kDevices; ++device) {
+    for (int device = 0; device < kDevices; ++device)
       if (db_updateRssi(sampleOf(tick, device).data()) != DB_STATUS_SUCCESS) _exit(11);
-    }
     if (db_commitTransaction() != DB_STATUS_SUCCESS) _exit(12);
     if (write(report, &tick, sizeof tick) != sizeof tick) _exit(13);
   }
@@ -123,9 +122,8 @@ class CrashSafety : public adbtest::DbTest {
     }
     // The index rows name the latest complete tick.
     adbtest::Rows index;
-    for (int d = 0; complete > 0 && d < kDevices; ++d) {
+    for (int d = 0; complete > 0 && d < kDevices; ++d)
       index.push_back({macOf(d), to_string(timestampOf(complete)), to_string(slotOf(complete))});
-    }
     EXPECT_EQ(db.query("SELECT MAC_S, TIMESTAMP, SLT_IND FROM PRIMITIVE_RSSI ORDER BY 1"), index);
     return complete;
   }
