@@ -16,22 +16,20 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using adbtest::Cell;
 using adbtest::RawDb;
 using adbtest::Received;
-using adbtest::Rows;
 using std::to_string;
 
 constexpr int kDevices = 4;
 constexpr int kSlotsPerDay = 288;
+// The ticks a writer makes: one pass through the week's slots at most, so no tick overwrites an
+// earlier tick's cell.
 constexpr int kWeek = kSlotsPerDay * 7;
-// One pass through the week's slots at most, so no tick overwrites an earlier tick's cell.
-constexpr int kMaxTicks = kWeek;
 constexpr int kRounds = 6;
 constexpr int kMaxTicksBeforeKill = 6;  // ticks the parent waits for before its random delay
 constexpr double kMaxTickShare = 1.5;   // the delay, in ticks of the writer's measured pace
 constexpr std::chrono::microseconds kFallbackTick{3000};  // where the pace is not known yet
-constexpr int kReportTimeoutMillis = 30000;  // a writer that stays silent this long is stuck
+constexpr int kReportTimeoutMs = 30000;  // a writer that stays silent this long is stuck
 
 std::string macOf(int device) { return "AA:BB:CC:DD:EE:0" + to_string(device); }
 // Ticks walk the week with a stride prime to it: every day table is written, no slot twice.
@@ -50,24 +48,21 @@ adbtest::Values sampleOf(int tick, int device) {
 // The cell of a device at a tick as the file holds it: "0" where nothing was written (a day
 // table's missing row included), "<null>" for a NULL.
 std::string cellOf(RawDb &db, int tick, int device) {
-  return db
-      .scalar("SELECT coalesce(SLOT" + to_string(slotOf(tick)) + ", '<null>') FROM RSSI" +
-              to_string(dayOf(tick)) + " WHERE MAC_S = '" + macOf(device) + "'")
-      .value_or("0");
+  const std::string cell = "coalesce(SLOT" + to_string(slotOf(tick)) + ", '<null>')";
+  const std::string table = "RSSI" + to_string(dayOf(tick)), where = "MAC_S = '" + macOf(device);
+  return db.scalar("SELECT " + cell + " FROM " + table + " WHERE " + where + "'").value_or("0");
 }
 
 // The child: one transaction per tick with one RSSI sample per device; a tick is reported
 // through `report` once its commit returned 0. Only library calls, then _exit.
 [[noreturn]] void writeTicks(int report) {
   ryxLogSetLevel(RYX_LOG_ERROR);
-  for (int tick = 1; tick <= kMaxTicks; ++tick) {
+  for (int32_t tick = 1; tick <= kWeek; ++tick) {
     if (db_beginTransaction() != DB_STATUS_SUCCESS) _exit(10);
-    for (int device = 0; device < kDevices; ++device) {
+    for (int device = 0; device < kDevices; ++device)
       if (db_updateRssi(sampleOf(tick, device).data()) != DB_STATUS_SUCCESS) _exit(11);
-    }
     if (db_commitTransaction() != DB_STATUS_SUCCESS) _exit(12);
-    int32_t committed = tick;
-    if (write(report, &committed, sizeof committed) != sizeof committed) _exit(13);
+    if (write(report, &tick, sizeof tick) != sizeof tick) _exit(13);
   }
   _exit(0);
 }
@@ -93,12 +88,10 @@ class CrashSafety : public adbtest::DbTest {
     };
     Clock::time_point firstReport{};
     Received got = Received::kAll;
-    while (reported < ticksBeforeKill &&
-           (got = nextReport(kReportTimeoutMillis)) == Received::kAll) {
+    while (reported < ticksBeforeKill && (got = nextReport(kReportTimeoutMs)) == Received::kAll) {
       if (reported == 1) firstReport = Clock::now();
     }
-    EXPECT_NE(got, Received::kTimeout)
-        << "the writer was silent for " << kReportTimeoutMillis << " ms";
+    EXPECT_NE(got, Received::kTimeout) << "no report for " << kReportTimeoutMs << " ms";
     // The delay is a share of one tick's time where the writer's pace could be measured, so
     // that the kill lands anywhere in a tick on a fast host and under emulation alike.
     const Clock::duration tickTime =
@@ -116,25 +109,22 @@ class CrashSafety : public adbtest::DbTest {
   // Checks the file after the writer's death; returns the number of complete ticks in it.
   int checkTicks(const std::string &path, int reported) {
     RawDb db(path);
-    EXPECT_EQ(db.scalar("PRAGMA integrity_check"), Cell("ok"));
+    EXPECT_EQ(db.scalar("PRAGMA integrity_check"), "ok");
     // Ticks 1..complete are in the file in full, no other is there even in part, and complete is
     // the last tick reported as committed or the one after it (committed, not yet reported).
     int complete = reported;
-    if (reported < kMaxTicks && cellOf(db, reported + 1, 0) == valueOf(reported + 1, 0)) ++complete;
-    for (int tick = 1; tick <= kMaxTicks; ++tick) {
+    if (reported < kWeek && cellOf(db, reported + 1, 0) == valueOf(reported + 1, 0)) ++complete;
+    for (int tick = 1; tick <= kWeek; ++tick) {
       for (int device = 0; device < kDevices; ++device) {
         EXPECT_EQ(cellOf(db, tick, device), tick <= complete ? valueOf(tick, device) : "0")
             << "tick " << tick << " device " << device << ", " << reported << " reported";
       }
     }
     // The index rows name the latest complete tick.
-    Rows index;
-    for (int device = 0; complete > 0 && device < kDevices; ++device) {
-      index.push_back(
-          {macOf(device), to_string(timestampOf(complete)), to_string(slotOf(complete))});
-    }
-    EXPECT_EQ(db.query("SELECT MAC_S, TIMESTAMP, SLT_IND FROM PRIMITIVE_RSSI ORDER BY MAC_S"),
-              index);
+    adbtest::Rows index;
+    for (int d = 0; complete > 0 && d < kDevices; ++d)
+      index.push_back({macOf(d), to_string(timestampOf(complete)), to_string(slotOf(complete))});
+    EXPECT_EQ(db.query("SELECT MAC_S, TIMESTAMP, SLT_IND FROM PRIMITIVE_RSSI ORDER BY 1"), index);
     return complete;
   }
 };
@@ -142,7 +132,6 @@ class CrashSafety : public adbtest::DbTest {
 TEST_F(CrashSafety, AKilledWriterLosesNoCommittedTickAndLeavesNoHalfTick) {
   createSeriesTables();
   ASSERT_EQ(db_closeDbConnection(), DB_STATUS_SUCCESS);
-  const std::string pristine = dbPath();
 
   const char *fixedSeed = std::getenv("ADB_CRASH_SEED");
   const unsigned seed = fixedSeed != nullptr ? std::stoul(fixedSeed) : std::random_device{}();
@@ -157,7 +146,7 @@ TEST_F(CrashSafety, AKilledWriterLosesNoCommittedTickAndLeavesNoHalfTick) {
     SCOPED_TRACE("round " + to_string(round) + ": killed after " + to_string(ticks) +
                  " reported ticks and " + to_string(share) + " of a tick");
     const std::string path = tempDir_ + "/round" + to_string(round) + ".db";
-    std::filesystem::copy_file(pristine, path);
+    std::filesystem::copy_file(dbPath(), path);
 
     int reported = 0;
     writeAndKill(path, ticks, share, reported);

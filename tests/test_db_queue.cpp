@@ -5,7 +5,6 @@
 // counters are published for collectors in other processes.
 #include <linux/magic.h>
 #include <pthread.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <unistd.h>
@@ -17,7 +16,6 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -58,21 +56,18 @@ class QueueTest : public adbtest::DbTest {
   // The queue's counters since the test began (they count for the whole process).
   QueueStats counted() const {
     QueueStats now = stats();
-    uint32_t *to = &now.parked;
     const uint32_t *from = &start_.parked;
-    for (uint32_t *end = &now.length; to != end; ++to, ++from) *to -= *from;
+    for (uint32_t *to = &now.parked; to != &now.length; ++to) *to -= *from++;
     return now;
   }
 
   // Parks a capacity write as a write that met a busy database does.
-  static void park(const std::string &mac, const std::string &capacity,
-                   int32_t functionId = kCapacityId) {
-    Values values(std::vector<std::string>{mac, capacity});
-    db_manageQueue(DB_STATUS_BUSY, functionId, values.data(), values.size(), "DEVICEINFO");
+  static void park(const std::string &mac, const std::string &value, int32_t id = kCapacityId) {
+    db_manageQueue(DB_STATUS_BUSY, id, Values{mac.c_str(), value.c_str()}.data(), 2, "DEVICEINFO");
   }
 
   static int32_t writeCapacity(const std::string &mac, const std::string &capacity) {
-    return db_updateDeviceInfoCapacity(Values(std::vector<std::string>{mac, capacity}).data());
+    return db_updateDeviceInfoCapacity(Values{mac.c_str(), capacity.c_str()}.data());
   }
 
   Cell capacityOf(const std::string &mac) {
@@ -89,8 +84,6 @@ class QueueTest : public adbtest::DbTest {
     if (where != nullptr) adbtest::expectAttributed(log(), message, where);
   }
 
-  size_t gotNodeLines() { return log().countContaining("[analyticsDB] Get Node ["); }
-
  private:
   QueueStats start_{};
 };
@@ -103,10 +96,8 @@ void onThreads(int count, const std::function<void(int)> &body) {
 }
 
 TEST_F(QueueTest, OnlyBusyWritesParkAPrivateCopyThatHoldsBackItsKey) {
-  for (int32_t status : {-1, 0, 1, 2, 4, 5, 6}) {
+  for (int32_t status : {-1, 0, 1, 2, 4, 5, 6})
     EXPECT_EQ(db_manageQueue(status, kCapacityId, Values{"a", "1"}.data(), 2, "DEVICEINFO"), 0);
-  }
-  EXPECT_EQ(adbtest::queueHead(), nullptr);
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
   db_deleteQueueEntry();
   expectLogged(RYX_LOG_DEBUG, "DeleteQueueEntry - Queue is empty\n");
@@ -114,14 +105,12 @@ TEST_F(QueueTest, OnlyBusyWritesParkAPrivateCopyThatHoldsBackItsKey) {
   char mac[] = "aa:bb:cc:00:00:01", capacity[] = "7";
   char *values[] = {mac, capacity};
   EXPECT_EQ(whileBusy([&] { return db_updateDeviceInfoCapacity(values); }), DB_STATUS_BUSY);
-  WriteRequestNode *head = adbtest::queueHead();
-  ASSERT_NE(head, nullptr);
-  EXPECT_EQ(lastNode, head);
+  ASSERT_NE(lastNode, nullptr);
+  EXPECT_EQ(adbtest::queueHead(), lastNode);
   expectLogged(RYX_LOG_ERROR, "- Add Queue,1stNode func[4] Table[DEVICEINFO]\n", kBusyAppend);
   // The node owns its copies: the caller may reuse its buffers at once.
-  EXPECT_NE(head->fieldValues[0], mac);
   capacity[0] = '8';
-  EXPECT_EQ(adbtest::nodeValues(*head), (std::vector<Cell>{"aa:bb:cc:00:00:01", "7"}));
+  EXPECT_EQ(adbtest::nodeValues(*lastNode), (std::vector<Cell>{"aa:bb:cc:00:00:01", "7"}));
 
   // The database is free again, but the row waits: the same key queues behind it without a
   // statement, another key is written at once.
@@ -147,10 +136,10 @@ TEST_F(QueueTest, BusyReplayKeepsItsNodeUntilTheStallIsCleared) {
   {
     adbtest::BusyHolder holder(dbPath());
     EXPECT_EQ(db_processQueueEntry(), DB_STATUS_EMPTY);
-    EXPECT_EQ(gotNodeLines(), 320u);
+    EXPECT_EQ(log().countContaining("[analyticsDB] Get Node ["), 320u);
     expectLogged(RYX_LOG_ERROR, "Get Node, Processed Max[320],Queue is Not Empty\n");
     EXPECT_EQ(db_processQueueEntry(), DB_STATUS_BUSY);
-    EXPECT_EQ(gotNodeLines(), 500u);
+    EXPECT_EQ(log().countContaining("[analyticsDB] Get Node ["), 500u);
     expectLogged(RYX_LOG_ERROR, "Same node is getting processed for max number of time [500]\n");
     // Still held: a stalled head gets one try per call, and each such call counts a stall.
     EXPECT_EQ(db_processQueueEntry(), DB_STATUS_BUSY);
@@ -255,7 +244,6 @@ TEST_F(QueueTest, FailedAndUnknownRequestsAreRemovedAndProcessingGoesOn) {
   adbtest::expectAttributed(log(), "Function is not supported in Queue", kProcessing);
   adbtest::expectAttributed(log(), "unknown function", kProcessing);
   EXPECT_EQ(raw().scalar("SELECT group_concat(MAC_S || CAPACITY) FROM DEVICEINFO"), "aa1,bb3,ee6");
-  EXPECT_EQ(adbtest::queueHead(), nullptr);
 }
 
 TEST_F(QueueTest, LimitsOfEntriesAndOfAttemptsPerCall) {
@@ -265,13 +253,11 @@ TEST_F(QueueTest, LimitsOfEntriesAndOfAttemptsPerCall) {
   // is refused rather than written past it; a write for any other key goes to the file.
   EXPECT_EQ(whileBusy([] { return writeCapacity("late", "1"); }), DB_STATUS_QUEUE_FULL);
   EXPECT_EQ(writeCapacity("K0", "9"), DB_STATUS_QUEUE_FULL);
+  const std::string full = "Queue has MAX number of entries. Queue count [320] MAX value [320] ";
   for (auto [key, where] : {std::pair{"late", kBusyAppend}, std::pair{"K0", kNonEmptyCheck}}) {
-    EXPECT_EQ(log().count(RYX_LOG_ERROR,
-                          "Queue has MAX number of entries. Queue count [320] MAX value "
-                          "[320] func[4] Table[DEVICEINFO] Key[" +
-                              std::string(key) + "]: not written, not parked\n"),
-              1u);
-    adbtest::expectAttributed(log(), "Key[" + std::string(key) + "]", where);
+    const std::string request = "func[4] Table[DEVICEINFO] Key[" + std::string(key) + "]";
+    EXPECT_EQ(log().count(RYX_LOG_ERROR, full + request + ": not written, not parked\n"), 1u);
+    adbtest::expectAttributed(log(), request, where);
   }
   // Nothing waits for any other key, so it is written, with a line of its own.
   log().clear();
@@ -305,9 +291,8 @@ TEST_F(QueueTest, RelatedEntriesShareFamilyAndKeyPrefixAndMatchesCompareIdCountA
       {"DEVICEINFO", {nullptr}, 1},       {"DEVICEINFO", {""}, 1},
       {"DEVICEINFOX", {"aa:bb:cc"}, 1},   {"MESHTOPO", {"aa:bb:cc"}, 0},
       {nullptr, {"aa:bb:cc"}, 0}};
-  for (auto [table, key, related] : cases) {
+  for (auto [table, key, related] : cases)
     EXPECT_EQ(db_checkTableEntry(table, Values{key}.data(), 1), related) << table << " " << key;
-  }
   EXPECT_EQ(db_checkTableEntry("DEVICEINFO", nullptr, 0), 1);
   expectLogged(RYX_LOG_ERROR, " Table Name to be checked in queue is empty\n");
 
@@ -352,15 +337,14 @@ TEST_F(QueueTest, NodeNeverHoldsMoreThanItsCapacity) {
   EXPECT_EQ(queueCount, 1);
 
   // Filling by hand copies no more than the node holds, whatever count it records.
-  Values values(std::vector<std::string>(60, "x"));
   auto *node = static_cast<WriteRequestNode *>(std::calloc(1, sizeof(WriteRequestNode)));
-  EXPECT_EQ(queue_fillDetails(node, 3, values.data(), 60, std::string(200, 'T').c_str()), 0);
+  EXPECT_EQ(queue_fillDetails(node, 3, fiftyOne.data(), 51, std::string(200, 'T').c_str()), 0);
   EXPECT_EQ(std::tuple(node->fieldCount, adbtest::nodeValues(*node).size(), node->tableName),
-            std::tuple(60, 50u, std::string(126, 'T')));
+            std::tuple(51, 50u, std::string(126, 'T')));
   log().clear();
   printQueueNode(node);
   EXPECT_EQ(log().countContaining("Field["), 50u);
-  EXPECT_TRUE(log().has(RYX_LOG_DEBUG, "Field[49]: [x], "));
+  EXPECT_TRUE(log().has(RYX_LOG_DEBUG, "Field[49]: [v49], "));
   freeNode(node);
 }
 
@@ -407,11 +391,9 @@ TEST_F(QueueTest, ThreadsShareOneConnectionAndAppendWhileOneProcesses) {
   // connection's, and after the threads, one more.
   constexpr int kThreads = 8;
   auto openOnFile = [this] {
-    return std::count_if(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator(),
-                         [this](const fs::directory_entry &fd) {
-                           std::error_code error;
-                           return fs::read_symlink(fd.path(), error) == dbPath();
-                         });
+    std::error_code error;
+    auto isDb = [&](const fs::path &fd) { return fs::read_symlink(fd, error) == dbPath(); };
+    return std::count_if(fs::directory_iterator("/proc/self/fd"), {}, isDb);
   };
   const auto before = openOnFile();
   for (int round = 0; round < 10; ++round) {
@@ -428,8 +410,7 @@ TEST_F(QueueTest, ThreadsShareOneConnectionAndAppendWhileOneProcesses) {
 
   // Then four threads write (the connection is open now) while a fifth processes until they are
   // done and the queue is empty.
-  constexpr int kWriters = 4;
-  constexpr int kWritesEach = 60;
+  constexpr int kWriters = 4, kWritesEach = 60;
   std::atomic<int> writersDone{0};
   onThreads(kWriters + 1, [&writersDone](int t) {
     if (t == kWriters) {
@@ -464,16 +445,15 @@ std::string contentsOf(const fs::path &path) {
   return std::string(std::istreambuf_iterator<char>(file), {});
 }
 
-// What the file must hold for counters `s`, in the order collectors may rely on.
+// What the file must hold for counters `s`, in the order collectors may rely on (that of the
+// struct's fields). The process name ends with its newline.
 std::string published(const QueueStats &s) {
-  const std::string process = contentsOf("/proc/self/comm");  // ends with its newline
-  std::ostringstream text;
-  text << "pid " << getpid() << "\nprocess " << process << "parked " << s.parked << "\nreplayed "
-       << s.replayed << "\nretried " << s.retried << "\ndroppedError " << s.droppedError
-       << "\ndroppedMalformed " << s.droppedMalformed << "\nfreed " << s.freed << "\nrefused "
-       << s.refused << "\nstalls " << s.stalls << "\nlength " << s.length << "\npeakLength "
-       << s.peakLength << "\n";
-  return text.str();
+  auto text = "pid " + std::to_string(getpid()) + "\nprocess " + contentsOf("/proc/self/comm");
+  const uint32_t *value = &s.parked;
+  for (const char *name : {"parked", "replayed", "retried", "droppedError", "droppedMalformed",
+                           "freed", "refused", "stalls", "length", "peakLength"})
+    text += std::string(name) + " " + std::to_string(*value++) + "\n";
+  return text;
 }
 
 class QueuePublication : public QueueTest {
@@ -495,13 +475,6 @@ class QueuePublication : public QueueTest {
     return fs::path(pattern) / "stats";
   }
 
-  // Parks a write, and processes once while the database is held.
-  void parkAndRetry() {
-    park("aa:bb:cc:dd:ee:01", "5");
-    adbtest::BusyHolder holder(dbPath());
-    EXPECT_EQ(db_processQueueEntry(), DB_STATUS_EMPTY);
-  }
-
  private:
   std::vector<fs::path> made_;
 };
@@ -509,21 +482,19 @@ class QueuePublication : public QueueTest {
 TEST_F(QueuePublication, ChangedCountersReplaceTheFileAndFreeingRemovesIt) {
   const fs::path folder = statsFolderUnder("/dev/shm");
   const fs::path file = folder / ("queue." + std::to_string(getpid()));
-  parkAndRetry();
-  EXPECT_EQ(stats().length, 1u);
+  park("aa:bb:cc:dd:ee:01", "5");  // then processed once while the database is held
+  EXPECT_EQ(whileBusy([] { return db_processQueueEntry(); }), DB_STATUS_EMPTY);
   EXPECT_EQ(contentsOf(file), published(stats()));
 
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
   EXPECT_EQ(contentsOf(file), published(stats()));
   // Nothing changed: the file is not written again, and no temporary file is left beside it.
-  auto stamp = [&file] {
-    struct stat now {};
-    EXPECT_EQ(stat(file.c_str(), &now), 0);
-    return std::make_tuple(now.st_ino, now.st_mtim.tv_sec, now.st_mtim.tv_nsec);
-  };
-  const auto first = stamp();
+  struct stat before {}, after {};
+  ASSERT_EQ(stat(file.c_str(), &before), 0);
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);
-  EXPECT_EQ(stamp(), first);
+  ASSERT_EQ(stat(file.c_str(), &after), 0);
+  EXPECT_EQ(std::tie(after.st_ino, after.st_mtim.tv_sec, after.st_mtim.tv_nsec),
+            std::tie(before.st_ino, before.st_mtim.tv_sec, before.st_mtim.tv_nsec));
   EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()), 1);
 
   EXPECT_EQ(db_freeQueue(), 0);
@@ -540,13 +511,11 @@ TEST_F(QueuePublication, AFolderOutsideRamIsRefusedWithOneNotice) {
     GTEST_SKIP() << "the working folder is in RAM: no folder outside it to try";
   }
   const fs::path folder = statsFolderUnder(fs::current_path());
-  parkAndRetry();
+  park("aa:bb:cc:dd:ee:01", "5");
   EXPECT_EQ(db_processQueueEntry(), DB_STATUS_SUCCESS);  // changed again: still no second line
-  EXPECT_EQ(logged(RYX_LOG_NOTICE, "Queue counters are not published in " + folder.string() +
-                                       ": not a file system in RAM (tmpfs or ramfs), and writes to "
-                                       "flash wear it\n"),
-            1u)
-      << log().dump();
+  const std::string why = "not a file system in RAM (tmpfs or ramfs), and writes to flash wear it";
+  const std::string notice = "Queue counters are not published in " + folder.string() + ": " + why;
+  EXPECT_EQ(logged(RYX_LOG_NOTICE, notice + "\n"), 1u) << log().dump();
   EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()), 0);
 }
 
