@@ -12,7 +12,7 @@ namespace {
 
 using adbtest::Values;
 
-constexpr unsigned char kGuard = 0xA5;
+constexpr char kGuard = static_cast<char>(0xA5);
 constexpr size_t kGuardBytes = 16;
 
 // Runs `compose` on a buffer of `size` bytes filled with `fill` and followed by guard bytes,
@@ -20,12 +20,11 @@ constexpr size_t kGuardBytes = 16;
 // returns the text.
 std::string composeWithin(int32_t size, const std::function<void(char *, int32_t)> &compose,
                           char fill = '\0') {
-  std::vector<char> storage(static_cast<size_t>(size) + kGuardBytes, static_cast<char>(kGuard));
+  std::vector<char> storage(static_cast<size_t>(size) + kGuardBytes, kGuard);
   std::memset(storage.data(), fill, static_cast<size_t>(size));
   compose(storage.data(), size);
-  for (size_t i = static_cast<size_t>(size); i < storage.size(); ++i) {
-    EXPECT_EQ(static_cast<unsigned char>(storage[i]), kGuard) << "written past the buffer at " << i;
-  }
+  const std::string behind(storage.begin() + size, storage.end());
+  EXPECT_EQ(behind, std::string(kGuardBytes, kGuard)) << "written past the buffer";
   size_t length = strnlen(storage.data(), static_cast<size_t>(size));
   EXPECT_LT(length, static_cast<size_t>(size)) << "text not terminated inside the buffer";
   return std::string(storage.data(), length);
@@ -34,11 +33,10 @@ std::string composeWithin(int32_t size, const std::function<void(char *, int32_t
 // composeWithin for a text builder made over the buffer.
 std::string buildWithin(int32_t size, const std::function<void(adb::TextBuilder &)> &build,
                         char fill = 'x') {
-  auto compose = [&](char *buffer, int32_t n) {
+  return composeWithin(size, [&](char *buffer, int32_t n) {
     adb::TextBuilder builder(buffer, static_cast<size_t>(n));
     build(builder);
-  };
-  return composeWithin(size, compose, fill);
+  }, fill);
 }
 
 // A read of the shape the record APIs compose, with every kind of piece.
@@ -271,10 +269,10 @@ TEST_F(Statements, DeletesDropsTransactionsAndForeignKeys) {
   EXPECT_EQ(db_setForeignKey(), DB_STATUS_SUCCESS);
   EXPECT_TRUE(logged(RYX_LOG_DEBUG, "Set Foreign Key enable"));
 
+  // (The table gone, and a missing one dropped as well:
+  // Delete.DropsAlsoOfMissingTablesAndTheirReplaysWithTheirHistoricNames.)
   EXPECT_EQ(db_dropTable("DEV"), DB_STATUS_SUCCESS);
   EXPECT_TRUE(loggedStatement("DROP TABLE IF EXISTS  DEV"));
-  EXPECT_FALSE(raw().tableExists("DEV"));
-  EXPECT_EQ(db_dropTable("DEV"), DB_STATUS_SUCCESS);  // missing: still fine
   EXPECT_EQ(db_dropTable(nullptr), DB_STATUS_FAILURE);
   EXPECT_TRUE(error("Drop: Check tablename\n"));
 }
