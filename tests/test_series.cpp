@@ -274,6 +274,8 @@ TEST_F(Series, EightDaysOfTicksKeepTheCacheBoundedAndReadBackAsLatestSpans) {
       expected.push_back(static_cast<uint64_t>(tick * 10));
     EXPECT_EQ(slotsOf(*record), expected);
   }
+  // A successful read logs no failure.
+  EXPECT_EQ(log().countContaining("CMA Reading Rx tables failed"), 0u);
   EXPECT_EQ(log().count(RYX_LOG_ERROR, "More than MAX [1] WAN found in DB"), 2u);
 
   // A start after the latest sample is no span.
