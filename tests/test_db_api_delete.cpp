@@ -123,6 +123,7 @@ TEST_F(Delete, DropsAlsoOfMissingTablesAndTheirReplaysWithTheirHistoricNames) {
   createSeriesTables();
   EXPECT_EQ(db_dropRssiTable(3), DB_STATUS_SUCCESS);
   EXPECT_FALSE(raw().tableExists("RSSI3"));
+  EXPECT_EQ(db_dropRssiTable(3), DB_STATUS_SUCCESS);  // already gone: still a success
   EXPECT_EQ(db_dropPrimitiveBandwidthRxTable(), DB_STATUS_SUCCESS);
   EXPECT_FALSE(raw().tableExists("PRIMITIVE_BANDWIDTHRX"));
   EXPECT_EQ(db_dropMeshTopoTable(), DB_STATUS_SUCCESS);

@@ -348,6 +348,13 @@ TEST_P(WeekReads, PlaceEverySlotByItsColumnName) {
     EXPECT_EQ(rows, expectedRows);
     db_freeBandWidthResult(&week, rows);
   }
+  // A MAC that makes the week's query one character longer than its buffer: the cut statement
+  // fails, it is not run whole.
+  const std::string longMac(802, 'm');
+  raw().exec("INSERT INTO PRIMITIVE_BANDWIDTHRX (MAC_S) VALUES ('" + longMac + "')");
+  BandWidthRecord **none = nullptr;
+  int32_t rows = 0;
+  EXPECT_EQ(db_readMacBandWidthRx(longMac.c_str(), &none, &rows), DB_STATUS_FAILURE);
 }
 
 INSTANTIATE_TEST_SUITE_P(DaysOf, WeekReads, ::testing::Values(288, 10));

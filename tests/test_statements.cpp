@@ -236,6 +236,11 @@ TEST_F(Statements, WritesInsertThenUpdateByKeyKeepingNullColumnsAndDoublingQuote
   EXPECT_EQ(raw().scalar("SELECT (SELECT V FROM CASED) || (SELECT V FROM NUMKEY)"), "21");
   EXPECT_EQ(write({"nk"}, {"MAC_S"}, nullptr), DB_STATUS_SUCCESS);
   EXPECT_EQ(raw().scalar("SELECT count(*) FROM DEV WHERE MAC_S = 'nk'"), "1");
+  // A table name that is not a plain name is never compiled: its text runs as it stands, here an
+  // INSERT of no value into the key, which stops the statements after it.
+  EXPECT_EQ(db_tryInsert("DEV (MAC_S) VALUES(?);DELETE FROM DEV;--", Values{"MAC_S"}.data(),
+                         Values{"zz"}.data(), 1),
+            DB_STATUS_CONSTRAINT);
 }
 
 TEST_F(Statements, DeletesDropsTransactionsAndForeignKeys) {
