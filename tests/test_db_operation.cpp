@@ -6,7 +6,6 @@
 #include <chrono>
 #include <fstream>
 #include <optional>
-#include <regex>
 #include <string>
 #include <thread>
 
@@ -147,7 +146,11 @@ TEST_F(Operation, ProfilesStatementsOnlyWhileTheMarkerExists) {
   EXPECT_EQ(line->level, RYX_LOG_INFO);
   EXPECT_EQ(line->where(), "db_operation db_write");
   // The figures vary: each is masked.
-  const auto text = std::regex_replace(std::string(line->message()), std::regex(R"(\d+\])"), "n]");
+  std::string text(line->message());
+  for (const std::string figure : {"Time [", "ticks ["}) {
+    const size_t from = text.find(figure) + figure.size();
+    text.replace(from, text.find(']', from) - from, "n");
+  }
   EXPECT_EQ(text, "[analyticsDB] Profile : Time [n] millisecs  Clock ticks [n] API "
                   "[INSERT INTO T VALUES('cc', 1)]");
 
